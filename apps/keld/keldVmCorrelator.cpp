@@ -1,0 +1,7 @@
+#include "keldVmCorrelator.h"
+
+#include "keldTranslation.h"
+
+const KeldDomain keldVmDomain{.name = "VM", .domains = {"vm"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+
+void KeldCorrelator_StartVM() { KeldDomainRun(keldVmDomain); }
