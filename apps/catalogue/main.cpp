@@ -123,7 +123,7 @@ private:
             entry["clears"] = clears;
             entry["pairedOn"] = SplitList(event.pairing.on);
         }
-        const auto same = std::ranges::find(mEvents, type, [](const ordered_json &e) { return e["type"]; });
+        const auto same = Find(type);
         if (same == mEvents.end())
             mEvents.push_back(std::move(entry));
         else if (*same != entry)
@@ -131,10 +131,14 @@ private:
         return type;
     }
 
+    std::vector<ordered_json>::iterator Find(const std::string &type)
+    {
+        return std::ranges::find_if(mEvents, [&](const ordered_json &event) { return event["type"] == type; });
+    }
+
     ordered_json &EventOf(const std::string &type)
     {
-        const auto found =
-            std::ranges::find(mEvents, type, [](const ordered_json &e) { return e["type"]; });
+        const auto found = Find(type);
         if (found == mEvents.end())
             throw std::runtime_error(fmt::format("{} is said to be cleared, but is no event", type));
         return *found;
