@@ -335,7 +335,32 @@ TEST_F(ChannelTest, ADatagramIsNeverSplit)
     EXPECT_EQ(0U, mCount);
     EXPECT_EQ(POLLIN, Events(fd)) << "nothing was consumed";
     EXPECT_EQ("kel.a", Read(fd, 199));
+    EXPECT_EQ(POLLIN, Events(fd));
     EXPECT_EQ("kel.a kel.a", Read(fd, 200));
+    EXPECT_EQ("", Read(fd));
+    EXPECT_EQ(0, Events(fd));
+    EXPECT_EQ(std::vector<std::string>(), mLog.Lines());
+}
+
+TEST_F(ChannelTest, WhatHasToWaitIsReportedByPollWhateverTheQueueHolds)
+{
+    const int fd = FdOf(Open(0));
+    RawProducer producer(0);
+    fcntl(producer.Fd(), F_SETFL, O_NONBLOCK);
+    int queued = 0;
+    while (producer.Send(RecordOf(100)) == 0)
+        ++queued;
+    for (; queued > 0; --queued) {
+        EXPECT_EQ(POLLIN, Events(fd));
+        EXPECT_EQ("27", Read(fd, 50));
+        EXPECT_EQ(POLLIN, Events(fd));
+        EXPECT_EQ("kel.a", Read(fd, 150)) << queued; // the next one is one too many
+    }
+    EXPECT_EQ("", Read(fd));
+    EXPECT_EQ(0, Events(fd));
+    ASSERT_EQ(0, producer.Send({}));
+    EXPECT_EQ("", Read(fd));
+    EXPECT_EQ(1U, mLog.Lines().size()) << "a producer's empty datagram is still told apart";
 }
 
 TEST_F(ChannelTest, ABatchIsAtMost131071Bytes)
@@ -365,7 +390,7 @@ TEST_F(ChannelTest, ASingleDatagramOfMoreWaitsForALargerBuffer)
     ASSERT_EQ(0, producer.Send(Join(half, half)));
     ASSERT_EQ(0, producer.Send(good));
     std::string results;
-    for (const std::size_t size : {8192, 12288, 18432, 27648, 41472, 62208, 93312, 131071})
+    for (const unsigned size : {8192U, 12288U, 18432U, 27648U, 41472U, 62208U, 93312U, 131071U})
         results += Read(fd, size) + " ";
     EXPECT_EQ("27 27 27 27 27 27 27 27 ", results);
     EXPECT_EQ("kel.a kel.a", Read(fd));

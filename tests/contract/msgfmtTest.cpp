@@ -84,8 +84,8 @@ TEST(MsgFmtTest, PacksIntoExactlyTheRoomItNeeds)
 
 TEST(MsgFmtTest, AnIntegerHasTheTypeOfItsConversion)
 {
-    const Area area("%d %hhd %c %ld %zd %u %hx %lu %zu", -1, -1, 'c', -1L, ssize_t{-1}, ~0U,
-                    static_cast<unsigned short>(9), ~0UL, ~std::size_t{0});
+    const Area area("%d %hhd %c %ld %zd %u %hx %lu %zu", -1, static_cast<signed char>(-1), 'c', -1L,
+                    ssize_t{-1}, ~0U, static_cast<unsigned short>(9), ~0UL, ~std::size_t{0});
     EXPECT_EQ("-1 -1 c -1 -1 4294967295 9 18446744073709551615 18446744073709551615",
               area.Render("%d %hhd %c %ld %zd %u %hx %lu %zu"));
     EXPECT_EQ("-1 -1 99 -1 -1 ffffffff 9 ffffffffffffffff ffffffffffffffff",

@@ -2,7 +2,13 @@
 //
 // An asynchronous context is a datagram socket, the user-level context a listening sequenced-packet
 // socket whose connections the caller keeps. Nothing is remembered about a connection; what is
-// remembered about a channel lies in Host.
+// remembered about a channel lies in its handle and in Host.
+//
+// A datagram that does not fit the caller's buffer has to wait, but once received it cannot be put
+// back, and to look at it before costs as much again. So asynchronous contexts, which carry nearly
+// everything, are received into memory of the library's own. What does not fit is kept there, and an
+// empty datagram from the channel to itself, its bell, goes on telling poll that something waits. A
+// connection cannot send to itself: there the library looks first.
 #include "kltlibs/kel.h"
 
 #include "diagnostic.h"
@@ -19,6 +25,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <sys/file.h>
@@ -30,6 +37,9 @@ struct KelLibHandle {
     int context;
     UniqueFd fd;
     std::string path;
+    std::unique_ptr<char[]> kept; // a datagram received but not yet handed out
+    std::size_t keptBytes = 0;
+    unsigned bells = 0; // bells on their way through the queue
 };
 
 namespace {
@@ -76,13 +86,13 @@ private:
 
 // What this process has of the run directory; main thread only.
 struct Host {
-    Host() { fds.fill(-1); }
+    Host() { asyncFds.fill(-1); }
 
     std::string directory; // of the lock, which lasts while a channel is open
     UniqueFd lock;
     UniqueFd spare; // given up for a moment when there is no descriptor left to accept with
     std::array<std::unique_ptr<KelLibHandle>, kContexts> handles;
-    std::array<int, kContexts> fds; // of handles, for the look-up at every read
+    std::array<int, KELLIB_ASYNC_CONTEXTS> asyncFds; // of handles, for the look-up at every read
     std::array<DropLog, kContexts> dropLogs;
 };
 
@@ -102,13 +112,18 @@ void NameOf(int context, char name[KELLIB_NAME_BYTES_MAX])
 
 // ---- Reading --------------------------------------------------------------------------------------
 
-// The context whose records come from a descriptor: a descriptor of no asynchronous context is a
-// producer's connection.
-int ContextOf(int fd)
+// Where datagrams are received. The kernel makes none of more than 4 MiB and a few pages; only what is
+// used becomes resident.
+constexpr std::size_t kArenaBytes = 8 << 20;
+char arena[kArenaBytes];
+
+// The asynchronous context of a descriptor; null for any other, which can only be a connection.
+KelLibHandle *AsyncHandleOf(int fd)
 {
-    const auto &fds = TheHost().fds;
-    const auto found = std::find(fds.begin(), fds.end(), fd);
-    return found != fds.end() ? static_cast<int>(found - fds.begin()) : KELLIB_USER_CONTEXT;
+    const Host &host = TheHost();
+    const auto found = std::find(host.asyncFds.begin(), host.asyncFds.end(), fd);
+    if (found == host.asyncFds.end()) return nullptr;
+    return host.handles[static_cast<std::size_t>(found - host.asyncFds.begin())].get();
 }
 
 void LogDrop(int context, std::size_t bytes, const char *reason)
@@ -118,11 +133,126 @@ void LogDrop(int context, std::size_t bytes, const char *reason)
     TheHost().dropLogs[static_cast<std::size_t>(context)].Write(name, bytes, reason);
 }
 
-// The length of the next datagram, which stays where it is; negative with errno.
-ssize_t PeekLength(int fd) { return recv(fd, nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT); }
+// What one read has gathered so far in the caller's buffer.
+struct Batch {
+    int context;
+    char *buffer;
+    std::size_t size;
+    std::size_t used = 0;
+    int drops = 0;
+
+    bool Fits(std::size_t length) const
+    {
+        const std::size_t limit = used == 0 ? size : std::min<std::size_t>(size, KELLIB_BATCH_BYTES_MAX);
+        return used <= limit && length <= limit - used;
+    }
+
+    void Add(const char *datagram, std::size_t length)
+    {
+        KelFaultText fault;
+        if (KelValidate_Batch(datagram, length, &fault)) {
+            std::memcpy(buffer + used, datagram, length);
+            used += length;
+        } else {
+            Drop(length, fault.data());
+        }
+    }
+
+    void Drop(std::size_t length, const char *reason)
+    {
+        LogDrop(context, length, reason);
+        ++drops;
+    }
+
+    // The result of a read that an error or the lack of room ends: what was gathered comes first.
+    int End(int status) const { return used > 0 || status == EAGAIN ? 0 : status; }
+};
+
+sockaddr_un AddressOf(const std::string &path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    Str_Strcpy(address.sun_path, path.c_str(),
+               sizeof address.sun_path); // shorter by the run directory's limit
+    return address;
+}
+
+// The next datagram, valid until the next call; negative with errno.
+ssize_t Receive(KelLibHandle &handle, const char **datagram)
+{
+    if (handle.kept != nullptr) {
+        *datagram = handle.kept.get();
+        return static_cast<ssize_t>(handle.keptBytes);
+    }
+    *datagram = arena;
+    ssize_t length = recv(handle.fd.Get(), arena, sizeof arena, MSG_DONTWAIT);
+    while (length == 0 && handle.bells > 0) {
+        --handle.bells;
+        length = recv(handle.fd.Get(), arena, sizeof arena, MSG_DONTWAIT);
+    }
+    return length;
+}
+
+// Keeps what Receive gave, for the next call to give it again.
+int Keep(KelLibHandle &handle, const char *datagram, std::size_t length)
+{
+    if (handle.kept != nullptr) return 0;
+    handle.kept.reset(new (std::nothrow) char[length]);
+    if (handle.kept == nullptr) return ENOMEM;
+    std::memcpy(handle.kept.get(), datagram, length);
+    handle.keptBytes = length;
+    const sockaddr_un address = AddressOf(handle.path);
+    if (sendto(handle.fd.Get(), nullptr, 0, MSG_DONTWAIT | MSG_NOSIGNAL,
+               reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+        ++handle.bells;
+    return 0;
+}
+
+int ReadChannel(KelLibHandle &handle, Batch &batch)
+{
+    while (batch.drops < kDropsPerReadMax) {
+        const char *datagram;
+        const ssize_t received = Receive(handle, &datagram);
+        if (received < 0) return batch.End(errno);
+        const std::size_t length = static_cast<std::size_t>(received);
+        if (batch.Fits(length)) {
+            batch.Add(datagram, length);
+            handle.kept.reset();
+        } else if (Keep(handle, datagram, length) == 0) {
+            return batch.End(KELLIB_STATUS_TOO_SMALL);
+        } else {
+            batch.Drop(length, "no memory to keep it");
+        }
+    }
+    return 0;
+}
 
 // Takes the next datagram away; its length, or negative with errno.
 ssize_t Discard(int fd) { return recv(fd, nullptr, 0, MSG_TRUNC | MSG_DONTWAIT); }
+
+int ReadConnection(int fd, Batch &batch)
+{
+    while (batch.drops < kDropsPerReadMax) {
+        const ssize_t waiting = recv(fd, nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
+        if (waiting < 0) return batch.End(errno);
+        if (waiting == 0) {
+            // The peer's end of stream, or an empty packet, which looks the same. A peer that has only
+            // half closed would be reported readable for ever: shut down, poll tells of a hang-up.
+            if (batch.used == 0) shutdown(fd, SHUT_RDWR);
+            return 0;
+        }
+        const std::size_t length = static_cast<std::size_t>(waiting);
+        if (length > KELLIB_BATCH_BYTES_MAX) {
+            Discard(fd);
+            batch.Drop(length, "larger than a batch may be");
+            continue;
+        }
+        if (!batch.Fits(length)) return batch.End(KELLIB_STATUS_TOO_SMALL);
+        if (recv(fd, arena, length, MSG_DONTWAIT) < 0) return batch.End(errno);
+        batch.Add(arena, length);
+    }
+    return 0;
+}
 
 // ---- Opening --------------------------------------------------------------------------------------
 
@@ -170,10 +300,7 @@ SocketKind KindOf(int context)
 int BindSocket(KelLibHandle &handle)
 {
     const SocketKind kind = KindOf(handle.context);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (Str_Strcpy(address.sun_path, handle.path.c_str(), sizeof address.sun_path) != 0)
-        return Complain(handle.path, "bind", ENAMETOOLONG);
+    const sockaddr_un address = AddressOf(handle.path);
     if (unlink(handle.path.c_str()) != 0 && errno != ENOENT) return Complain(handle.path, "unlink", errno);
     UniqueFd fd(socket(AF_UNIX, kind.type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd) return Complain(handle.path, "socket", errno);
@@ -212,8 +339,10 @@ int OpenContext(int context, KelLibHandle **handle)
         UnlockWhenUnused(host);
         return error;
     }
-    if (context == KELLIB_USER_CONTEXT) host.spare.Reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    host.fds[static_cast<std::size_t>(context)] = opened->fd.Get();
+    if (context == KELLIB_USER_CONTEXT)
+        host.spare.Reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    else
+        host.asyncFds[static_cast<std::size_t>(context)] = opened->fd.Get();
     slot = std::move(opened);
     *handle = slot.get();
     return 0;
@@ -239,58 +368,24 @@ int SocketOption(int fd, int option)
 
 int KelLib_ReadFromFd(int fd, void *buffer, uint32_t size, uint32_t *byteCount)
 {
-    *byteCount = 0;
-    const int context = ContextOf(fd);
-    const bool connection = context == KELLIB_USER_CONTEXT;
-    std::size_t used = 0;
-    for (int drops = 0; drops < kDropsPerReadMax;) {
-        // A look first, for a datagram once received cannot be put back.
-        const ssize_t waiting = PeekLength(fd);
-        if (waiting < 0) {
-            if (errno != EAGAIN && used == 0) return errno;
-            break;
-        }
-        if (waiting == 0 && connection) {
-            // The peer's end of stream, or an empty packet, which looks the same. A peer that has only
-            // half closed would be reported readable for ever: shut down, poll tells of a hang-up.
-            if (used == 0) shutdown(fd, SHUT_RDWR);
-            break;
-        }
-        const std::size_t length = static_cast<std::size_t>(waiting);
-        if (connection && length > KELLIB_BATCH_BYTES_MAX) {
-            Discard(fd);
-            LogDrop(context, length, "larger than a batch may be");
-            ++drops;
-            continue;
-        }
-        const std::size_t limit = used == 0 ? size : std::min<std::size_t>(size, KELLIB_BATCH_BYTES_MAX);
-        if (used > limit || length > limit - used) {
-            if (used == 0) return KELLIB_STATUS_TOO_SMALL;
-            break;
-        }
-        char *to = static_cast<char *>(buffer) + used;
-        if (recv(fd, to, length, MSG_DONTWAIT) < 0) {
-            if (errno != EAGAIN && used == 0) return errno;
-            break;
-        }
-        KelFaultText fault;
-        if (KelValidate_Batch(to, length, &fault)) {
-            used += length;
-        } else {
-            LogDrop(context, length, fault.data());
-            ++drops;
-        }
-    }
-    *byteCount = static_cast<uint32_t>(used);
-    return 0;
+    KelLibHandle *channel = AsyncHandleOf(fd);
+    Batch batch = {channel != nullptr ? channel->context : KELLIB_USER_CONTEXT, static_cast<char *>(buffer),
+                   size};
+    const int status = channel != nullptr ? ReadChannel(*channel, batch) : ReadConnection(fd, batch);
+    *byteCount = static_cast<uint32_t>(batch.used);
+    return status;
 }
 
 int KelLib_Reset(KelLibHandle *handle)
 {
     if (handle == nullptr) return EINVAL;
     if (handle->context == KELLIB_USER_CONTEXT) return 0; // what waits there are producers, not records
-    for (int discarded = 0; discarded < kDropsPerReadMax; ++discarded)
-        if (Discard(handle->fd.Get()) < 0) return errno == EAGAIN ? 0 : errno;
+    handle->kept.reset();
+    for (int discarded = 0; discarded < kDropsPerReadMax; ++discarded) {
+        const ssize_t length = Discard(handle->fd.Get());
+        if (length < 0) return errno == EAGAIN ? 0 : errno;
+        if (length == 0 && handle->bells > 0) --handle->bells;
+    }
     return 0;
 }
 
@@ -346,8 +441,10 @@ int KelLib_Close(KelLibHandle *handle)
     const std::size_t index = static_cast<std::size_t>(handle->context);
     int error = unlink(handle->path.c_str()) == 0 || errno == ENOENT ? 0 : errno;
     if (close(handle->fd.Release()) != 0 && error == 0) error = errno;
-    if (handle->context == KELLIB_USER_CONTEXT) host.spare.Reset();
-    host.fds[index] = -1;
+    if (handle->context == KELLIB_USER_CONTEXT)
+        host.spare.Reset();
+    else
+        host.asyncFds[index] = -1;
     host.handles[index].reset();
     UnlockWhenUnused(host);
     return error;
