@@ -14,30 +14,13 @@
 
 #include "keldAgent.h"
 #include "keldAlarm.h"
-#include "keldApdCorrelator.h"
 #include "keldChannel.h"
-#include "keldClockCorrelator.h"
-#include "keldCpuCorrelator.h"
+#include "keldDomains.h"
 #include "keldDispatch.h"
-#include "keldDsfsCorrelator.h"
-#include "keldGenericCorrelator.h"
-#include "keldHardwareCorrelator.h"
-#include "keldIscsiCorrelator.h"
 #include "keldLog.h"
-#include "keldMigrateCorrelator.h"
-#include "keldNetCorrelator.h"
-#include "keldPageRetireCorrelator.h"
 #include "keldPling.h"
-#include "keldQuillfsCorrelator.h"
-#include "keldScsiCorrelator.h"
 #include "keldSignal.h"
-#include "keldSwapCorrelator.h"
 #include "keldTrace.h"
-#include "keldUserCorrelator.h"
-#include "keldUserWorldCorrelator.h"
-#include "keldVfatCorrelator.h"
-#include "keldVmCorrelator.h"
-#include "keldZornCorrelator.h"
 
 #include <kltlibs/kif.h>
 
@@ -59,16 +42,6 @@ constexpr std::size_t kFixedSlots = kTraceSlot + 1;
 constexpr std::size_t kSlotsMax = 32;
 static_assert(kSlotsMax - kFixedSlots == 8, "eight producers at a time");
 constexpr short kBroken = POLLERR | POLLHUP | POLLNVAL;
-
-constexpr KeldAgentEntry kAgents[] = {
-    KeldCorrelator_StartNet,      KeldCorrelator_StartScsi,       KeldCorrelator_StartAPD,
-    KeldCorrelator_StartiScsi,    KeldCorrelator_StartDsfs,       KeldCorrelator_StartUser,
-    KeldCorrelator_StartHardware, KeldCorrelator_StartCpu,        KeldCorrelator_StartUW,
-    KeldCorrelator_StartSwap,     KeldCorrelator_StartVM,         KeldCorrelator_StartGeneric,
-    KeldCorrelator_StartMigrate,  KeldCorrelator_StartPageRetire, KeldCorrelator_StartQuillfs,
-    KeldCorrelator_StartVfat,     KeldCorrelator_StartClock,      KeldCorrelator_StartZorn,
-};
-static_assert(std::size(kAgents) == 18);
 
 struct PollTable {
     std::unique_ptr<pollfd[]> slots;
@@ -169,8 +142,8 @@ int Daemon::Start(bool asyncEnable, bool optionalAgents)
     mPoll.Append(KeldTraceOpen(nullptr));
 
     if ((error = KeldDispatchInit()) != 0) return error;
-    for (const KeldAgentEntry entry : kAgents)
-        KeldAgentStart(entry);
+    for (const KeldCorrelatorEntry &correlator : keldCorrelators)
+        KeldAgentStart(correlator.start);
     (void)optionalAgents;
     if (!KeldRecordBufferInit(&mBuffer)) {
         KeldLog("Error allocating space for kel buffer. Out of memory\n");
