@@ -29,6 +29,7 @@ protected:
     {
         KTime_SetSource(&clock);
     }
+
     // Observe(MakeKel("kel.net.vmnic.linkstate.down", "%s", "vmnic2"));
     void Observe(const TestKel &kel)
     {
