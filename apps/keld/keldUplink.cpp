@@ -192,8 +192,9 @@ void ReportPortGroupsDown(const std::string &nic)
     if (batch == tables.pgDownBatches.end()) return;
     ClearState(nic, PgUplinkDown);
     const std::string virtualSwitch = VirtualSwitchOf(batch->second);
-    // KEPT: the batch stays without a time of its own; later transitions of the NIC join it, and a
-    // watchdog timeout that finds them may still report or drop it.
+    // KEPT: the batch stays, without its bit and without a time: later transitions of the NIC join it and
+    // are not reported. The NIC's link states, which the bit held back, carry the news from here on;
+    // dropping the batch would report both.
     if (virtualSwitch.empty()) return;
 
     const auto [connectivity, redundancy, degraded] =
@@ -221,8 +222,9 @@ void ReportDvPortsDown(const std::string &nic)
     tables.dvPortDownBatches.erase(batch);
 }
 
-// KEPT: the item is looked for among the port groups also when it is a DVPort, and a DVPort is forgotten
-// by its NIC alone. A DVPort lost on another NIC must keep connectivity from being called restored.
+// KEPT: the item is looked for among the port groups also when it is a DVPort; a DVPort is forgotten by
+// its NIC alone. Looked for in its own table, a DVPort whose other uplink came up would be forgotten with
+// its first NIC still down, and connectivity would be called restored sooner than receivers expect.
 void ForgetLost(std::vector<LostItem> &portGroups, std::vector<LostItem> &dvPorts, const std::string &nic,
                 const std::string &item)
 {
