@@ -21,8 +21,8 @@ extern "C" {
 #endif
 
 enum {
-    KELPRODUCER_ASYNC_CONTEXTS   = 22,      /* contexts 0-21: one datagram, one batch */
-    KELPRODUCER_USER_CONTEXT     = 22,      /* a connection; the daemon serves eight at a time */
+    KELPRODUCER_ASYNC_CONTEXTS = 22,        /* contexts 0-21: one datagram, one batch */
+    KELPRODUCER_USER_CONTEXT = 22,          /* a connection; the daemon serves eight at a time */
     KELPRODUCER_RECORD_BYTES_MAX = 0x1FFFF, /* no record and no batch is larger */
 };
 
@@ -39,6 +39,18 @@ int KelRecord_Build(void *buffer, size_t size, size_t *length, uint64_t timestam
                     const char *format, ...) __attribute__((format(printf, 6, 7)));
 int KelRecord_BuildVA(void *buffer, size_t size, size_t *length, uint64_t timestamp, const char *id,
                       const char *format, va_list args) __attribute__((format(printf, 6, 0)));
+
+/* One argument that is known only at run time. */
+typedef struct KelProducerArg {
+    uint32_t type;      /* the packed area's code: 1 and 3 signed and unsigned 32 bits, 2 and 4 64, 6 text */
+    uint64_t integer;   /* of a signed one: extended to 64 bits */
+    const char *string; /* of a text: null is allowed */
+} KelProducerArg;
+
+/* KelRecord_Build for arguments from a command line or a file. EINVAL also when count or a type is
+ * not what the conversions of format ask for. */
+int KelRecord_BuildFromArgs(void *buffer, size_t size, size_t *length, uint64_t timestamp, const char *id,
+                            const char *format, const KelProducerArg *args, size_t count);
 
 typedef struct KelProducer KelProducer;
 
