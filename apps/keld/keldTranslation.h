@@ -249,6 +249,7 @@ struct KeldRowOptions {
     // Logged when the read fails: one message for a read in one call, given the observation ID and
     // the status; one for each indexed argument, given the status, or the first argument and it.
     std::array<const char *, 3> failed{};
+    bool unreadToo = false; // posted also when the read fails, with null texts and zeros
 };
 
 struct Translation {
@@ -421,7 +422,7 @@ void ReadAndPost(Kel *kel, const Translation &row, std::index_sequence<kShown...
         [&](auto &...value) { return Read<kBy>(kel, row.arguments, &failedAt, &value...); }, values);
     if (status != 0) {
         LogFailedRead(row, kel, failedAt, status);
-        return;
+        if (!row.options.unreadToo) return;
     }
     KeldPostEvent(0, row.event.cls, row.event.format, Shown(std::get<kShown>(values))...);
 }
