@@ -31,26 +31,43 @@ constexpr const char *kSynchronized = "kel.clock.correction.adjtime.sync";
 
 // clang-format off
 constexpr ClockRow kRows[] = {
-    {{"kel.clock.correction.step.unsync",                Args("seconds:%d, nanoseconds:%d"),                                                         "@&!*@*@(nox.problem.clock.correction.step.unsync)system clock stepped to %d.%09d, lost sync to upstream time servers"},                                                     KeldClockCorrelator_Sync},
-    {{kSynchronized,                                     Args(""),                                                                                   "@&!*@*@(nox.problem.clock.correction.adjtime.sync)system clock synchronized to upstream time servers"},                                                                    KeldClockCorrelator_Sync},
-    {{"kel.clock.correction.adjtime.unsync",             Args(""),                                                                                   "@&!*@*@(nox.problem.clock.correction.adjtime.unsync)system clock lost synchronization to upstream time servers"},                                                          KeldClockCorrelator_Sync},
-    {{"kel.clock.correction.adjtime.lostsync",           Args(""),                                                                                   "@&!*@*@(nox.problem.clock.correction.adjtime.lostsync)system clock apparently no longer synchronized to upstream time servers"},                                           KeldClockCorrelator_Sync},
-    {{"kel.clock.correction.delta.warning",              Args("seconds:%d, nanoseconds:%d, delta:%d, limit:%d, corrections:%d, correctionsMax:%d"),  "@&!*@*@(nox.problem.clock.correction.delta.warning)system clock stepped to %d.%09d, but delta %d > %d seconds, %d/%d large corrections"},                                   KeldClockCorrelator_CorrectionDelta},
-    {{"kel.clock.correction.delta.failed",               Args("seconds:%d, nanoseconds:%d, delta:%d, limit:%d, correctionsMax:%d"),                  "@&!*@*@(nox.problem.clock.correction.delta.failed)system clock step to %d.%09d failed, delta %d > %d seconds, number of large corrections > %d"},                          KeldClockCorrelator_CorrectionDelta},
-    {{"kel.clock.correction.delta.allowed",              Args("seconds:%d, nanoseconds:%d, delta:%d, limit:%d"),                                     "@&!*@*@(nox.problem.clock.correction.delta.allowed)system clock stepped to %d.%09d, but delta %d > %d seconds"},                                                           KeldClockCorrelator_CorrectionDelta},
-    {{"kel.clock.state.reset",                           Args(""),                                                                                   "@&!*@*@(nox.problem.clock.state.reset)resetting system clock state"},                                                                                                      KeldClockCorrelator_SetValue},
-    {{"kel.clock.parameter.set.maxNegPhaseCorrection",   Args("value:%d"),                                                                           "@&!*@*@(nox.problem.clock.parameter.set.maxNegPhaseCorrection)setting system clock parameter maxNegPhaseCorrection to %d"},                                                KeldClockCorrelator_SetValue},
-    {{"kel.clock.parameter.set.maxPosPhaseCorrection",   Args("value:%d"),                                                                           "@&!*@*@(nox.problem.clock.parameter.set.maxPosPhaseCorrection)setting system clock parameter maxPosPhaseCorrection to %d"},                                                KeldClockCorrelator_SetValue},
-    {{"kel.clock.parameter.set.numLargeCorrections",     Args("value:%d"),                                                                           "@&!*@*@(nox.problem.clock.parameter.set.numLargeCorrections)setting system clock parameter numLargeCorrections to %d"},                                                    KeldClockCorrelator_SetValue},
-    {{"kel.clock.parameter.set.maxLargeCorrections",     Args("value:%d"),                                                                           "@&!*@*@(nox.problem.clock.parameter.set.maxLargeCorrections)setting system clock parameter maxLargeCorrections to %d"},                                                    KeldClockCorrelator_SetValue},
+    {{"kel.clock.correction.step.unsync", Args("seconds:%d, nanoseconds:%d"),
+      "@&!*@*@(nox.problem.clock.correction.step.unsync)system clock stepped to %d.%09d, lost sync to upstream time servers"}, KeldClockCorrelator_Sync},
+    {{kSynchronized, Args(""),
+      "@&!*@*@(nox.problem.clock.correction.adjtime.sync)system clock synchronized to upstream time servers"}, KeldClockCorrelator_Sync},
+    {{"kel.clock.correction.adjtime.unsync", Args(""),
+      "@&!*@*@(nox.problem.clock.correction.adjtime.unsync)system clock lost synchronization to upstream time servers"}, KeldClockCorrelator_Sync},
+    {{"kel.clock.correction.adjtime.lostsync", Args(""),
+      "@&!*@*@(nox.problem.clock.correction.adjtime.lostsync)system clock apparently no longer synchronized to upstream time servers"}, KeldClockCorrelator_Sync},
+    {{"kel.clock.correction.delta.warning", Args("seconds:%d, nanoseconds:%d, delta:%d, limit:%d, corrections:%d, correctionsMax:%d"),
+      "@&!*@*@(nox.problem.clock.correction.delta.warning)system clock stepped to %d.%09d, but delta %d > %d seconds, %d/%d large corrections"}, KeldClockCorrelator_CorrectionDelta},
+    {{"kel.clock.correction.delta.failed", Args("seconds:%d, nanoseconds:%d, delta:%d, limit:%d, correctionsMax:%d"),
+      "@&!*@*@(nox.problem.clock.correction.delta.failed)system clock step to %d.%09d failed, delta %d > %d seconds, number of large corrections > %d"}, KeldClockCorrelator_CorrectionDelta},
+    {{"kel.clock.correction.delta.allowed", Args("seconds:%d, nanoseconds:%d, delta:%d, limit:%d"),
+      "@&!*@*@(nox.problem.clock.correction.delta.allowed)system clock stepped to %d.%09d, but delta %d > %d seconds"}, KeldClockCorrelator_CorrectionDelta},
+    {{"kel.clock.state.reset", Args(""),
+      "@&!*@*@(nox.problem.clock.state.reset)resetting system clock state"}, KeldClockCorrelator_SetValue},
+    {{"kel.clock.parameter.set.maxNegPhaseCorrection", Args("value:%d"),
+      "@&!*@*@(nox.problem.clock.parameter.set.maxNegPhaseCorrection)setting system clock parameter maxNegPhaseCorrection to %d"}, KeldClockCorrelator_SetValue},
+    {{"kel.clock.parameter.set.maxPosPhaseCorrection", Args("value:%d"),
+      "@&!*@*@(nox.problem.clock.parameter.set.maxPosPhaseCorrection)setting system clock parameter maxPosPhaseCorrection to %d"}, KeldClockCorrelator_SetValue},
+    {{"kel.clock.parameter.set.numLargeCorrections", Args("value:%d"),
+      "@&!*@*@(nox.problem.clock.parameter.set.numLargeCorrections)setting system clock parameter numLargeCorrections to %d"}, KeldClockCorrelator_SetValue},
+    {{"kel.clock.parameter.set.maxLargeCorrections", Args("value:%d"),
+      "@&!*@*@(nox.problem.clock.parameter.set.maxLargeCorrections)setting system clock parameter maxLargeCorrections to %d"}, KeldClockCorrelator_SetValue},
 };
 // clang-format on
 static_assert(std::size(kRows) == 12 && DistinctUnder(kRows, "kel.clock."));
 
-constexpr auto kObservations = []<std::size_t... kRow>(std::index_sequence<kRow...>) {
-    return std::array{KeldObservation{kRows[kRow].id, kRows[kRow].arguments, kRows[kRow].handler,
-                                      "posted at most once an hour", {&kRows[kRow].event}}...};
-}(std::make_index_sequence<std::size(kRows)>{});
+constexpr auto kObservations = []<std::size_t... kRow>(std::index_sequence<kRow...>)
+{
+    return std::array{KeldObservation{kRows[kRow].id,
+                                      kRows[kRow].arguments,
+                                      kRows[kRow].handler,
+                                      "posted at most once an hour",
+                                      {&kRows[kRow].event}}...};
+}
+(std::make_index_sequence<std::size(kRows)>{});
 
 constexpr std::int64_t kThrottleSeconds = 3600;
 using Throttle = std::map<std::string, std::int64_t>; // observation ID to when it was last posted
@@ -101,8 +118,10 @@ void KeldClockCorrelator_SetValue(Kel *kel) { PostOncePerHour(kel, Remembered().
 void KeldClockCorrelatorHandleOther(Kel *kel)
 {
     const char *id = nullptr;
-    if (Kel_GetID(kel, &id) != 0) KeldLog("FAIL: Received NULL kelID\n");
-    else KeldLog("No system clock correlator for %s\n", id);
+    if (Kel_GetID(kel, &id) != 0)
+        KeldLog("FAIL: Received NULL kelID\n");
+    else
+        KeldLog("No system clock correlator for %s\n", id);
 }
 
 } // namespace

@@ -29,12 +29,24 @@ constexpr KeldArguments kDomainLevel = Args("levelName:%p, level:%d, domain:%p, 
 constexpr KeldArguments kAllDomainsLevel = Args("levelName:%p, level:%d");
 
 // clang-format off
-constexpr EventText kApplicationDumped{"@&!*@*@(nox.problem.application.core.dumped)An application (%s) running on NOX host has crashed (%d time(s) so far). A core file may have been created at %s.", "application, crashes, coreFile"};
-constexpr EventText kCaradDumped{"@&!*@*@(nox.problem.carad.core.dumped)%s crashed (%d time(s) so far) and a core file may have been created at %s. This may have caused connections to the host to be dropped.", "application, crashes, coreFile"};
-constexpr EventText kZumaDumped{"@&!*@*@(nox.problem.zuma.core.dumped)%s crashed (%d time(s) so far) and a core file may have been created at %s. This may have caused connections to the host to be dropped.", "application, crashes, coreFile"};
-constexpr EventText kApplicationDumpFailed{"@&!*@*@(nox.problem.application.core.dumpFailed)An application (%s) running on NOX host has crashed (%d time(s) so far), but core dump creation failed.", "application, crashes"};
-constexpr EventText kDomainLevelChanged{"@&!*@*@(nox.audit.uw.secpolicy.domain.level.changed)The enforcement level for security domain %s has been changed to %s. The enforcement level must always be set to enforcing.", "domain, levelName"};
-constexpr EventText kAllDomainsLevelChanged{"@&!*@*@(nox.audit.uw.secpolicy.alldomains.level.changed)The enforcement level for all security domains has been changed to %s. The enforcement level must always be set to enforcing.", "levelName"};
+constexpr EventText kApplicationDumped{
+    "@&!*@*@(nox.problem.application.core.dumped)An application (%s) running on NOX host has crashed (%d time(s) so far). A core file may have been created at %s.",
+    "application, crashes, coreFile"};
+constexpr EventText kCaradDumped{
+    "@&!*@*@(nox.problem.carad.core.dumped)%s crashed (%d time(s) so far) and a core file may have been created at %s. This may have caused connections to the host to be dropped.",
+    "application, crashes, coreFile"};
+constexpr EventText kZumaDumped{
+    "@&!*@*@(nox.problem.zuma.core.dumped)%s crashed (%d time(s) so far) and a core file may have been created at %s. This may have caused connections to the host to be dropped.",
+    "application, crashes, coreFile"};
+constexpr EventText kApplicationDumpFailed{
+    "@&!*@*@(nox.problem.application.core.dumpFailed)An application (%s) running on NOX host has crashed (%d time(s) so far), but core dump creation failed.",
+    "application, crashes"};
+constexpr EventText kDomainLevelChanged{
+    "@&!*@*@(nox.audit.uw.secpolicy.domain.level.changed)The enforcement level for security domain %s has been changed to %s. The enforcement level must always be set to enforcing.",
+    "domain, levelName"};
+constexpr EventText kAllDomainsLevelChanged{
+    "@&!*@*@(nox.audit.uw.secpolicy.alldomains.level.changed)The enforcement level for all security domains has been changed to %s. The enforcement level must always be set to enforcing.",
+    "levelName"};
 // clang-format on
 
 struct CrashRecord {
@@ -76,9 +88,12 @@ void KeldUserWorldCorrelatorCoreDumped(Kel *kel)
     const std::int32_t crashes = CountCrash(Remembered().dumped, application);
     if (crashes == 0) return;
     const std::string_view name = application;
-    if (name.find("carad") != name.npos) KeldPost<kCaradDumped, 1>(application, crashes, coreFile);
-    else if (name.find("zuma") != name.npos) KeldPost<kZumaDumped>(application, crashes, coreFile);
-    else KeldPost<kApplicationDumped>(application, crashes, coreFile);
+    if (name.find("carad") != name.npos)
+        KeldPost<kCaradDumped, 1>(application, crashes, coreFile);
+    else if (name.find("zuma") != name.npos)
+        KeldPost<kZumaDumped>(application, crashes, coreFile);
+    else
+        KeldPost<kApplicationDumped>(application, crashes, coreFile);
 }
 
 void KeldUserWorldCorrelatorCoreDumpFailed(Kel *kel)
