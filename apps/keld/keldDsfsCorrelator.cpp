@@ -2,6 +2,7 @@
 
 #include "keldTranslation.h"
 
-const KeldDomain keldDsfsDomain{.name = "dsfs", .domains = {"dsfs"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+const KeldDomain keldDsfsDomain{
+    .name = "dsfs", .domains = {"dsfs"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
 
 void KeldCorrelator_StartDsfs() { KeldDomainRun(keldDsfsDomain); }

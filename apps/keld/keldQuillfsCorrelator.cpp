@@ -2,6 +2,9 @@
 
 #include "keldTranslation.h"
 
-const KeldDomain keldQuillfsDomain{.name = "Quillfs", .domains = {"quillfs"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+const KeldDomain keldQuillfsDomain{.name = "Quillfs",
+                                   .domains = {"quillfs"},
+                                   .defaultHandler = KeldCorrelatorIgnore,
+                                   .otherwise = "ignored"};
 
 void KeldCorrelator_StartQuillfs() { KeldDomainRun(keldQuillfsDomain); }

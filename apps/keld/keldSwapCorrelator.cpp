@@ -2,6 +2,7 @@
 
 #include "keldTranslation.h"
 
-const KeldDomain keldSwapDomain{.name = "SWAP", .domains = {"swap"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+const KeldDomain keldSwapDomain{
+    .name = "SWAP", .domains = {"swap"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
 
 void KeldCorrelator_StartSwap() { KeldDomainRun(keldSwapDomain); }
