@@ -385,7 +385,7 @@ protected:
             LinkDownOf(nic);
         const Lines posted = Events();
         return static_cast<std::size_t>(
-            std::count(events.begin(), events.end(),
+            std::count(posted.begin(), posted.end(),
                        "nox.problem.net.vmnic.linkstate.flapping(" + std::string(nic) + ")"));
     }
 };
