@@ -35,7 +35,7 @@ struct KeldAlarmState {
 using KeldAlarmMap = std::map<int, KeldAlarmState>;
 
 struct KeldAlarmStep {
-    KeldAlarmHandler fire = nullptr;       // call this, without the lock, and step again
+    KeldAlarmHandler fire = nullptr;        // call this, without the lock, and step again
     std::optional<std::uint64_t> waitUntil; // else wait until then; without: until something changes
 };
 

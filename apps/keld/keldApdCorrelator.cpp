@@ -2,6 +2,9 @@
 
 #include "keldTranslation.h"
 
-const KeldDomain keldApdDomain{.name = "APD", .domains = {"storage.apd"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+const KeldDomain keldApdDomain{.name = "APD",
+                               .domains = {"storage.apd"},
+                               .defaultHandler = KeldCorrelatorIgnore,
+                               .otherwise = "ignored"};
 
 void KeldCorrelator_StartAPD() { KeldDomainRun(keldApdDomain); }

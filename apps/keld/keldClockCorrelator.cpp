@@ -2,6 +2,7 @@
 
 #include "keldTranslation.h"
 
-const KeldDomain keldClockDomain{.name = "Clock", .domains = {"clock"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+const KeldDomain keldClockDomain{
+    .name = "Clock", .domains = {"clock"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
 
 void KeldCorrelator_StartClock() { KeldDomainRun(keldClockDomain); }

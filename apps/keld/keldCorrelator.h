@@ -24,7 +24,8 @@ void KeldCorrelatorRun(const char *domainName, const char *domain, KeldHandler d
 // The same with up to 4 descriptors beside the pipe; wake is called when one becomes readable, after
 // up to 10 bytes were read from it and thrown away.
 void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHandler defaultHandler,
-                              const KeldCorrelatorTable &table, void (*wake)(), const int *fds, int fdCount);
+                              const KeldCorrelatorTable &table, void (*wake)(), const int *fds,
+                              int fdCount);
 
 // Looks the observation up and calls its handler, with a trace line before; or the default handler.
 // An unknown ID adds an empty entry to table, which is why the loop passes a copy.

@@ -2,6 +2,7 @@
 
 #include "keldTranslation.h"
 
-const KeldDomain keldCpuDomain{.name = "Cpu", .domains = {"cpu"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+const KeldDomain keldCpuDomain{
+    .name = "Cpu", .domains = {"cpu"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
 
 void KeldCorrelator_StartCpu() { KeldDomainRun(keldCpuDomain); }

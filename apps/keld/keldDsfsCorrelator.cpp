@@ -11,6 +11,7 @@
 
 #include "keldTranslation.h"
 
+<<<<<<< HEAD
 namespace
 {
 
@@ -160,5 +161,9 @@ const KeldDomain keldDsfsDomain{
     .translations = KeldTranslations<kRows>,
     .observations = kObservations,
 };
+=======
+const KeldDomain keldDsfsDomain{
+    .name = "dsfs", .domains = {"dsfs"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+>>>>>>> main
 
 void KeldCorrelator_StartDsfs() { KeldDomainRun(keldDsfsDomain); }

@@ -12,7 +12,8 @@
 
 #include "keldTranslation.h"
 
-namespace {
+namespace
+{
 
 constexpr KeldArguments kReport = Args("component:%p, link:%p, message:%p");
 
@@ -39,7 +40,7 @@ constexpr Translation kRows[] = {
 // clang-format on
 static_assert(std::size(kRows) == 6 && DistinctUnder(kRows, "kel."));
 
-}  // namespace
+} // namespace
 
 const KeldDomain keldGenericDomain{
     .name = "Generic",

@@ -2,6 +2,9 @@
 
 #include "keldTranslation.h"
 
-const KeldDomain keldHardwareDomain{.name = "Hardware", .domains = {"hardware"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+const KeldDomain keldHardwareDomain{.name = "Hardware",
+                                    .domains = {"hardware"},
+                                    .defaultHandler = KeldCorrelatorIgnore,
+                                    .otherwise = "ignored"};
 
 void KeldCorrelator_StartHardware() { KeldDomainRun(keldHardwareDomain); }

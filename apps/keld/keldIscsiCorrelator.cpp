@@ -2,6 +2,7 @@
 
 #include "keldTranslation.h"
 
-const KeldDomain keldIscsiDomain{.name = "iscsi", .domains = {"iscsi"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+const KeldDomain keldIscsiDomain{
+    .name = "iscsi", .domains = {"iscsi"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
 
 void KeldCorrelator_StartiScsi() { KeldDomainRun(keldIscsiDomain); }

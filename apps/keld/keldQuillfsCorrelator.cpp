@@ -10,6 +10,7 @@
 #include "keldQuietPeriod.h"
 #include "keldTranslation.h"
 
+<<<<<<< HEAD
 #include <map>
 #include <string>
 
@@ -85,5 +86,11 @@ const KeldDomain keldQuillfsDomain{
     .observations = kObservations,
     .defaultPosts = &kFailure,
 };
+=======
+const KeldDomain keldQuillfsDomain{.name = "Quillfs",
+                                   .domains = {"quillfs"},
+                                   .defaultHandler = KeldCorrelatorIgnore,
+                                   .otherwise = "ignored"};
+>>>>>>> main
 
 void KeldCorrelator_StartQuillfs() { KeldDomainRun(keldQuillfsDomain); }

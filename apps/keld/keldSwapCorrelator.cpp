@@ -11,6 +11,7 @@
 
 #include "keldTranslation.h"
 
+<<<<<<< HEAD
 #include <knxctl/nodeAdmException.h>
 #include <knxctl/swapInfo.h>
 
@@ -78,5 +79,9 @@ const KeldDomain keldSwapDomain{
     .otherwise = "ignored",
     .observations = kObservations,
 };
+=======
+const KeldDomain keldSwapDomain{
+    .name = "SWAP", .domains = {"swap"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+>>>>>>> main
 
 void KeldCorrelator_StartSwap() { KeldDomainRun(keldSwapDomain); }

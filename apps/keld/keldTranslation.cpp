@@ -1,6 +1,7 @@
 #include "keldTranslation.h"
 
-namespace KeldRow {
+namespace KeldRow
+{
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral" // proved when the row was built
@@ -19,12 +20,13 @@ void LogFailedRead(const Translation &row, const Kel *kel, std::size_t failedAt,
 }
 #pragma GCC diagnostic pop
 
-}  // namespace KeldRow
+} // namespace KeldRow
 
 KeldCorrelatorTable KeldDomainTable(const KeldDomain &domain)
 {
     KeldCorrelatorTable table;
-    for (const KeldObservation &observation : domain.observations) table.emplace(observation.id, observation.handler);
+    for (const KeldObservation &observation : domain.observations)
+        table.emplace(observation.id, observation.handler);
     for (std::size_t i = 0; i < domain.translations.rows.size(); ++i)
         table.emplace(domain.translations.rows[i].id, domain.translations.handlers[i]);
     return table;

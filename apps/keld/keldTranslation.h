@@ -99,7 +99,8 @@ struct KeldShape {
         if (c == 'U' && plain) return 'v';
         if (c == 'c' && plain) return 'c';
         if (c == 'd' || c == 'i') return longs ? 'D' : shorts == 2 ? 'b' : shorts ? 'h' : 'd';
-        if (c == 'u' || c == 'x' || c == 'X' || c == 'o') return longs ? 'U' : shorts == 2 ? 'B' : shorts ? 'H' : 'u';
+        if (c == 'u' || c == 'x' || c == 'X' || c == 'o')
+            return longs ? 'U' : shorts == 2 ? 'B' : shorts ? 'H' : 'u';
         RowError_UnknownConversion();
         return 0;
     }
@@ -153,7 +154,8 @@ struct KeldArguments {
         std::size_t length = 0, argument = 0, start = 0;
         const auto append = [&](std::string_view text) {
             if (length + text.size() + 1 > format.size()) RowError_TooManyArguments();
-            for (const char c : text) format[length++] = c;
+            for (const char c : text)
+                format[length++] = c;
         };
         for (std::size_t i = 0; i < list.size(); ++i) {
             if (list[i] != '%') continue;
@@ -208,12 +210,16 @@ struct EventText {
     consteval EventText(const char *marked) : format(marked), shape(TextOf(marked))
     {
         const std::string_view text = marked;
-        if (text.substr(8).starts_with("nox.audit.")) cls = KeldEventClass::Audit;
-        else if (text.substr(8).starts_with("nox.clear.")) cls = KeldEventClass::Clear;
-        else if (!text.substr(8).starts_with("nox.problem.")) RowError_TypeIdHasNoClass();
+        if (text.substr(8).starts_with("nox.audit."))
+            cls = KeldEventClass::Audit;
+        else if (text.substr(8).starts_with("nox.clear."))
+            cls = KeldEventClass::Clear;
+        else if (!text.substr(8).starts_with("nox.problem."))
+            RowError_TypeIdHasNoClass();
     }
     // On its own: names of the placeholders, in order, separated by ", ".
-    consteval EventText(const char *marked, std::string_view nameList, KeldPairing pair = {}) : EventText(marked)
+    consteval EventText(const char *marked, std::string_view nameList, KeldPairing pair = {})
+        : EventText(marked)
     {
         names = KeldArguments::SplitNames(nameList, shape.count);
         pairing = pair;
@@ -267,17 +273,20 @@ struct Translation {
                 shown.at[shown.count++] = read.shape.at[index];
             }
         } else {
-            for (std::size_t i = 0; i < shown.count; ++i) shows[i] = i;
+            for (std::size_t i = 0; i < shown.count; ++i)
+                shows[i] = i;
         }
         if (!text.shape.Fits(shown)) RowError_TextDoesNotFitArguments();
-        for (std::size_t i = 0; i < shown.count; ++i) event.names[i] = read.names[shows[i]];
+        for (std::size_t i = 0; i < shown.count; ++i)
+            event.names[i] = read.names[shows[i]];
         event.pairing = more.pairing;
         for (const char *message : more.failed) {
             if (message == nullptr) continue;
             const KeldShape shape{std::string_view(message)};
             const bool one = shape.count == 1 && shape.at[0] == 'd';
             const bool two = shape.count == 2 && shape.at[0] == 's' && shape.at[1] == 'd';
-            if (!(read.by == KeldArguments::By::Index ? one || two : two)) RowError_FailureMessageMalformed();
+            if (!(read.by == KeldArguments::By::Index ? one || two : two))
+                RowError_FailureMessageMalformed();
         }
     }
 };
@@ -291,26 +300,49 @@ struct KeldVolumeUuid {
 
     const char *Format()
     {
-        std::snprintf(text.data(), text.size(), "%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx", first, second,
-                      third, node[0], node[1], node[2], node[3], node[4], node[5]);
+        std::snprintf(text.data(), text.size(), "%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx",
+                      first, second, third, node[0], node[1], node[2], node[3], node[4], node[5]);
         return text.data();
     }
 };
 
 template <char> struct KeldArgOf;
-template <> struct KeldArgOf<'s'> { using Type = const char *; };
-template <> struct KeldArgOf<'v'> { using Type = KeldVolumeUuid; };
-template <> struct KeldArgOf<'c'> { using Type = char; };
-template <> struct KeldArgOf<'d'> { using Type = std::int32_t; };
-template <> struct KeldArgOf<'u'> { using Type = std::uint32_t; };
-template <> struct KeldArgOf<'h'> { using Type = std::int16_t; };
-template <> struct KeldArgOf<'H'> { using Type = std::uint16_t; };
-template <> struct KeldArgOf<'b'> { using Type = std::int8_t; };
-template <> struct KeldArgOf<'B'> { using Type = std::uint8_t; };
-template <> struct KeldArgOf<'D'> { using Type = std::int64_t; };
-template <> struct KeldArgOf<'U'> { using Type = std::uint64_t; };
+template <> struct KeldArgOf<'s'> {
+    using Type = const char *;
+};
+template <> struct KeldArgOf<'v'> {
+    using Type = KeldVolumeUuid;
+};
+template <> struct KeldArgOf<'c'> {
+    using Type = char;
+};
+template <> struct KeldArgOf<'d'> {
+    using Type = std::int32_t;
+};
+template <> struct KeldArgOf<'u'> {
+    using Type = std::uint32_t;
+};
+template <> struct KeldArgOf<'h'> {
+    using Type = std::int16_t;
+};
+template <> struct KeldArgOf<'H'> {
+    using Type = std::uint16_t;
+};
+template <> struct KeldArgOf<'b'> {
+    using Type = std::int8_t;
+};
+template <> struct KeldArgOf<'B'> {
+    using Type = std::uint8_t;
+};
+template <> struct KeldArgOf<'D'> {
+    using Type = std::int64_t;
+};
+template <> struct KeldArgOf<'U'> {
+    using Type = std::uint64_t;
+};
 
-namespace KeldRow {
+namespace KeldRow
+{
 
 inline int ReadAt(const Kel *kel, int index, const char **out) { return Kel_GetStringArg(kel, index, out); }
 inline int ReadAt(const Kel *kel, int index, std::int32_t *out) { return Kel_GetIntArg(kel, index, out); }
@@ -324,7 +356,8 @@ template <class T> auto Destinations(T *value)
     if constexpr (std::is_same_v<T, KeldVolumeUuid>)
         return std::tuple(&value->first, &value->second, &value->third, &value->node[0], &value->node[1],
                           &value->node[2], &value->node[3], &value->node[4], &value->node[5]);
-    else return std::tuple(value);
+    else
+        return std::tuple(value);
 }
 
 // Reads every argument; 0, or the status of the read that failed, whose position goes to *failedAt.
@@ -343,7 +376,8 @@ int Read(const Kel *kel, const KeldArguments &arguments, std::size_t *failedAt, 
             [&](auto *...destinations) {
                 if constexpr (kBy == KeldArguments::By::Format)
                     return Kel_GetArgs(kel, 0, arguments.format.data(), destinations...);
-                else return KeldGetArgsByFormat(kel, arguments.message, destinations...);
+                else
+                    return KeldGetArgsByFormat(kel, arguments.message, destinations...);
             },
             std::tuple_cat(Destinations(values)...));
         *failedAt = 0;
@@ -354,7 +388,8 @@ int Read(const Kel *kel, const KeldArguments &arguments, std::size_t *failedAt, 
         const std::size_t at = index++;
         if constexpr (std::is_same_v<decltype(value), const char **>) {
             if (*value != nullptr) return true;
-            if (at == arguments.nullIndex) *value = arguments.nullText;
+            if (at == arguments.nullIndex)
+                *value = arguments.nullText;
             else if (arguments.nulls == KeldArguments::Nulls::Fail) {
                 *failedAt = kBy == KeldArguments::By::Index ? at : 0;
                 return false;
@@ -394,19 +429,25 @@ void ReadAndPost(Kel *kel, const Translation &row, std::index_sequence<kShown...
 // The plain handler of one row: a tail call into the body of its signature.
 template <const auto &kRows, std::size_t kIndex> void Handle(Kel *kel)
 {
-    [kel]<std::size_t... kArg, std::size_t... kPlace>(std::index_sequence<kArg...>, std::index_sequence<kPlace...>) {
-        ReadAndPost<kRows[kIndex].arguments.by, typename KeldArgOf<kRows[kIndex].arguments.shape.at[kArg]>::Type...>(
+    [kel]<std::size_t... kArg, std::size_t... kPlace>(std::index_sequence<kArg...>,
+                                                      std::index_sequence<kPlace...>)
+    {
+        ReadAndPost<kRows[kIndex].arguments.by,
+                    typename KeldArgOf<kRows[kIndex].arguments.shape.at[kArg]>::Type...>(
             kel, kRows[kIndex], std::index_sequence<kRows[kIndex].shows[kPlace]...>{});
-    }(std::make_index_sequence<kRows[kIndex].arguments.shape.count>{},
-      std::make_index_sequence<kRows[kIndex].event.shape.count>{});
+    }
+    (std::make_index_sequence<kRows[kIndex].arguments.shape.count>{},
+     std::make_index_sequence<kRows[kIndex].event.shape.count>{});
 }
 
-template <const auto &kRows> inline constexpr auto kHandlers = []<std::size_t... kIndex>(
-    std::index_sequence<kIndex...>) {
+template <const auto &kRows>
+inline constexpr auto kHandlers = []<std::size_t... kIndex>(std::index_sequence<kIndex...>)
+{
     return std::array<KeldHandler, sizeof...(kIndex)>{&Handle<kRows, kIndex>...};
-}(std::make_index_sequence<std::size(kRows)>{});
+}
+(std::make_index_sequence<std::size(kRows)>{});
 
-}  // namespace KeldRow
+} // namespace KeldRow
 
 // Reads what arguments says into destinations whose types are proved against it: 0, or the status.
 //
@@ -415,9 +456,11 @@ template <const auto &kRows> inline constexpr auto kHandlers = []<std::size_t...
 template <const KeldArguments &kArguments, class... Ts> int KeldRead(const Kel *kel, Ts *...destinations)
 {
     static_assert(sizeof...(Ts) == kArguments.shape.count, "one destination for each conversion");
-    static_assert([]<std::size_t... kArg>(std::index_sequence<kArg...>) {
-        return (std::is_same_v<Ts, typename KeldArgOf<kArguments.shape.at[kArg]>::Type> && ...);
-    }(std::make_index_sequence<sizeof...(Ts)>{}), "the destinations do not fit the conversions");
+    static_assert(
+        []<std::size_t... kArg>(std::index_sequence<kArg...>) {
+            return (std::is_same_v<Ts, typename KeldArgOf<kArguments.shape.at[kArg]>::Type> && ...);
+        }(std::make_index_sequence<sizeof...(Ts)>{}),
+        "the destinations do not fit the conversions");
     std::size_t failedAt = 0;
     return KeldRow::Read<kArguments.by>(kel, kArguments, &failedAt, destinations...);
 }
@@ -425,9 +468,11 @@ template <const KeldArguments &kArguments, class... Ts> int KeldRead(const Kel *
 // Posts an event from a handler: KeldPost<kLinkStateDown>(nic).
 template <const EventText &kText, int kDefer = 0, class... Ts> void KeldPost(Ts... values)
 {
-    static_assert(((std::is_convertible_v<Ts, const char *> || (std::is_integral_v<Ts> && sizeof(Ts) >= 4)) && ...),
-                  "texts, and numbers of 32 or 64 bits");
-    static_assert(kText.shape.Fits(KeldShape::Of<Ts...>()), "the values do not fit the conversions of this text");
+    static_assert(
+        ((std::is_convertible_v<Ts, const char *> || (std::is_integral_v<Ts> && sizeof(Ts) >= 4)) && ...),
+        "texts, and numbers of 32 or 64 bits");
+    static_assert(kText.shape.Fits(KeldShape::Of<Ts...>()),
+                  "the values do not fit the conversions of this text");
     KeldPostEvent(kDefer, kText.cls, kText.format, values...);
 }
 #pragma GCC diagnostic pop
@@ -455,7 +500,7 @@ struct KeldDomain {
     const char *name;                      // the agent is called this and "Correlator"
     std::array<const char *, 2> domains{}; // "net" stands for every "kel.net."
     KeldHandler defaultHandler = nullptr;
-    const char *otherwise = "";            // what becomes of other observations, for people
+    const char *otherwise = ""; // what becomes of other observations, for people
     KeldTranslationTable translations{};
     std::span<const KeldObservation> observations{};
     const EventText *defaultPosts = nullptr; // what the default handler can post

@@ -2,6 +2,9 @@
 
 #include "keldTranslation.h"
 
-const KeldDomain keldUserDomain{.name = "UserLevel", .domains = {"user"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+const KeldDomain keldUserDomain{.name = "UserLevel",
+                                .domains = {"user"},
+                                .defaultHandler = KeldCorrelatorIgnore,
+                                .otherwise = "ignored"};
 
 void KeldCorrelator_StartUser() { KeldDomainRun(keldUserDomain); }

@@ -2,6 +2,7 @@
 
 #include "keldTranslation.h"
 
-const KeldDomain keldUserWorldDomain{.name = "UserWorld", .domains = {"uw"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+const KeldDomain keldUserWorldDomain{
+    .name = "UserWorld", .domains = {"uw"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
 
 void KeldCorrelator_StartUW() { KeldDomainRun(keldUserWorldDomain); }

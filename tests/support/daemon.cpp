@@ -12,6 +12,7 @@
 #include <string_view>
 #include <sys/pidfd.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -84,6 +85,8 @@ Daemon::Daemon(const DaemonProgram &program, const std::vector<std::string> &arg
     if (mPid < 0) Fail("fork");
     if (mPid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const rlimit noCore{0, 0};
+        setrlimit(RLIMIT_CORE, &noCore);
         if (getppid() != parent) _exit(127);
         // Out of the way first: the numbers that are to be set may be in use.
         const int log = fcntl(mLog.Fd(), F_DUPFD_CLOEXEC, 10);

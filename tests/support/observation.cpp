@@ -102,6 +102,12 @@ RawProducer::~RawProducer()
 
 RawProducer::RawProducer(RawProducer &&other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
 
+RawProducer &RawProducer::operator=(RawProducer &&other) noexcept
+{
+    std::swap(mFd, other.mFd);
+    return *this;
+}
+
 int RawProducer::Send(std::span<const std::byte> bytes)
 {
     return send(mFd, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0 ? errno : 0;

@@ -36,8 +36,7 @@ public:
     explicit RawProducer(int context);
     ~RawProducer();
     RawProducer(RawProducer &&other) noexcept;
-    RawProducer(const RawProducer &) = delete;
-    RawProducer &operator=(const RawProducer &) = delete;
+    RawProducer &operator=(RawProducer &&other) noexcept;
 
     int Fd() const { return mFd; }
 
