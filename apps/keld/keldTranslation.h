@@ -192,9 +192,9 @@ consteval KeldArguments Args(std::string_view list) { return {KeldArguments::By:
 consteval KeldArguments Indexed(std::string_view list) { return {KeldArguments::By::Index, list}; }
 consteval KeldArguments ByMessage(const char *text, std::string_view names) { return {text, names}; }
 
-// Which problem an event ends, and the argument by which the two are matched.
+// Which problems an event ends, and the argument by which the two are matched.
 struct KeldPairing {
-    const char *clears = nullptr; // an event type ID
+    const char *clears = nullptr; // event type IDs, separated by ", "
     const char *on = nullptr;     // the name of an argument of both; null: by type alone
 };
 

@@ -40,6 +40,18 @@ int KelRecord_Build(void *buffer, size_t size, size_t *length, uint64_t timestam
 int KelRecord_BuildVA(void *buffer, size_t size, size_t *length, uint64_t timestamp, const char *id,
                       const char *format, va_list args) __attribute__((format(printf, 6, 0)));
 
+/* One argument that is known only at run time. */
+typedef struct KelProducerArg {
+    uint32_t type;      /* the packed area's code: 1 and 3 signed and unsigned 32 bits, 2 and 4 64, 6 text */
+    uint64_t integer;   /* of a signed one: extended to 64 bits */
+    const char *string; /* of a text: null is allowed */
+} KelProducerArg;
+
+/* KelRecord_Build for arguments from a command line or a file. EINVAL also when count or a type is
+ * not what the conversions of format ask for. */
+int KelRecord_BuildFromArgs(void *buffer, size_t size, size_t *length, uint64_t timestamp, const char *id,
+                            const char *format, const KelProducerArg *args, size_t count);
+
 typedef struct KelProducer KelProducer;
 
 /* Connects to a context of the daemon in the run directory.

@@ -1,0 +1,152 @@
+#include "catalogue.h"
+
+#include "commands.h"
+#include "console.h"
+
+#include "kltlibs/msgfmt.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+using nlohmann::json;
+
+namespace
+{
+
+struct ArgumentTypeName {
+    std::uint32_t type; // MsgFmtType
+    std::string_view name;
+};
+// clang-format off
+constexpr ArgumentTypeName kArgumentTypes[] = {
+    {MSGFMT_TYPE_STRING, "string"},
+    {MSGFMT_TYPE_INT32,  "int32"},
+    {MSGFMT_TYPE_UINT32, "uint32"},
+    {MSGFMT_TYPE_INT64,  "int64"},
+    {MSGFMT_TYPE_UINT64, "uint64"},
+};
+// clang-format on
+
+std::vector<CatalogueArgument> ReadArgumentList(const json &entry)
+{
+    std::vector<CatalogueArgument> arguments;
+    for (const json &item : entry.at("arguments")) {
+        CatalogueArgument argument{item.at("name").get<std::string>(), item.at("type").get<std::string>()};
+        if (std::ranges::find(kArgumentTypes, argument.type, &ArgumentTypeName::name) ==
+            std::end(kArgumentTypes))
+            throw std::runtime_error(
+                fmt::format("argument \"{}\": unknown type \"{}\"", argument.name, argument.type));
+        arguments.push_back(std::move(argument));
+    }
+    return arguments;
+}
+
+CatalogueEvent ReadEvent(const json &entry)
+{
+    CatalogueEvent event;
+    event.type = entry.at("type").get<std::string>();
+    event.eventClass = entry.at("class").get<std::string>();
+    event.text = entry.at("text").get<std::string>();
+    event.arguments = ReadArgumentList(entry);
+    event.clears = entry.value("clears", "");
+    event.clearedBy = entry.value("clearedBy", "");
+    event.pairedOn = entry.value("pairedOn", std::vector<std::string>{});
+    if (!event.type.starts_with("nox." + event.eventClass + "."))
+        throw std::runtime_error(
+            fmt::format("type \"{}\" is not of the class \"{}\"", event.type, event.eventClass));
+    return event;
+}
+
+CatalogueObservation ReadObservation(const json &entry)
+{
+    return {entry.at("id").get<std::string>(), entry.at("domain").get<std::string>(),
+            ReadArgumentList(entry), entry.value("becomes", std::vector<std::string>{}),
+            entry.value("note", "")};
+}
+
+// Reads every entry of one of the two lists.
+template <typename Entry>
+std::vector<Entry> ReadList(const json &document, const char *name, Entry (*read)(const json &))
+{
+    std::vector<Entry> entries;
+    for (const json &item : document.at(name)) {
+        try {
+            entries.push_back(read(item));
+        } catch (const std::exception &error) {
+            throw Failure(kExitFailed, fmt::format("{}[{}]: {}", name, entries.size(), error.what()));
+        }
+    }
+    return entries;
+}
+
+bool FitsArguments(const CatalogueEvent &entry, const EventRecord &event)
+{
+    return std::ranges::equal(
+        entry.arguments, event.arguments, [](const auto &expected, const auto &argument) {
+            auto known = std::ranges::find(kArgumentTypes, argument.type, &ArgumentTypeName::type);
+            return known != std::end(kArgumentTypes) && known->name == expected.type;
+        });
+}
+
+Catalogue LoadCatalogue(const std::string &file)
+{
+    std::ifstream stream(file);
+    std::stringstream content;
+    if (!stream || !(content << stream.rdbuf()))
+        throw Failure(kExitFailed, fmt::format("catalogue {}: {}", file, std::strerror(errno)));
+    try {
+        return ParseCatalogue(content.view());
+    } catch (const Failure &failure) {
+        throw Failure(failure.status, fmt::format("catalogue {}: {}", file, failure.what()));
+    }
+}
+
+} // namespace
+
+std::optional<std::string> Catalogue::TextOf(const EventRecord &event) const
+{
+    const CatalogueEvent *best = nullptr;
+    for (const CatalogueEvent &entry : events) {
+        if (entry.type != event.typeId) continue;
+        if (FitsArguments(entry, event)) return entry.text;
+        if (best == nullptr) best = &entry;
+    }
+    return best == nullptr ? std::nullopt : std::optional(best->text);
+}
+
+Catalogue ParseCatalogue(std::string_view text)
+{
+    try {
+        json document = json::parse(text);
+        if (document.at("version") != 1)
+            throw Failure(kExitFailed, "version is not 1, the only one that is known");
+        return {ReadList(document, "events", ReadEvent),
+                ReadList(document, "observations", ReadObservation)};
+    } catch (const json::exception &error) {
+        throw Failure(kExitFailed, error.what());
+    }
+}
+
+std::optional<Catalogue> FindCatalogue(const std::string &file)
+{
+    if (!file.empty()) return LoadCatalogue(file);
+    const char *named = std::getenv("KELD_CATALOGUE");
+    if (named != nullptr && *named != '\0') return LoadCatalogue(named);
+    for (const std::string &place : CataloguePlaces())
+        if (std::error_code error; std::filesystem::exists(place, error)) return LoadCatalogue(place);
+    return std::nullopt;
+}
+
+std::vector<std::string> CataloguePlaces()
+{
+    std::string folder = ExecutableFolder();
+    return {folder + "/../share/keld/events.json", folder + "/../catalogue/events.json",
+            folder + "/../../catalogue/events.json"};
+}

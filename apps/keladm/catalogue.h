@@ -1,0 +1,65 @@
+// The catalogue of all observations and events: a JSON file, written when the daemon is built.
+//
+//     {"version": 1,
+//      "events": [{"type": "nox.problem.net...", "class": "problem", "text": "NIC %s is down.",
+//                  "arguments": [{"name": "nic", "type": "string"}],
+//                  "clears": "nox...", "clearedBy": "nox...", "pairedOn": ["nic"]}],
+//      "observations": [{"id": "kel.net...", "domain": "net", "arguments": [...],
+//                        "becomes": ["nox..."], "note": "..."}]}
+//
+// Argument types are string, int32, uint32, int64 and uint64. Of an event, clears, clearedBy and
+// pairedOn may be absent; of an observation, becomes and note. An event type may stand there more than
+// once, with other arguments.
+#ifndef KELADM_CATALOGUE_H
+#define KELADM_CATALOGUE_H
+
+#include "eventRecord.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct CatalogueArgument {
+    std::string name;
+    std::string type;
+};
+
+struct CatalogueEvent {
+    std::string type;
+    std::string eventClass;
+    std::string text; // printf-style
+    std::vector<CatalogueArgument> arguments;
+    std::string clears;
+    std::string clearedBy;
+    std::vector<std::string> pairedOn;
+};
+
+struct CatalogueObservation {
+    std::string id;
+    std::string domain;
+    std::vector<CatalogueArgument> arguments;
+    std::vector<std::string> becomes;
+    std::string note;
+};
+
+struct Catalogue {
+    std::vector<CatalogueEvent> events;
+    std::vector<CatalogueObservation> observations;
+
+    // The text of the event's type, by preference one that was written for arguments of its types.
+    std::optional<std::string> TextOf(const EventRecord &event) const;
+};
+
+// Throws Failure naming the entry that is wrong.
+Catalogue ParseCatalogue(std::string_view json);
+
+// The catalogue in file; when that is empty, in the file that KELD_CATALOGUE names; without that, the
+// first one there is in CataloguePlaces; nothing when there is none. Throws Failure for a file that was
+// named and cannot be read, and for a malformed one.
+std::optional<Catalogue> FindCatalogue(const std::string &file);
+
+// Beside an installed program, then in a build.
+std::vector<std::string> CataloguePlaces();
+
+#endif

@@ -1,0 +1,45 @@
+// What the subcommands share: how they are added, how they fail, how they end.
+#ifndef KELADM_COMMANDS_H
+#define KELADM_COMMANDS_H
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+namespace CLI
+{
+class App;
+}
+
+enum ExitStatus : int {
+    kExitOk = 0,
+    kExitFailed = 1, // what was asked could not be done, or an expectation was not met
+    kExitUsage = 2,  // what was asked makes no sense: an option, an argument, a line of a scenario
+    kExitNoPeer = 3, // no daemon serves the run directory, or no place for a receiver
+};
+
+// Ends the program with a message for the user and an exit status.
+struct Failure : std::runtime_error {
+    Failure(ExitStatus exitStatus, const std::string &message)
+        : std::runtime_error(message), status(exitStatus)
+    {
+    }
+    ExitStatus status;
+};
+
+// Carries out a subcommand whose options have been read; gives the exit status, or throws Failure.
+using Command = std::function<int()>;
+
+// Each adds its subcommand to app; when the user names it, *chosen becomes what carries it out.
+void AddSendCommand(CLI::App &app, Command *chosen);
+void AddReplayCommand(CLI::App &app, Command *chosen);
+void AddReceiveCommand(CLI::App &app, Command *chosen);
+void AddTraceCommand(CLI::App &app, Command *chosen);
+void AddEventsCommand(CLI::App &app, Command *chosen);
+void AddHostCommand(CLI::App &app, Command *chosen);
+void AddCompletionCommand(CLI::App &app, Command *chosen);
+
+// The whole program.
+int RunKeladm(int argc, char **argv);
+
+#endif

@@ -1,0 +1,104 @@
+#include "console.h"
+
+#include "commands.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fmt/format.h>
+#include <sys/signalfd.h>
+#include <system_error>
+#include <unistd.h>
+
+Fd::~Fd()
+{
+    if (fd_ >= 0) close(fd_);
+}
+
+StopSignal::StopSignal()
+{
+    sigset_t stopping;
+    sigemptyset(&stopping);
+    sigaddset(&stopping, SIGINT);
+    sigaddset(&stopping, SIGTERM);
+    sigprocmask(SIG_BLOCK, &stopping, &before_);
+    fd_ = Fd(signalfd(-1, &stopping, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!fd_) throw std::system_error(errno, std::generic_category(), "cannot watch for signals");
+}
+
+StopSignal::~StopSignal()
+{
+    // A signal that ended this program has done its work.
+    signalfd_siginfo info;
+    while (read(fd_.Get(), &info, sizeof info) > 0) {
+    }
+    sigprocmask(SIG_SETMASK, &before_, nullptr);
+}
+
+Output::Output(int fd, int stopFd) : fd_(fd), stopFd_(stopFd)
+{
+    const char *noColour = std::getenv("NO_COLOR");
+    colour_ = isatty(fd) == 1 && (noColour == nullptr || *noColour == '\0');
+}
+
+void Output::Text(std::string_view text) { waiting_ += text; }
+
+void Output::Line(std::string_view text)
+{
+    waiting_ += text;
+    waiting_ += '\n';
+}
+
+void Output::Flush()
+{
+    size_t done = 0;
+    while (done < waiting_.size()) {
+        pollfd fds[] = {{fd_, POLLOUT, 0}, {stopFd_, POLLIN, 0}};
+        if (poll(fds, 2, -1) < 0 && errno == EINTR) continue;
+        if (fds[0].revents == 0) throw Stopped{};
+
+        // A pipe that is ready takes PIPE_BUF bytes without blocking.
+        size_t count = std::min<size_t>(waiting_.size() - done, PIPE_BUF);
+        ssize_t written = write(fd_, waiting_.data() + done, count);
+        if (written >= 0)
+            done += static_cast<size_t>(written);
+        else if (errno == EPIPE)
+            throw OutputClosed{};
+        else if (errno != EINTR && errno != EAGAIN)
+            throw Failure(kExitFailed, fmt::format("cannot write the output: {}", std::strerror(errno)));
+    }
+    waiting_.clear();
+}
+
+bool Ends::Stopping() const
+{
+    if ((fds[1].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) throw OutputClosed{};
+    return fds[0].revents != 0;
+}
+
+void PollUntil(std::span<pollfd> fds, Clock::time_point until)
+{
+    timespec timeout{};
+    timespec *limit = nullptr;
+    if (until != Clock::time_point::max()) {
+        auto left = std::max(until - Clock::now(), Clock::duration::zero());
+        auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+        timeout.tv_sec = seconds.count();
+        timeout.tv_nsec = std::chrono::nanoseconds(left - seconds).count();
+        limit = &timeout;
+    }
+    if (ppoll(fds.data(), fds.size(), limit, nullptr) < 0) {
+        for (pollfd &fd : fds)
+            fd.revents = 0;
+        if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "cannot wait");
+    }
+}
+
+std::string ExecutableFolder()
+{
+    std::error_code error;
+    return std::filesystem::read_symlink("/proc/self/exe", error).parent_path().string();
+}

@@ -1,0 +1,93 @@
+// Standard output that may be a pipe, a terminal or a full disk, and the signals that end a watcher.
+#ifndef KELADM_CONSOLE_H
+#define KELADM_CONSOLE_H
+
+#include <chrono>
+#include <csignal>
+#include <poll.h>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+
+// A descriptor that is closed with its owner.
+class Fd
+{
+public:
+    Fd() = default;
+    explicit Fd(int fd) : fd_(fd) {}
+    Fd(Fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    Fd &operator=(Fd &&other) noexcept
+    {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    ~Fd();
+
+    int Get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+
+private:
+    int fd_ = -1;
+};
+
+// Thrown where a program ends without having failed.
+struct OutputClosed {
+}; // nobody reads standard output any more
+struct Stopped {
+}; // SIGINT or SIGTERM
+
+// While it lives, SIGINT and SIGTERM arrive through a descriptor and interrupt nothing.
+class StopSignal
+{
+public:
+    StopSignal();
+    ~StopSignal();
+    StopSignal(const StopSignal &) = delete;
+    StopSignal &operator=(const StopSignal &) = delete;
+
+    int Get() const { return fd_.Get(); }
+
+private:
+    sigset_t before_;
+    Fd fd_;
+};
+
+// Lines for a descriptor: kept until Flush, which waits for a slow reader but never past a stop.
+class Output
+{
+public:
+    // stopFd, when there is one, is a StopSignal's.
+    explicit Output(int fd, int stopFd = -1);
+
+    bool Colour() const { return colour_; } // a terminal, and NO_COLOR is not set
+    void Text(std::string_view text);
+    void Line(std::string_view text);
+    void Flush(); // throws OutputClosed, Stopped, Failure
+
+    // For a poll: ready once the reader has gone.
+    pollfd Watch() const { return {fd_, 0, 0}; }
+
+private:
+    int fd_;
+    int stopFd_;
+    bool colour_;
+    std::string waiting_;
+};
+
+using Clock = std::chrono::steady_clock;
+
+// Ends a wait of a program that watches: for the stop signal, and for a reader that has gone.
+struct Ends {
+    Ends(const StopSignal &stop, const Output &output) : fds{{stop.Get(), POLLIN, 0}, output.Watch()} {}
+    bool Stopping() const; // by a signal; throws OutputClosed
+    pollfd fds[2];
+};
+
+// Polls fds until one is ready or until is reached.
+void PollUntil(std::span<pollfd> fds, Clock::time_point until);
+
+// The folder of this program's executable file.
+std::string ExecutableFolder();
+
+#endif

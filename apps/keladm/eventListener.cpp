@@ -1,0 +1,164 @@
+#include "eventListener.h"
+
+#include "commands.h"
+#include "runDirectory.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr int kBacklog = 128;
+
+[[noreturn]] void Fail(const std::string &path, const char *what)
+{
+    throw Failure(kExitFailed, fmt::format("{}: {}: {}", path, what, std::strerror(errno)));
+}
+
+Fd NewSocket() { return Fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)); }
+
+// Removes a socket that an earlier receiver left behind; only asking it tells whether one still listens.
+void RemoveStale(const std::string &path, const sockaddr_un &address)
+{
+    struct stat status {
+    };
+    if (lstat(path.c_str(), &status) != 0) return;
+    if (!S_ISSOCK(status.st_mode))
+        throw Failure(kExitFailed, fmt::format("{}: in the way, and no socket", path));
+
+    Fd probe = NewSocket();
+    if (connect(probe.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
+        errno == EAGAIN)
+        throw Failure(kExitNoPeer, fmt::format("{}: a receiver is listening there already", path));
+    if (errno != ECONNREFUSED && errno != ENOENT) Fail(path, "cannot ask who listens there");
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) Fail(path, "cannot remove the socket left behind");
+}
+
+ReceivedRecord Decode(std::string bytes, const std::string &trouble)
+{
+    ReceivedRecord record;
+    EventRecord event;
+    std::string error;
+    if (EventRecord_Decode(std::as_bytes(std::span(bytes)), &event, &error) == 0)
+        record.event = std::move(event);
+    else
+        record.malformed = trouble.empty() ? error : trouble + "; " + error;
+    record.bytes = std::move(bytes);
+    return record;
+}
+
+} // namespace
+
+EventListener::EventListener(ListenerLimits limits)
+    : limits_(limits), path_(RunDirectoryPath("carad-pling.sock"))
+{
+    std::error_code error;
+    std::filesystem::create_directories(RunDirectoryPath(""), error);
+    if (error) throw Failure(kExitFailed, fmt::format("{}: {}", RunDirectoryPath(""), error.message()));
+
+    sockaddr_un address = SocketAddress(path_);
+    RemoveStale(path_, address);
+    listener_ = NewSocket();
+    struct stat status {
+    };
+    if (bind(listener_.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+        stat(path_.c_str(), &status) != 0 || listen(listener_.Get(), kBacklog) != 0)
+        Fail(path_, "cannot listen");
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+}
+
+EventListener::~EventListener()
+{
+    struct stat status {
+    };
+    if (stat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_)
+        unlink(path_.c_str());
+}
+
+std::vector<ReceivedRecord> EventListener::Wait(Clock::time_point until, std::span<pollfd> others)
+{
+    std::vector<ReceivedRecord> records;
+    for (;;) {
+        auto now = Clock::now();
+        bool exhausted = now < acceptAgain_;
+        bool accepting = !exhausted && connections_.size() < limits_.connectionsMax;
+        auto wake = exhausted ? std::min(until, acceptAgain_) : until;
+
+        std::vector<pollfd> fds(others.begin(), others.end());
+        fds.push_back({accepting ? listener_.Get() : -1, POLLIN, 0});
+        for (const Connection &connection : connections_) {
+            fds.push_back({connection.fd.Get(), POLLIN, 0});
+            wake = std::min(wake, connection.lastHeard + IdleLimit());
+        }
+        PollUntil(fds, wake);
+
+        now = Clock::now();
+        auto next = fds.begin();
+        bool otherReady = false;
+        for (pollfd &other : others) {
+            other.revents = (next++)->revents;
+            otherReady = otherReady || other.revents != 0;
+        }
+        if ((next++)->revents != 0) Accept(now);
+
+        // Those just accepted stand behind the polled ones and have mostly brought their record along.
+        auto idle = IdleLimit();
+        for (auto connection = connections_.begin(); connection != connections_.end();) {
+            bool ready = next == fds.end() || (next++)->revents != 0;
+            bool ended = ready && !Read(*connection, now);
+            std::string trouble;
+            if (connection->bytes.size() > limits_.bytesMax)
+                trouble = fmt::format("more than {} bytes", limits_.bytesMax);
+            else if (!ended && now - connection->lastHeard >= idle)
+                trouble = "the connection stayed open and silent";
+            if (!ended && trouble.empty()) {
+                ++connection;
+                continue;
+            }
+            if (!connection->bytes.empty())
+                records.push_back(Decode(std::move(connection->bytes), trouble));
+            connection = connections_.erase(connection);
+        }
+        if (!records.empty() || otherReady || now >= until) return records;
+    }
+}
+
+void EventListener::Accept(Clock::time_point now)
+{
+    while (connections_.size() < limits_.connectionsMax) {
+        Fd fd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!fd) {
+            bool exhausted = errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS;
+            if (exhausted) acceptAgain_ = now + std::chrono::milliseconds(100);
+            return;
+        }
+        connections_.push_back({std::move(fd), {}, now});
+    }
+}
+
+bool EventListener::Read(Connection &connection, Clock::time_point now)
+{
+    char buffer[16 * 1024];
+    while (connection.bytes.size() <= limits_.bytesMax) {
+        ssize_t count = read(connection.fd.Get(), buffer, sizeof buffer);
+        if (count == 0) return false;
+        if (count < 0) return errno == EAGAIN || errno == EINTR;
+        connection.bytes.append(buffer, static_cast<size_t>(count));
+        connection.lastHeard = now;
+    }
+    return true;
+}
+
+std::chrono::milliseconds EventListener::IdleLimit() const
+{
+    return connections_.size() < limits_.connectionsMax ? limits_.idle : limits_.idleWhenFull;
+}

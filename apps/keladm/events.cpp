@@ -1,0 +1,139 @@
+#include "catalogue.h"
+#include "commands.h"
+#include "console.h"
+#include "receive.h"
+#include "text.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <unistd.h>
+
+using nlohmann::json;
+
+namespace
+{
+
+struct EventsOptions {
+    std::string match = "*";
+    std::string catalogue;
+    bool asJson = false;
+    bool names = false;
+};
+
+std::string ArgumentsText(const std::vector<CatalogueArgument> &arguments)
+{
+    std::string list;
+    for (const CatalogueArgument &argument : arguments)
+        list += fmt::format("{}{} {}", list.empty() ? "" : ", ", argument.type, argument.name);
+    return list;
+}
+
+json ArgumentsJson(const std::vector<CatalogueArgument> &arguments)
+{
+    json list = json::array();
+    for (const CatalogueArgument &argument : arguments)
+        list.push_back({{"name", argument.name}, {"type", argument.type}});
+    return list;
+}
+
+// The name, then what there is to say about it, one indented line each.
+std::string Block(const std::string &name,
+                  std::initializer_list<std::pair<const char *, std::string>> facts)
+{
+    std::string block = name;
+    for (const auto &[label, text] : facts)
+        if (!text.empty()) block += fmt::format("\n    {:<12}{}", label, text);
+    return block;
+}
+
+std::string Readable(const CatalogueEvent &event)
+{
+    return Block(event.type, {{"text", Printable(event.text)},
+                              {"arguments", ArgumentsText(event.arguments)},
+                              {"clears", event.clears},
+                              {"cleared by", event.clearedBy},
+                              {"paired on", fmt::format("{}", fmt::join(event.pairedOn, ", "))}});
+}
+
+std::string Readable(const CatalogueObservation &observation)
+{
+    return Block(observation.id, {{"domain", observation.domain},
+                                  {"arguments", ArgumentsText(observation.arguments)},
+                                  {"becomes", fmt::format("{}", fmt::join(observation.becomes, ", "))},
+                                  {"note", Printable(observation.note)}});
+}
+
+json ToJson(const CatalogueEvent &event)
+{
+    json line{{"kind", "event"},
+              {"type", event.type},
+              {"class", event.eventClass},
+              {"text", event.text},
+              {"arguments", ArgumentsJson(event.arguments)}};
+    if (!event.clears.empty()) line["clears"] = event.clears;
+    if (!event.clearedBy.empty()) line["clearedBy"] = event.clearedBy;
+    if (!event.pairedOn.empty()) line["pairedOn"] = event.pairedOn;
+    return line;
+}
+
+json ToJson(const CatalogueObservation &observation)
+{
+    json line{{"kind", "observation"},
+              {"id", observation.id},
+              {"domain", observation.domain},
+              {"arguments", ArgumentsJson(observation.arguments)},
+              {"becomes", observation.becomes}};
+    if (!observation.note.empty()) line["note"] = observation.note;
+    return line;
+}
+
+const std::string &NameOf(const CatalogueEvent &event) { return event.type; }
+const std::string &NameOf(const CatalogueObservation &observation) { return observation.id; }
+
+int Events(const EventsOptions &options)
+{
+    auto catalogue = FindCatalogue(options.catalogue);
+    if (!catalogue)
+        throw Failure(kExitFailed,
+                      fmt::format("no catalogue; name one with --catalogue or KELD_CATALOGUE, or put it "
+                                  "in one of:\n  {}",
+                                  fmt::join(CataloguePlaces(), "\n  ")));
+    Output out(STDOUT_FILENO);
+    size_t shown = 0;
+    auto show = [&](const auto &entries) {
+        for (const auto &entry : entries) {
+            if (!GlobMatches(options.match, NameOf(entry))) continue;
+            shown++;
+            out.Line(options.names    ? NameOf(entry)
+                     : options.asJson ? JsonLine(ToJson(entry))
+                                      : Readable(entry));
+        }
+    };
+    show(catalogue->observations);
+    show(catalogue->events);
+    out.Flush();
+    if (shown == 0)
+        throw Failure(kExitFailed, fmt::format("no observation and no event matches {0}; try '*{1}*'",
+                                               Quoted(options.match), options.match));
+    return kExitOk;
+}
+
+} // namespace
+
+void AddEventsCommand(CLI::App &app, Command *chosen)
+{
+    auto options = std::make_shared<EventsOptions>();
+
+    CLI::App *events = app.add_subcommand("events", "List what is observed and what becomes of it");
+    events->add_option("GLOB", options->match, "Only IDs that match, * and ? being wild cards");
+    events->add_option("--catalogue", options->catalogue, "The catalogue")->type_name("FILE");
+    auto asJson = events->add_flag("--json", options->asJson, "One JSON object a line");
+    events->add_flag("--names", options->names, "Only the IDs")->excludes(asJson);
+    events->footer(R"(
+Examples:
+  keladm events
+  keladm events 'nox.problem.net.*'
+  keladm events --json kel.net.vmnic.linkstate.down)");
+    events->callback([options, chosen] { *chosen = [options] { return Events(*options); }; });
+}

@@ -1,0 +1,170 @@
+#include "privateHost.h"
+
+#include "commands.h"
+#include "runDirectory.h"
+
+#include "kltlibs/kel.h"
+#include "kltlibs/rundir.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
+#include <sstream>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+constexpr auto kStartLimit = std::chrono::minutes(1);
+constexpr auto kStopLimit = std::chrono::seconds(60);
+constexpr auto kForceAfter = std::chrono::seconds(10);
+constexpr const char *kRunDirVariable = "KALTOR_RUN_DIR";
+
+bool AllSocketsThere()
+{
+    auto there = [](const std::string &name) { return fs::exists(RunDirectoryPath(name)); };
+    for (int context = 0; context < KELLIB_ASYNC_CONTEXTS; context++)
+        if (!there(fmt::format("kel/async-{}.sock", context))) return false;
+    return there("kel/user.sock") && there("keld-trace.sock");
+}
+
+bool IsProgram(const fs::path &path)
+{
+    std::error_code error;
+    return fs::is_regular_file(path, error) && access(path.c_str(), X_OK) == 0;
+}
+
+} // namespace
+
+PrivateRunDirectory::PrivateRunDirectory()
+{
+    const char *parent = std::getenv("TMPDIR");
+    path_ = fmt::format("{}/keladm-XXXXXX", parent != nullptr && *parent == '/' ? parent : "/tmp");
+    if (path_.size() > KLT_RUN_DIR_BYTES_MAX) path_ = "/tmp/keladm-XXXXXX"; // no room for a socket's name
+    if (mkdtemp(path_.data()) == nullptr)
+        throw Failure(kExitFailed, fmt::format("{}: {}", path_, std::strerror(errno)));
+    if (const char *before = std::getenv(kRunDirVariable)) before_ = before;
+    setenv(kRunDirVariable, path_.c_str(), 1);
+}
+
+PrivateRunDirectory::~PrivateRunDirectory()
+{
+    std::error_code error;
+    fs::remove_all(path_, error);
+    if (before_)
+        setenv(kRunDirVariable, before_->c_str(), 1);
+    else
+        unsetenv(kRunDirVariable);
+}
+
+DaemonProcess::DaemonProcess(const std::string &program, const std::string &errorFile)
+    : errorFile_(errorFile)
+{
+    Fd errors(open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    if (!errors) throw Failure(kExitFailed, fmt::format("{}: {}", errorFile, std::strerror(errno)));
+    pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ < 0)
+        throw Failure(kExitFailed, fmt::format("cannot start {}: {}", program, std::strerror(errno)));
+    if (pid_ == 0) {
+        // A Ctrl-C is for this program, which then ends the daemon in its own time.
+        setpgid(0, 0);
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent) _exit(127);
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        std::signal(SIGPIPE, SIG_DFL);
+        dup2(errors.Get(), STDOUT_FILENO);
+        dup2(errors.Get(), STDERR_FILENO);
+        execl(program.c_str(), program.c_str(), static_cast<char *>(nullptr));
+        dprintf(STDERR_FILENO, "%s: %s\n", program.c_str(), std::strerror(errno));
+        _exit(127);
+    }
+    ended_ = Fd(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
+}
+
+DaemonProcess::~DaemonProcess()
+{
+    if (pid_ < 0) return;
+    kill(pid_, SIGTERM);
+    if (WaitEnd(Clock::now() + kForceAfter)) return;
+    kill(pid_, SIGKILL);
+    WaitEnd(Clock::time_point::max());
+}
+
+void DaemonProcess::WaitReady(const StopSignal &stop)
+{
+    auto until = Clock::now() + kStartLimit;
+    while (!AllSocketsThere()) {
+        if (WaitEnd(Clock::now())) throw Failure(kExitFailed, "the daemon did not start: " + HowItEnded());
+        if (Clock::now() >= until) throw Failure(kExitFailed, "the daemon does not open its channels");
+        pollfd fds[] = {{stop.Get(), POLLIN, 0}, Watch()};
+        PollUntil(fds, Clock::now() + std::chrono::milliseconds(5));
+        if (fds[0].revents != 0) throw Stopped{};
+    }
+}
+
+std::optional<std::string> DaemonProcess::Stop()
+{
+    bool early = WaitEnd(Clock::now());
+    if (!early) {
+        kill(pid_, SIGTERM);
+        if (!WaitEnd(Clock::now() + kStopLimit)) return "the daemon does not end";
+    }
+    if (!early && WIFEXITED(status_) && WEXITSTATUS(status_) == 0) return std::nullopt;
+    return fmt::format("the daemon {}: {}", early ? "ended early" : "ended badly", HowItEnded());
+}
+
+// Without a descriptor that tells, it looks every 20 milliseconds.
+bool DaemonProcess::WaitEnd(Clock::time_point until)
+{
+    while (pid_ >= 0) {
+        if (waitpid(pid_, &status_, WNOHANG) == pid_) {
+            pid_ = -1;
+            break;
+        }
+        if (Clock::now() >= until) return false;
+        pollfd fds[] = {Watch()};
+        PollUntil(fds, ended_ ? until : std::min(until, Clock::now() + std::chrono::milliseconds(20)));
+    }
+    return true;
+}
+
+std::string DaemonProcess::HowItEnded() const
+{
+    std::stringstream errors;
+    errors << std::ifstream(errorFile_).rdbuf();
+    std::string text = WIFSIGNALED(status_) ? fmt::format("signal {}", WTERMSIG(status_))
+                                            : fmt::format("status {}", WEXITSTATUS(status_));
+    return errors.str().empty() ? text : fmt::format("{}; it wrote:\n{}", text, errors.str());
+}
+
+std::string FindDaemon(const std::string &named)
+{
+    const char *variable = std::getenv("KELD_DAEMON");
+    std::string asked = !named.empty() ? named : variable != nullptr ? variable : "";
+    if (!asked.empty()) {
+        if (IsProgram(asked)) return asked;
+        throw Failure(kExitUsage, fmt::format("{}: no program that can be started", asked));
+    }
+
+    fs::path folder = ExecutableFolder();
+    for (const char *place : {"keld", "../keld/keld", "../sbin/keld"})
+        if (IsProgram(folder / place)) return folder / place;
+    const char *path = std::getenv("PATH");
+    std::stringstream folders(path == nullptr ? "" : path);
+    for (std::string entry; std::getline(folders, entry, ':');)
+        if (IsProgram(fs::path(entry) / "keld")) return fs::path(entry) / "keld";
+    throw Failure(kExitNoPeer, "no daemon to start: name it with --daemon or KELD_DAEMON");
+}

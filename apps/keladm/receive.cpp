@@ -1,0 +1,215 @@
+#include "receive.h"
+
+#include "commands.h"
+#include "text.h"
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using nlohmann::json;
+
+namespace
+{
+
+constexpr size_t kHexBytesShown = 256;
+
+std::optional<std::string> TextOf(const EventRecord &event, const std::optional<Catalogue> &catalogue)
+{
+    auto format = catalogue ? catalogue->TextOf(event) : std::nullopt;
+    return format ? std::optional(EventRecord_Render(event, *format)) : std::nullopt;
+}
+
+std::string ArgumentList(const EventRecord &event)
+{
+    std::string list;
+    for (const EventArgument &argument : event.arguments) {
+        if (!list.empty()) list += ", ";
+        auto text = std::get_if<std::optional<std::string>>(&argument.value);
+        list += text != nullptr && *text ? Quoted(**text) : argument.ToText();
+    }
+    return list;
+}
+
+json ArgumentJson(const EventArgument &argument)
+{
+    if (auto text = std::get_if<std::optional<std::string>>(&argument.value))
+        return *text ? json(**text) : json(nullptr);
+    if (auto number = std::get_if<std::int64_t>(&argument.value)) return *number;
+    return std::get<std::uint64_t>(argument.value);
+}
+
+std::string Coloured(const char *code, const std::string &text, bool colour)
+{
+    return colour ? fmt::format("\x1b[{}m{}\x1b[0m", code, text) : text;
+}
+
+// The file of --output: whole lines only. The first that cannot be written is reported, and is the last.
+class EventFile
+{
+public:
+    explicit EventFile(const std::string &path) : path_(path)
+    {
+        if (path.empty()) return;
+        fd_ = Fd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+        if (!fd_) throw Failure(kExitFailed, fmt::format("{}: {}", path, std::strerror(errno)));
+    }
+
+    void Line(const std::string &text)
+    {
+        if (!fd_ || failed_) return;
+        struct stat before {
+        };
+        bool regular = fstat(fd_.Get(), &before) == 0 && S_ISREG(before.st_mode);
+        std::string line = text + "\n";
+        for (size_t done = 0; done < line.size();) {
+            ssize_t written = write(fd_.Get(), line.data() + done, line.size() - done);
+            if (written >= 0) {
+                done += static_cast<size_t>(written);
+            } else if (errno != EINTR) {
+                fmt::print(stderr, "{}: {}; nothing more is kept there\n", path_, std::strerror(errno));
+                failed_ = true;
+                if (regular && ftruncate(fd_.Get(), before.st_size) != 0) return; // half a line stays
+                return;
+            }
+        }
+    }
+
+    bool Failed() const { return failed_; }
+
+private:
+    std::string path_;
+    Fd fd_;
+    bool failed_ = false;
+};
+
+struct ReceiveOptions {
+    bool asJson = false;
+    std::uint64_t count = 0; // 0: no end
+    std::string output;
+    std::string timeout;
+    std::string catalogue;
+};
+
+int Receive(const ReceiveOptions &options)
+{
+    auto catalogue = FindCatalogue(options.catalogue);
+    auto until = Clock::time_point::max();
+    if (!options.timeout.empty()) {
+        auto duration = ParseDuration(options.timeout);
+        if (!duration)
+            throw Failure(kExitUsage,
+                          fmt::format("--timeout {}: use 5s, 500ms, 2m", Quoted(options.timeout)));
+        until = Clock::now() + *duration;
+    }
+
+    StopSignal stop;
+    Output out(STDOUT_FILENO, stop.Get());
+    Ends ends(stop, out);
+    EventFile file(options.output);
+    EventListener listener;
+    if (isatty(STDERR_FILENO) == 1)
+        fmt::print(stderr, "Listening on {}{}; end with Ctrl-C.\n", listener.Path(),
+                   catalogue ? "" : " without a catalogue of texts");
+
+    std::uint64_t shown = 0;
+    auto show = [&](const std::vector<ReceivedRecord> &records) {
+        for (const ReceivedRecord &record : records) {
+            if (options.count != 0 && shown == options.count) break;
+            std::string line = JsonLine(RecordJson(record, catalogue));
+            file.Line(line);
+            out.Line(options.asJson ? line : RecordLine(record, catalogue, out.Colour()));
+            if (record.event) shown++;
+        }
+        out.Flush();
+    };
+    bool stopped = false;
+    while (!stopped && (options.count == 0 || shown < options.count) && Clock::now() < until) {
+        show(listener.Wait(until, ends.fds));
+        stopped = ends.Stopping();
+    }
+    if (stopped) {
+        // What a sender has handed over already is not lost with the listener.
+        show(listener.Wait(Clock::now(), {}));
+    } else if (shown < options.count) {
+        fmt::print(stderr, "{} of {} events came\n", shown, options.count);
+        return kExitFailed;
+    }
+    return file.Failed() ? kExitFailed : kExitOk;
+}
+
+} // namespace
+
+std::string EventClassOf(const std::string &typeId)
+{
+    for (const char *eventClass : {"problem", "audit", "clear"})
+        if (typeId.starts_with(fmt::format("nox.{}.", eventClass))) return eventClass;
+    return "";
+}
+
+std::string RecordLine(const ReceivedRecord &record, const std::optional<Catalogue> &catalogue, bool colour)
+{
+    if (!record.event)
+        return fmt::format("{} {}: {}: {}", Coloured("35", "malformed record", colour), record.bytes.size(),
+                           Printable(record.malformed), HexText(record.bytes, kHexBytesShown));
+    const EventRecord &event = *record.event;
+    std::string eventClass = EventClassOf(event.typeId);
+    const char *code = eventClass == "problem" ? "31" : eventClass == "clear" ? "32" : "36";
+    auto text = TextOf(event, catalogue);
+    return fmt::format("{} {} {}  {}", LocalTime(event.timestamp),
+                       Coloured(code, fmt::format("{:<7}", eventClass), colour), Printable(event.typeId),
+                       text ? Printable(*text) : ArgumentList(event));
+}
+
+json RecordJson(const ReceivedRecord &record, const std::optional<Catalogue> &catalogue)
+{
+    if (!record.event)
+        return {{"malformed", record.malformed},
+                {"length", record.bytes.size()},
+                {"hex", HexText(record.bytes, record.bytes.size())}};
+    const EventRecord &event = *record.event;
+    json arguments = json::array();
+    for (const EventArgument &argument : event.arguments)
+        arguments.push_back(ArgumentJson(argument));
+    auto text = TextOf(event, catalogue);
+    return {{"timestamp", event.timestamp},
+            {"time", LocalTime(event.timestamp)},
+            {"class", EventClassOf(event.typeId)},
+            {"type", event.typeId},
+            {"text", text ? json(*text) : json(nullptr)},
+            {"arguments", std::move(arguments)},
+            {"host", event.hostIdentity}};
+}
+
+std::string JsonLine(const json &value)
+{
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+void AddReceiveCommand(CLI::App &app, Command *chosen)
+{
+    auto options = std::make_shared<ReceiveOptions>();
+
+    CLI::App *receive = app.add_subcommand("receive", "Show the events that the daemon sends");
+    receive->add_flag("--json", options->asJson, "One JSON object a line");
+    receive->add_option("-n,--count", options->count, "End after N events")->type_name("N");
+    receive->add_option("-o,--output", options->output, "Append the events to FILE as JSON lines, too")
+        ->type_name("FILE");
+    receive->add_option("-t,--timeout", options->timeout, "End after this time, such as 5s or 500ms")
+        ->type_name("S");
+    receive->add_option("--catalogue", options->catalogue, "The catalogue of texts")->type_name("FILE");
+    receive->footer(R"(
+Stands in for the host management agent, in whose place it listens. SIGINT and SIGTERM
+end it with status 0; a --timeout that comes before --count events, with status 1.
+A malformed record is shown with its bytes and does not count.
+
+Examples:
+  keladm receive
+  keladm receive --json --count 1 --timeout 30s
+  keladm receive --output events.jsonl)");
+    receive->callback([options, chosen] { *chosen = [options] { return Receive(*options); }; });
+}

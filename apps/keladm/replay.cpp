@@ -1,0 +1,360 @@
+#include "commands.h"
+#include "console.h"
+#include "privateHost.h"
+#include "receive.h"
+#include "runDirectory.h"
+#include "scenario.h"
+#include "text.h"
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <fmt/format.h>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <unistd.h>
+
+using nlohmann::json;
+
+namespace
+{
+
+struct ReplayOptions {
+    std::string file;
+    double speed = 1;
+    bool check = false;
+    bool asJson = false;
+    std::string daemon;
+};
+
+// What a check has of its own, beside the run directory.
+struct CheckedHost {
+    EventListener listener;
+    DaemonProcess daemon;
+};
+
+// An event that has come and met no expectation yet.
+struct WaitingEvent {
+    std::string type;
+    std::vector<std::string> arguments;
+
+    std::string ToText() const
+    {
+        std::string text = Printable(type);
+        for (const std::string &argument : arguments) {
+            bool plain = !argument.empty() && argument.find_first_of(" \t\n\"'*?#\\") == std::string::npos;
+            text += " " + (plain ? Printable(argument) : Quoted(argument));
+        }
+        return text;
+    }
+};
+
+class Player
+{
+public:
+    Player(const ReplayOptions &options, const StopSignal &stop, CheckedHost *host)
+        : options_(options), host_(host), stop_(stop), out_(STDOUT_FILENO, stop.Get())
+    {
+    }
+
+    void Play(std::span<const ScenarioStep> steps)
+    {
+        for (const ScenarioStep &step : steps) {
+            try {
+                std::visit([&](const auto &action) { Do(step, action); }, step.action);
+            } catch (const Failure &failure) {
+                throw Failure(failure.status, fmt::format("line {}: {}", step.line, failure.what()));
+            }
+            CheckDaemon();
+        }
+    }
+
+    // Reports how it went; trouble is what the daemon's end brought. True when all was as expected.
+    bool Finish(const std::optional<std::string> &trouble)
+    {
+        bool good = failed_ == 0 && !trouble;
+        if (options_.asJson) {
+            json line{
+                {"result", good ? "ok" : "failed"}, {"expectations", met_ + failed_}, {"failed", failed_}};
+            if (trouble) line["daemon"] = *trouble;
+            out_.Line(JsonLine(line));
+        } else if (host_ != nullptr) {
+            if (trouble) out_.Line("FAILED    " + *trouble);
+            out_.Line(
+                fmt::format("{}: {} of {} expectations met", good ? "ok" : "FAILED", met_, met_ + failed_));
+        }
+        out_.Flush();
+        return good;
+    }
+
+private:
+    void Do(const ScenarioStep &step, const Observation &observation)
+    {
+        Report(step);
+        sender_.Send(observation);
+    }
+
+    void Do(const ScenarioStep &step, const HostChange &change)
+    {
+        Report(step);
+        ApplyHostChange(change);
+    }
+
+    void Do(const ScenarioStep &step, const PauseAction &pause)
+    {
+        Report(step);
+        auto duration = std::chrono::duration<double, std::milli>(pause.duration) / options_.speed;
+        WaitUntil(Clock::now() + std::chrono::duration_cast<Clock::duration>(duration));
+    }
+
+    void Do(const ScenarioStep &, const RepeatAction &repeat)
+    {
+        for (unsigned i = 0; i < repeat.count; i++)
+            Play(repeat.steps);
+    }
+
+    // Without a receiver of one's own there is nothing to compare; the time passes all the same where
+    // the scenario's meaning is that it does.
+    void Do(const ScenarioStep &step, const ExpectAction &expect)
+    {
+        auto until = Clock::now() + expect.within;
+        if (host_ == nullptr) {
+            if (expect.none) WaitUntil(until);
+        } else if (expect.none) {
+            ExpectNone(step, expect, until);
+        } else {
+            ExpectEvent(step, expect, until);
+        }
+    }
+
+    void ExpectEvent(const ScenarioStep &step, const ExpectAction &expect, Clock::time_point until)
+    {
+        auto found = FindEvent(expect);
+        while (found == waiting_.end() && Clock::now() < until) {
+            WaitSome(until);
+            found = FindEvent(expect);
+        }
+        if (found == waiting_.end()) {
+            Result(step, false, fmt::format("did not come within {}", DurationText(expect.within)),
+                   waiting_);
+            return;
+        }
+        Result(step, true, "", {*found});
+        waiting_.erase(found);
+    }
+
+    void ExpectNone(const ScenarioStep &step, const ExpectAction &expect, Clock::time_point until)
+    {
+        WaitUntil(until);
+        std::vector<WaitingEvent> unwanted;
+        for (auto found = FindEvent(expect); found != waiting_.end(); found = FindEvent(expect)) {
+            unwanted.push_back(std::move(*found));
+            waiting_.erase(found);
+        }
+        Result(step, unwanted.empty(), "came all the same", unwanted);
+    }
+
+    std::vector<WaitingEvent>::iterator FindEvent(const ExpectAction &expect)
+    {
+        return std::ranges::find_if(waiting_, [&](const WaitingEvent &event) {
+            return Meets(expect, event.type, event.arguments);
+        });
+    }
+
+    void WaitUntil(Clock::time_point until)
+    {
+        while (Clock::now() < until)
+            WaitSome(until);
+    }
+
+    // Waits for events, for the daemon's end or for until, whichever is first.
+    void WaitSome(Clock::time_point until)
+    {
+        pollfd fds[] = {{stop_.Get(), POLLIN, 0}, {-1, 0, 0}};
+        if (host_ == nullptr) {
+            PollUntil(fds, until);
+        } else {
+            fds[1] = host_->daemon.Watch();
+            for (ReceivedRecord &record : host_->listener.Wait(until, fds))
+                Keep(record);
+        }
+        if (fds[0].revents != 0) throw Stopped{};
+        CheckDaemon();
+    }
+
+    void Keep(const ReceivedRecord &record)
+    {
+        if (!record.event) {
+            waiting_.push_back({fmt::format("malformed record ({})", record.malformed), {}});
+            return;
+        }
+        WaitingEvent event{record.event->typeId, {}};
+        for (const EventArgument &argument : record.event->arguments)
+            event.arguments.push_back(argument.ToText());
+        waiting_.push_back(std::move(event));
+    }
+
+    // A daemon that has gone leaves nothing to play for.
+    void CheckDaemon()
+    {
+        if (host_ == nullptr) return;
+        pollfd fds[] = {host_->daemon.Watch()};
+        PollUntil(fds, Clock::now());
+        if (fds[0].revents == 0) return;
+        throw Failure(kExitFailed, host_->daemon.Stop().value_or("the daemon has ended"));
+    }
+
+    void Report(const ScenarioStep &step)
+    {
+        if (options_.asJson)
+            out_.Line(JsonLine({{"line", step.line}, {"after", Elapsed()}, {"action", step.source}}));
+        else
+            out_.Line(fmt::format("{:8.3f}  {}", Elapsed(), step.source));
+        out_.Flush();
+    }
+
+    // events: the one that met the expectation, or those that came instead of it.
+    void Result(const ScenarioStep &step, bool met, const std::string &what,
+                const std::vector<WaitingEvent> &events)
+    {
+        (met ? met_ : failed_)++;
+        if (options_.asJson) {
+            json list = json::array();
+            for (const WaitingEvent &event : events)
+                list.push_back({{"type", event.type}, {"arguments", event.arguments}});
+            out_.Line(JsonLine({{"line", step.line},
+                                {"after", Elapsed()},
+                                {"action", step.source},
+                                {"result", met ? "met" : "failed"},
+                                {"events", list}}));
+        } else if (met) {
+            out_.Line(fmt::format("{:8.3f}  {}", Elapsed(), step.source));
+        } else {
+            out_.Line(fmt::format("FAILED    line {}: {}\n            {}{}", step.line, step.source, what,
+                                  events.empty() ? "; no other event came" : ":"));
+            for (const WaitingEvent &event : events)
+                out_.Line("              " + event.ToText());
+        }
+        out_.Flush();
+    }
+
+    double Elapsed() const
+    {
+        auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start_);
+        return static_cast<double>(elapsed.count()) / 1000;
+    }
+
+    const ReplayOptions &options_;
+    CheckedHost *host_; // null: a host that is there already
+    const StopSignal &stop_;
+    Output out_;
+    Sender sender_;
+    Clock::time_point start_ = Clock::now();
+    std::vector<WaitingEvent> waiting_;
+    unsigned met_ = 0;
+    unsigned failed_ = 0;
+};
+
+std::string ReadAll(const std::string &file)
+{
+    std::stringstream content;
+    if (file == "-") {
+        content << std::cin.rdbuf();
+        return content.str();
+    }
+    std::ifstream stream(file);
+    if (!stream) throw Failure(kExitUsage, fmt::format("{}: {}", file, std::strerror(errno)));
+    if (stream.peek() != std::ifstream::traits_type::eof()) content << stream.rdbuf();
+    if (stream.bad() || content.bad()) throw Failure(kExitUsage, fmt::format("{}: cannot be read", file));
+    return content.str();
+}
+
+std::vector<ScenarioStep> ReadScenario(const std::string &file)
+{
+    std::string text = ReadAll(file);
+    try {
+        return ParseScenario(text);
+    } catch (const Failure &failure) {
+        throw Failure(failure.status,
+                      fmt::format("{}: {}", file == "-" ? "standard input" : file, failure.what()));
+    }
+}
+
+int PlayChecked(const ReplayOptions &options, std::span<const ScenarioStep> steps)
+{
+    std::string program = FindDaemon(options.daemon);
+    StopSignal stop;
+    PrivateRunDirectory directory;
+
+    // The host as the daemon finds it when it starts.
+    while (!steps.empty() && std::holds_alternative<HostChange>(steps.front().action)) {
+        ApplyHostChange(std::get<HostChange>(steps.front().action));
+        steps = steps.subspan(1);
+    }
+
+    CheckedHost host{EventListener(), {program, directory.Path() + "/daemon.err"}};
+    host.daemon.WaitReady(stop);
+    Player player(options, stop, &host);
+    player.Play(steps);
+    return player.Finish(host.daemon.Stop()) ? kExitOk : kExitFailed;
+}
+
+int Replay(const ReplayOptions &options)
+{
+    if (!(options.speed > 0) || !std::isfinite(options.speed))
+        throw Failure(kExitUsage, "--speed takes a number above 0, such as 2 or 0.5");
+    auto steps = ReadScenario(options.file);
+    try {
+        if (options.check) return PlayChecked(options, steps);
+        StopSignal stop;
+        Player player(options, stop, nullptr);
+        player.Play(steps);
+        return player.Finish(std::nullopt) ? kExitOk : kExitFailed;
+    } catch (const Stopped &) {
+        throw Failure(kExitFailed, "interrupted");
+    }
+}
+
+} // namespace
+
+void AddReplayCommand(CLI::App &app, Command *chosen)
+{
+    auto options = std::make_shared<ReplayOptions>();
+
+    CLI::App *replay = app.add_subcommand("replay", "Play a scenario of observations and host changes");
+    replay->add_option("FILE", options->file, "The scenario; - for standard input")->required();
+    replay->add_option("--speed", options->speed, "Divide the pauses by this")
+        ->type_name("X")
+        ->capture_default_str();
+    replay->add_flag("--check", options->check,
+                     "With a daemon of its own, compare the events with those expected");
+    replay->add_option("--daemon", options->daemon, "The daemon that --check starts")->type_name("FILE");
+    replay->add_flag("--json", options->asJson, "One JSON object a line");
+    replay->footer(R"(
+One action a line:
+  # a comment
+  host set net/portgroups/Production vSwitch0      also: host mkdir NAME, host remove NAME
+  observe kel.net.vmnic.linkstate.down vmnic0      the format is guessed, as by keladm send
+  observe @async-3 kel.x "NIC %s at %u" vmnic0 10  a context; in double quotes: the format
+  pause 500ms                                      also: 2s, 1.5s, 1m
+  repeat 3                                         what stands before its end, three times
+  end
+  expect within 5s nox.problem.net.vmnic.linkstate.down vmnic0
+  expect none within 2s nox.problem.*              without a pattern: no event at all
+
+A word with blanks stands between quotes: "..." with \" \\ \n \t, or '...' as it is.
+An expected argument is compared as text; * matches any, a last ... all that follow.
+
+Without --check, the daemon that serves the run directory is played to and expectations
+are not compared. With it, host lines that come first are in place before the daemon
+starts, and nothing is left behind; the daemon is KELD_DAEMON, or keld beside keladm, in
+../keld or ../sbin, or in PATH.
+
+Examples:
+  keladm replay scenarios/uplink-loss.scenario
+  keladm replay --check scenarios/uplink-loss.scenario
+  keladm replay --speed 10 -)");
+    replay->callback([options, chosen] { *chosen = [options] { return Replay(*options); }; });
+}

@@ -1,0 +1,68 @@
+// Scenarios: what happens on a host, and what the daemon should make of it. One action a line:
+//
+//     # a comment
+//     host set net/portgroups/Production vSwitch0      also: host mkdir NAME, host remove NAME
+//     observe kel.net.vmnic.linkstate.down vmnic0      the format is guessed, as by keladm send
+//     observe @async-3 kel.x "NIC %s at %u" vmnic0 10  a context; in double quotes: the format
+//     pause 500ms                                      also: 2s, 1.5s, 1m
+//     repeat 3                                         what stands before its end, three times
+//         ...
+//     end
+//     expect within 5s nox.problem.net.vmnic.linkstate.down vmnic0
+//     expect none within 2s nox.problem.*              without a pattern: no event at all
+//
+// Words are separated by blanks; one with blanks in it stands between double quotes (with \" \\ \n \t)
+// or single quotes (as it is). What is quoted is a text, never a number or a pattern; a first argument
+// that must be quoted where there is no format stands between single quotes.
+//
+// Of an expected event, the type ID may hold * and ?, and so may each argument, which are compared as
+// text: all of them in their order, or as many as stand there before a last "..."; without any,
+// arguments do not matter. An event meets one expectation; events that were never expected are no
+// failure, unless "expect none" meets them.
+#ifndef KELADM_SCENARIO_H
+#define KELADM_SCENARIO_H
+
+#include "host.h"
+#include "send.h"
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+struct ScenarioStep;
+
+struct PauseAction {
+    std::chrono::milliseconds duration;
+};
+
+struct ExpectAction {
+    bool none = false;
+    std::chrono::milliseconds within;
+    std::string type;                    // pattern
+    std::vector<ArgumentWord> arguments; // patterns where not quoted
+    bool argumentsMatter = false;
+    bool moreAllowed = false; // "..." stands behind the arguments
+};
+
+struct RepeatAction {
+    unsigned count = 1;
+    std::vector<ScenarioStep> steps;
+};
+
+struct ScenarioStep {
+    size_t line = 0;
+    std::string source; // the line without what surrounds it
+    std::variant<Observation, HostChange, PauseAction, ExpectAction, RepeatAction> action;
+};
+
+// Throws Failure, "line 12: ...", for the first line that is wrong.
+std::vector<ScenarioStep> ParseScenario(std::string_view text);
+
+// True when the event is one of those that are meant.
+bool Meets(const ExpectAction &expected, const std::string &type,
+           const std::vector<std::string> &arguments);
+
+#endif

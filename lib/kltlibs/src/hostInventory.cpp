@@ -1,0 +1,204 @@
+#include "hostInventory.h"
+
+#include "files.h"
+#include "kltlibs/rundir.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdint>
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <memory>
+#include <sys/stat.h>
+
+namespace HostInventory
+{
+
+namespace
+{
+
+// Behind its "%" comes no escape, so that List passes over a file that is still being written.
+constexpr char kNewFile[] = "%new-XXXXXX";
+
+// 0 with the file name of an entry; EINVAL for a part that can be no name.
+int FileName(const Path &path, std::string *name)
+{
+    std::array<char, KLT_RUN_PATH_BYTES> host;
+    if (const int error = KltRunDir_Path("host", host.data(), host.size()); error != 0) return error;
+    *name = host.data();
+    for (const std::string &part : path) {
+        if (part.empty() || part == "." || part == ".." || part.find('\0') != std::string::npos)
+            return EINVAL;
+        *name += '/';
+        *name += EscapeName(part);
+    }
+    return 0;
+}
+
+// A name that is too long, or that leads through a file, is of nothing that is there.
+int ErrorOfAccess() { return errno == ENOTDIR || errno == ENAMETOOLONG ? ENOENT : errno; }
+
+int ReadWhole(const Path &path, std::string *text)
+{
+    std::string name;
+    if (const int error = FileName(path, &name); error != 0) return error;
+    const UniqueFd file(open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file) return ErrorOfAccess();
+    std::array<char, 4096> piece;
+    for (;;) {
+        const ssize_t count = read(file.Get(), piece.data(), piece.size());
+        if (count < 0) return errno;
+        if (count == 0) return 0;
+        text->append(piece.data(), static_cast<std::size_t>(count));
+    }
+}
+
+int WriteWhole(int file, std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t count = write(file, text.data(), text.size());
+        if (count < 0) return errno;
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return 0;
+}
+
+template <typename Integer>
+int ParseWithin(std::string_view text, Integer low, Integer high, Integer *value)
+{
+    Integer parsed = 0;
+    const char *end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, parsed);
+    if (error == std::errc::invalid_argument || stop != end) return EINVAL;
+    if (error != std::errc() || parsed < low || parsed > high) return ERANGE;
+    *value = parsed;
+    return 0;
+}
+
+} // namespace
+
+std::optional<std::string> ReadText(const Path &path, int *error)
+{
+    std::string text;
+    const int result = ReadWhole(path, &text);
+    if (error != nullptr) *error = result;
+    if (result != 0) return std::nullopt;
+    if (text.ends_with('\n')) text.pop_back();
+    return text;
+}
+
+int ReadInteger(const Path &path, std::int64_t low, std::int64_t high, std::int64_t *value)
+{
+    int error;
+    const auto text = ReadText(path, &error);
+    return text ? ParseInteger(*text, low, high, value) : error;
+}
+
+int ReadUnsigned(const Path &path, std::uint64_t high, std::uint64_t *value)
+{
+    int error;
+    const auto text = ReadText(path, &error);
+    return text ? ParseUnsigned(*text, high, value) : error;
+}
+
+int ParseInteger(std::string_view text, std::int64_t low, std::int64_t high, std::int64_t *value)
+{
+    return ParseWithin(text, low, high, value);
+}
+
+int ParseUnsigned(std::string_view text, std::uint64_t high, std::uint64_t *value)
+{
+    return ParseWithin(text, std::uint64_t{0}, high, value);
+}
+
+bool IsDirectory(const Path &path)
+{
+    std::string name;
+    struct stat status;
+    return FileName(path, &name) == 0 && stat(name.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+std::vector<std::string> List(const Path &path)
+{
+    std::vector<std::string> names;
+    std::string directory;
+    if (FileName(path, &directory) != 0) return names;
+    const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(directory.c_str()), closedir);
+    if (entries == nullptr) return names;
+    while (const dirent *entry = readdir(entries.get())) {
+        auto name = UnescapeName(entry->d_name);
+        if (name && *name != "." && *name != "..") names.push_back(std::move(*name));
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+int WriteText(const Path &path, std::string_view text)
+{
+    std::string name;
+    if (path.empty()) return EISDIR;
+    if (const int error = FileName(path, &name); error != 0) return error;
+    const std::string directory = name.substr(0, name.rfind('/'));
+    if (const int error = KltMakeDirectory(directory); error != 0) return error;
+
+    std::string newName = directory + '/' + kNewFile;
+    UniqueFd file(mkostemp(newName.data(), O_CLOEXEC));
+    if (!file) return errno;
+    int error = fchmod(file.Get(), 0644) == 0 ? 0 : errno;
+    if (error == 0) error = WriteWhole(file.Get(), std::string(text) + '\n');
+    if (close(file.Release()) != 0 && error == 0) error = errno;
+    if (error == 0 && rename(newName.c_str(), name.c_str()) != 0) error = errno;
+    if (error != 0) unlink(newName.c_str());
+    return error;
+}
+
+int MakeDirectory(const Path &path)
+{
+    std::string name;
+    if (const int error = FileName(path, &name); error != 0) return error;
+    return KltMakeDirectory(name);
+}
+
+int Remove(const Path &path)
+{
+    std::string name;
+    if (const int error = FileName(path, &name); error != 0) return error;
+    std::error_code error;
+    const auto removed = std::filesystem::remove_all(name, error);
+    if (error) return error.value();
+    return removed == 0 ? ENOENT : 0;
+}
+
+std::string EscapeName(std::string_view name)
+{
+    std::string escaped;
+    escaped.reserve(name.size());
+    for (const char c : name) {
+        if (c == '/')
+            escaped += "%2F";
+        else if (c == '%')
+            escaped += "%25";
+        else
+            escaped += c;
+    }
+    return escaped;
+}
+
+std::optional<std::string> UnescapeName(std::string_view name)
+{
+    std::string plain;
+    plain.reserve(name.size());
+    while (!name.empty()) {
+        const bool slash = name.starts_with("%2F");
+        if (!slash && name.front() == '%' && !name.starts_with("%25")) return std::nullopt;
+        plain += slash ? '/' : name.front();
+        name.remove_prefix(name.front() == '%' ? 3 : 1);
+    }
+    return plain;
+}
+
+} // namespace HostInventory

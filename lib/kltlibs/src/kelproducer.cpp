@@ -1,0 +1,184 @@
+// Building observations and sending them.
+//
+// Linked into plain C programs: libc alone, no exceptions.
+#include "kelproducer.h"
+
+#include "kelId.h"
+#include "kltlibs/kelrecord.h"
+#include "kltlibs/msgfmt.h"
+#include "kltlibs/rundir.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+struct KelProducer {
+    int fd;
+};
+
+namespace
+{
+
+constexpr size_t kEmitBytes = 2048; // nearly every observation; the others take memory from the heap
+
+uint64_t Now()
+{
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_usec);
+}
+
+// 0 for a format of at most 32 packable conversions.
+int CheckFormat(const char *format)
+{
+    const char *start;
+    MsgFmtType type;
+    for (int count = 0; count <= KELRECORD_ARGUMENTS_MAX; ++count) {
+        const int error = MsgFmt_NextConversion(&format, &start, &type);
+        if (error != 0) return error == ENOENT ? 0 : error;
+    }
+    return EINVAL;
+}
+
+void PutWord(char *record, uint32_t offset, size_t value)
+{
+    const uint32_t word = static_cast<uint32_t>(value);
+    memcpy(record + offset, &word, sizeof word);
+}
+
+int EmitVA(KelProducer *producer, void *buffer, size_t size, const char *id, const char *format,
+           va_list args) __attribute__((format(printf, 5, 0)));
+
+int EmitVA(KelProducer *producer, void *buffer, size_t size, const char *id, const char *format,
+           va_list args)
+{
+    size_t length;
+    const int error = KelRecord_BuildVA(buffer, size, &length, KELPRODUCER_NOW, id, format, args);
+    return error != 0 ? error : KelProducer_Send(producer, buffer, length);
+}
+
+} // namespace
+
+int KelRecord_BuildVA(void *buffer, size_t size, size_t *length, uint64_t timestamp, const char *id,
+                      const char *format, va_list args)
+{
+    const size_t idChars = strnlen(id, KELRECORD_ID_CHARS_MAX + 1);
+    if (idChars == 0 || idChars > KELRECORD_ID_CHARS_MAX || KelId_Span(id, idChars) != idChars)
+        return EINVAL;
+    if (const int error = CheckFormat(format); error != 0) return error;
+    if (size > KELPRODUCER_RECORD_BYTES_MAX) size = KELPRODUCER_RECORD_BYTES_MAX;
+
+    const size_t messageBytes = strlen(format) + 1;
+    const size_t message = KELRECORD_HEADER_BYTES + idChars + 1;
+    if (size < message || size - message < messageBytes) return ENOSPC;
+    const size_t area = message + messageBytes;
+    char *record = static_cast<char *>(buffer);
+    size_t areaBytes;
+    uint32_t count;
+    if (const int error =
+            MsgFmt_GetArgsWithBuf(format, args, record + area, size - area, &areaBytes, &count);
+        error != 0)
+        return error;
+    MsgFmt_SwizzleArgs(record + area, count);
+
+    if (timestamp == KELPRODUCER_NOW) timestamp = Now();
+    *length = area + areaBytes;
+    memcpy(record, &timestamp, sizeof timestamp);
+    memcpy(record + 8, "KEL1", 4);
+    PutWord(record, 12, count);
+    PutWord(record, 16, *length);
+    PutWord(record, 20, message);
+    PutWord(record, 24, area);
+    PutWord(record, 28, idChars + 1);
+    memcpy(record + KELRECORD_HEADER_BYTES, id, idChars + 1);
+    memcpy(record + message, format, messageBytes);
+    return 0;
+}
+
+int KelRecord_Build(void *buffer, size_t size, size_t *length, uint64_t timestamp, const char *id,
+                    const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const int error = KelRecord_BuildVA(buffer, size, length, timestamp, id, format, args);
+    va_end(args);
+    return error;
+}
+
+int KelProducer_Open(int context, KelProducer **producer)
+{
+    *producer = nullptr;
+    if (context < 0 || context > KELPRODUCER_USER_CONTEXT) return EINVAL;
+    char name[32] = "kel/user.sock";
+    if (context < KELPRODUCER_ASYNC_CONTEXTS) snprintf(name, sizeof name, "kel/async-%d.sock", context);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (const int error = KltRunDir_Path(name, address.sun_path, sizeof address.sun_path); error != 0)
+        return error;
+
+    const int type = context == KELPRODUCER_USER_CONTEXT ? SOCK_SEQPACKET : SOCK_DGRAM;
+    const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    if (fd < 0) return errno;
+    KelProducer *opened = nullptr;
+    int error = 0;
+    if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+        error = errno;
+    else if ((opened = static_cast<KelProducer *>(malloc(sizeof *opened))) == nullptr)
+        error = ENOMEM;
+    if (error != 0) {
+        close(fd);
+        return error;
+    }
+    opened->fd = fd;
+    *producer = opened;
+    return 0;
+}
+
+int KelProducer_Send(KelProducer *producer, const void *records, size_t length)
+{
+    if (length == 0) return 0; // an empty packet would end the stream
+    if (length > KELPRODUCER_RECORD_BYTES_MAX) return EMSGSIZE;
+    while (send(producer->fd, records, length, MSG_NOSIGNAL) < 0) {
+        switch (errno) {
+        case EINTR:
+            break;
+        case ECONNRESET:
+            return EPIPE;
+        case ENOTCONN: // a second try after ECONNREFUSED
+            return ECONNREFUSED;
+        default:
+            return errno;
+        }
+    }
+    return 0;
+}
+
+int KelProducer_Emit(KelProducer *producer, const char *id, const char *format, ...)
+{
+    char small[kEmitBytes];
+    va_list args;
+    va_start(args, format);
+    int error = EmitVA(producer, small, sizeof small, id, format, args);
+    va_end(args);
+    if (error != ENOSPC) return error;
+
+    void *large = malloc(KELPRODUCER_RECORD_BYTES_MAX);
+    if (large == nullptr) return ENOMEM;
+    va_start(args, format);
+    error = EmitVA(producer, large, KELPRODUCER_RECORD_BYTES_MAX, id, format, args);
+    va_end(args);
+    free(large);
+    return error;
+}
+
+void KelProducer_Close(KelProducer *producer)
+{
+    if (producer == nullptr) return;
+    close(producer->fd);
+    free(producer);
+}
