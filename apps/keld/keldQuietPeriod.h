@@ -11,8 +11,7 @@
 
 inline constexpr std::uint64_t kQuietPeriodSeconds = 300;
 
-class KeldQuietPeriod
-{
+class KeldQuietPeriod {
 public:
     // True when the observation of this second is to be posted: the first one, and one that comes more
     // than the quiet period after the one before it. A clock that was set back counts as a long time.

@@ -17,8 +17,7 @@
 
 const char *keldVfatScratchLink = "/scratch";
 
-namespace
-{
+namespace {
 
 // By UUID, never pruned.
 std::map<std::string, KeldQuietPeriod> &quietPeriods = *new std::map<std::string, KeldQuietPeriod>;

@@ -3,8 +3,7 @@
 
 #include <algorithm>
 
-namespace
-{
+namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -26,8 +25,7 @@ TestKel NfsKel(const std::string &name)
                    UUID_NUMBERS, "nfsstore");
 }
 
-class DsfsCorrelatorTest : public CorrelatorTest
-{
+class DsfsCorrelatorTest : public CorrelatorTest {
 protected:
     DsfsCorrelatorTest() : CorrelatorTest(keldDsfsDomain) {}
 

@@ -6,16 +6,14 @@
 #include <filesystem>
 #include <functional>
 
-namespace
-{
+namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-class LocalFileSystemTest : public CorrelatorTest
-{
+class LocalFileSystemTest : public CorrelatorTest {
 protected:
     using CorrelatorTest::CorrelatorTest;
 
@@ -43,8 +41,7 @@ protected:
     }
 };
 
-class QuillfsCorrelatorTest : public LocalFileSystemTest
-{
+class QuillfsCorrelatorTest : public LocalFileSystemTest {
 protected:
     QuillfsCorrelatorTest() : LocalFileSystemTest(keldQuillfsDomain) {}
 
@@ -133,8 +130,7 @@ TEST_F(QuillfsCorrelatorTest, Kept_TextsHaveTwoBlanks)
                     HasSubstr("is full.  As a result, the file %s could not be"));
 }
 
-class VfatCorrelatorTest : public LocalFileSystemTest
-{
+class VfatCorrelatorTest : public LocalFileSystemTest {
 protected:
     VfatCorrelatorTest() : LocalFileSystemTest(keldVfatDomain)
     {

@@ -1,8 +1,7 @@
 #include "correlatorFixture.h"
 #include "keldSwapCorrelator.h"
 
-namespace
-{
+namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -11,8 +10,7 @@ using testing::IsEmpty;
 constexpr const char *kUuid = "5f3a1b2c-0004d2e7-00ab-001b21c00fff";
 const std::string kPath = "/dsfs/volumes/datastore1/sysSwap-host7.swp";
 
-class SwapCorrelatorTest : public CorrelatorTest
-{
+class SwapCorrelatorTest : public CorrelatorTest {
 protected:
     SwapCorrelatorTest() : CorrelatorTest(keldSwapDomain)
     {

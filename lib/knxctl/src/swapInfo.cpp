@@ -10,11 +10,9 @@
 
 using NodeAdm::Lib::NodeAdmException;
 
-namespace KnxCtl::System
-{
+namespace KnxCtl::System {
 
-namespace
-{
+namespace {
 
 [[noreturn]] void Throw(const char *what, int error)
 {

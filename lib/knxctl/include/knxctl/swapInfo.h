@@ -2,12 +2,10 @@
 #ifndef KNXCTL_SWAPINFO_H
 #define KNXCTL_SWAPINFO_H
 
-namespace KnxCtl::System
-{
+namespace KnxCtl::System {
 
 // Throws NodeAdm::Lib::NodeAdmException on failure. One thread at a time.
-class SwapInfoImpl
-{
+class SwapInfoImpl {
 public:
     SwapInfoImpl();
     ~SwapInfoImpl();
