@@ -11,16 +11,15 @@
 
 #include "keldTranslation.h"
 
-<<<<<<< HEAD namespace
-{
+namespace {
 
-    constexpr KeldArguments kVolume = Args("volumeName:%p, volumeUuid:%U");
-    constexpr KeldArguments kLockModes =
-        Args("volumeName:%p, volumeUuid:%U, lockModeAtOpen:%p, lockModeNow:%p, hostLockMode:%p");
+constexpr KeldArguments kVolume = Args("volumeName:%p, volumeUuid:%U");
+constexpr KeldArguments kLockModes =
+    Args("volumeName:%p, volumeUuid:%U, lockModeAtOpen:%p, lockModeNow:%p, hostLockMode:%p");
 
-    // KEPT: "notsupport" and "intialization"; the receiver's catalogue has it so. An extent that comes back
-    // online is posted as a problem: its type ID says so, and receivers wait for that ID.
-    // clang-format off
+// KEPT: "notsupport" and "intialization"; the receiver's catalogue has it so. An extent that comes back
+// online is posted as a problem: its type ID says so, and receivers wait for that ID.
+// clang-format off
 constexpr Translation kRows[] = {
     {"kel.dsfs.error.volume.is.locked", Args("device:%p"),
      "@&!*@*@(nox.problem.dsfs.error.volume.is.locked)Volume on device %s is locked, possibly because some remote host encountered an error during a volume operation and could not recover."},
@@ -44,20 +43,20 @@ constexpr Translation kRows[] = {
     {"kel.dsfs.spanned.lockmode.inconsistency.detected", kLockModes,
      "@&!*@*@(nox.problem.dsfs.spanned.lockmode.inconsistency.detected)Inconsistent lockmode change detected for spanned DSFS volume '%s' (%s): volume was configured for %s lockmode at time of open and now it is configured for %s lockmode but this host is not using %s lockmode. All operations on this volume will fail until this host unmounts and remounts the volume."},
 };
-    // clang-format on
-    static_assert(std::size(kRows) == 10 && DistinctUnder(kRows, "kel.dsfs."));
+// clang-format on
+static_assert(std::size(kRows) == 10 && DistinctUnder(kRows, "kel.dsfs."));
 
-    // ---- Observations that share a handler ------------------------------------------------------------
+// ---- Observations that share a handler ------------------------------------------------------------
 
-    constexpr KeldArguments kUuidAndLabel = Args("volumeUuid:%U, volumeLabel:%p");
-    // What the three texts of a server mean is the producer's; they are passed on in its order.
-    constexpr KeldArguments kNfsVolume = Args("first:%p, second:%p, volumeUuid:%U, last:%p");
+constexpr KeldArguments kUuidAndLabel = Args("volumeUuid:%U, volumeLabel:%p");
+// What the three texts of a server mean is the producer's; they are passed on in its order.
+constexpr KeldArguments kNfsVolume = Args("first:%p, second:%p, volumeUuid:%U, last:%p");
 
-    constexpr std::string_view kLabelNames = "volumeUuid, volumeLabel";
-    constexpr std::string_view kNfsNames = "first, second, volumeUuid, last";
+constexpr std::string_view kLabelNames = "volumeUuid, volumeLabel";
+constexpr std::string_view kNfsNames = "first, second, volumeUuid, last";
 
-    // KEPT: a recovered heartbeat and a restored server are problems too, as their type IDs say.
-    // clang-format off
+// KEPT: a recovered heartbeat and a restored server are problems too, as their type IDs say.
+// clang-format off
 constexpr EventText kHeartbeatTimedOut{"@&!*@*@(nox.problem.dsfs.heartbeat.timedout)%s %s", kLabelNames};
 constexpr EventText kHeartbeatRecovered{"@&!*@*@(nox.problem.dsfs.heartbeat.recovered)%s %s", kLabelNames};
 constexpr EventText kJournalCreateFailed{"@&!*@*@(nox.problem.dsfs.journal.createfailed)%s %s", kLabelNames};
@@ -91,65 +90,64 @@ constexpr NfsChoice kNfsChoices[] = {
     {"kel.dsfs.nfs.server.disconnect", &kNfsDisconnect, KeldPost<kNfsDisconnect>},
     {"kel.dsfs.nfs.server.restored",   &kNfsRestored,   KeldPost<kNfsRestored>},
 };
-    // clang-format on
+// clang-format on
 
-    constexpr const char *kModule = "apps/keld/keldDsfsCorrelator";
-    constexpr int kLabelNotReachedLine = 142;
-    constexpr int kNfsNotReachedLine = 646;
+constexpr const char *kModule = "apps/keld/keldDsfsCorrelator";
+constexpr int kLabelNotReachedLine = 142;
+constexpr int kNfsNotReachedLine = 646;
 
-    // Posts what the observation's ID chooses. Panics on an ID that is not among the choices: somebody has
-    // registered the handler for it without saying what it is to post.
-    template <class ChoiceT, std::size_t N, class... Ts>
-    void PostChoice(const Kel *kel, const ChoiceT(&choices)[N], int notReachedLine, Ts... values)
-    {
-        const char *id = nullptr;
-        Kel_GetID(kel, &id);
-        for (const ChoiceT &choice : choices)
-            if (Kel_IsID(id, choice.id)) return choice.post(values...);
-        KeldNotReached(kModule, notReachedLine);
-    }
+// Posts what the observation's ID chooses. Panics on an ID that is not among the choices: somebody has
+// registered the handler for it without saying what it is to post.
+template <class ChoiceT, std::size_t N, class... Ts>
+void PostChoice(const Kel *kel, const ChoiceT (&choices)[N], int notReachedLine, Ts... values)
+{
+    const char *id = nullptr;
+    Kel_GetID(kel, &id);
+    for (const ChoiceT &choice : choices)
+        if (Kel_IsID(id, choice.id)) return choice.post(values...);
+    KeldNotReached(kModule, notReachedLine);
+}
 
-    void KeldDsfsCorrelatorDoVolumeNameAndLabel(Kel * kel)
-    {
-        KeldVolumeUuid uuid;
-        const char *label = nullptr;
-        if (KeldRead<kUuidAndLabel>(kel, &uuid, &label) != 0) return;
-        PostChoice(kel, kLabelChoices, kLabelNotReachedLine, uuid.Format(), label);
-    }
+void KeldDsfsCorrelatorDoVolumeNameAndLabel(Kel *kel)
+{
+    KeldVolumeUuid uuid;
+    const char *label = nullptr;
+    if (KeldRead<kUuidAndLabel>(kel, &uuid, &label) != 0) return;
+    PostChoice(kel, kLabelChoices, kLabelNotReachedLine, uuid.Format(), label);
+}
 
-    void KeldDsfsCorrelatorDoNFSVolume(Kel * kel)
-    {
-        const char *first = nullptr, *second = nullptr, *last = nullptr;
-        KeldVolumeUuid uuid;
-        if (KeldRead<kNfsVolume>(kel, &first, &second, &uuid, &last) != 0) return;
-        PostChoice(kel, kNfsChoices, kNfsNotReachedLine, first, second, uuid.Format(), last);
-    }
+void KeldDsfsCorrelatorDoNFSVolume(Kel *kel)
+{
+    const char *first = nullptr, *second = nullptr, *last = nullptr;
+    KeldVolumeUuid uuid;
+    if (KeldRead<kNfsVolume>(kel, &first, &second, &uuid, &last) != 0) return;
+    PostChoice(kel, kNfsChoices, kNfsNotReachedLine, first, second, uuid.Format(), last);
+}
 
-    constexpr KeldObservation Of(const LabelChoice &choice)
-    {
-        return {choice.id,
-                kUuidAndLabel,
-                KeldDsfsCorrelatorDoVolumeNameAndLabel,
-                "becomes one problem",
-                {choice.event}};
-    }
+constexpr KeldObservation Of(const LabelChoice &choice)
+{
+    return {choice.id,
+            kUuidAndLabel,
+            KeldDsfsCorrelatorDoVolumeNameAndLabel,
+            "becomes one problem",
+            {choice.event}};
+}
 
-    constexpr KeldObservation Of(const NfsChoice &choice)
-    {
-        return {
-            choice.id, kNfsVolume, KeldDsfsCorrelatorDoNFSVolume, "becomes one problem", {choice.event}};
-    }
+constexpr KeldObservation Of(const NfsChoice &choice)
+{
+    return {choice.id, kNfsVolume, KeldDsfsCorrelatorDoNFSVolume, "becomes one problem", {choice.event}};
+}
 
-    constexpr KeldObservation kObservations[] = {
-        Of(kLabelChoices[0]), Of(kLabelChoices[1]), Of(kLabelChoices[2]),
-        Of(kLabelChoices[3]), Of(kLabelChoices[4]), Of(kLabelChoices[5]),
-        Of(kLabelChoices[6]), Of(kNfsChoices[0]),   Of(kNfsChoices[1]),
-    };
-    static_assert(std::size(kObservations) == std::size(kLabelChoices) + std::size(kNfsChoices),
-                  "every choice is an observation");
+constexpr KeldObservation kObservations[] = {
+    Of(kLabelChoices[0]), Of(kLabelChoices[1]), Of(kLabelChoices[2]),
+    Of(kLabelChoices[3]), Of(kLabelChoices[4]), Of(kLabelChoices[5]),
+    Of(kLabelChoices[6]), Of(kNfsChoices[0]),   Of(kNfsChoices[1]),
+};
+static_assert(std::size(kObservations) == std::size(kLabelChoices) + std::size(kNfsChoices),
+              "every choice is an observation");
 
-    // Every other observation of a volume.
-    constexpr KeldHandler KeldDsfsCorrelatorCorrelate = KeldCorrelatorIgnore;
+// Every other observation of a volume.
+constexpr KeldHandler KeldDsfsCorrelatorCorrelate = KeldCorrelatorIgnore;
 
 } // namespace
 
@@ -161,9 +159,5 @@ const KeldDomain keldDsfsDomain{
     .translations = KeldTranslations<kRows>,
     .observations = kObservations,
 };
-=======
-const KeldDomain keldDsfsDomain{
-    .name = "dsfs", .domains = {"dsfs"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
->>>>>>> main
 
 void KeldCorrelator_StartDsfs() { KeldDomainRun(keldDsfsDomain); }
