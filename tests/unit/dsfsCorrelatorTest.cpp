@@ -36,6 +36,8 @@ protected:
             std::find_if(rows.begin(), rows.end(), [&](const auto &each) { return each.id == id; });
         return row == rows.end() ? "no row" : std::string(row->event.Text());
     }
+
+    const char *none = nullptr; // a literal one is a warning
 };
 
 TEST_F(DsfsCorrelatorTest, UuidIsOneTextWithEveryPartPadded)
@@ -68,7 +70,6 @@ TEST_F(DsfsCorrelatorTest, MountingIsAnAuditAndALostExtentAProblem)
 
 TEST_F(DsfsCorrelatorTest, OnlyAnExtentThatGoesOfflineMayLackItsDevice)
 {
-    const char *none = nullptr;
     Observe(MakeKel("kel.dsfs.extent.offline", "%s %s", none, "datastore1"));
     EXPECT_THAT(Events(), ElementsAre("nox.problem.dsfs.extent.offline(, datastore1)"));
 
@@ -98,7 +99,7 @@ TEST_F(DsfsCorrelatorTest, ServerObservationsPassTheirTextsOnInOrder)
 
 TEST_F(DsfsCorrelatorTest, WhatCannotBeReadOrIsNotKnownLeavesNothing)
 {
-    Observe(LabelKel("heartbeat.timedout", nullptr));
+    Observe(LabelKel("heartbeat.timedout", none));
     Observe(MakeKel("kel.dsfs.heartbeat.timedout", UUID_FORMAT, UUID_NUMBERS));
     Observe(MakeKel("kel.dsfs.nfs.server.restored", "%s %s", "filer1", "/exports/vol0"));
     Observe(MakeKel("kel.dsfs.ats.incompatibility.detected", "%s %s", "datastore1", kUuid));

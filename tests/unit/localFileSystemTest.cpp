@@ -55,6 +55,8 @@ protected:
         Observe(MakeKel("kel.quillfs.ramdisk.full", "%s %s", file, "tmp"));
     }
     void ObserveFailure(const char *id = "kel.quillfs.heap.exhausted") { Observe(MakeKel(id, "%d", 12)); }
+
+    const char *none = nullptr; // a literal one is a warning
 };
 
 TEST_F(QuillfsCorrelatorTest, ReportsNameTheRamdiskFirstAndTheWholePath)
@@ -116,8 +118,8 @@ TEST_F(QuillfsCorrelatorTest, WriteToAReadOnlyFileIsNeitherReportedNorAFailure)
 TEST_F(QuillfsCorrelatorTest, WhatCannotBeReadBeginsNoQuietPeriod)
 {
     Observe(MakeKel("kel.quillfs.ramdisk.full", "%s", "/tmp/bundle.tgz"));
-    ObserveRamdiskFull(nullptr);
-    ObserveInodeTableFull(nullptr, "hostd.pid");
+    ObserveRamdiskFull(none);
+    ObserveInodeTableFull(none, "hostd.pid");
     EXPECT_THAT(Events(), IsEmpty());
     ObserveRamdiskFull("/tmp/bundle.tgz");
     EXPECT_THAT(Events(), SizeIs(1));

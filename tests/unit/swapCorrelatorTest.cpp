@@ -35,6 +35,8 @@ protected:
                     path));
     }
     std::string Reconfigured() { return runDir.HostText("swap/reconfigured").value_or("never"); }
+
+    const char *none = nullptr; // a literal one is a warning
 };
 
 TEST_F(SwapCorrelatorTest, SwapThatIsSetUpAnewIsOneLineInTheLog)
@@ -87,8 +89,8 @@ TEST_F(SwapCorrelatorTest, SwapThatCannotBeRemovedIsAProblemOfItsDatastore)
 
 TEST_F(SwapCorrelatorTest, WhatCannotBeReadOrIsNotKnownDoesNothing)
 {
-    ObserveRemoved(nullptr);
-    ObserveCannotRemove(nullptr);
+    ObserveRemoved(none);
+    ObserveCannotRemove(none);
     Observe(MakeKel("kel.swap.systemSwap.isPDL.removed", "removed"));
     Observe(MakeKel("kel.swap.systemSwap.isPDL.cannot.remove", "%d", 7));
     Observe(MakeKel("kel.swap.systemSwap.moved", "%s", kPath.c_str()));

@@ -44,7 +44,7 @@ constexpr KeldDomain kDomain{.name = "Row",
 class TranslationRowTest : public CorrelatorTest {
 protected:
     TranslationRowTest() : CorrelatorTest(kDomain) {}
-    const char *none = nullptr;
+    const char *none = nullptr; // a literal one is a warning
 };
 
 TEST_F(TranslationRowTest, TableHasEveryRowAndEveryObservation)
