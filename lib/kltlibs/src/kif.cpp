@@ -44,7 +44,7 @@ KnxReturnStatus StatusOf(int error)
 {
     const auto row = std::find_if(std::begin(kStatuses), std::end(kStatuses),
                                   [=](const StatusRow &r) { return r.error == error; });
-    return row != std::end(kStatuses) ? row->status : KNX_FAILURE;
+    return row != std::end(kStatuses) ? row->status : KnxReturnStatus{KNX_FAILURE};
 }
 
 struct OptionRow {
