@@ -21,8 +21,8 @@ extern "C" {
 #endif
 
 enum {
-    KELPRODUCER_ASYNC_CONTEXTS   = 22,      /* contexts 0-21: one datagram, one batch */
-    KELPRODUCER_USER_CONTEXT     = 22,      /* a connection; the daemon serves eight at a time */
+    KELPRODUCER_ASYNC_CONTEXTS = 22,        /* contexts 0-21: one datagram, one batch */
+    KELPRODUCER_USER_CONTEXT = 22,          /* a connection; the daemon serves eight at a time */
     KELPRODUCER_RECORD_BYTES_MAX = 0x1FFFF, /* no record and no batch is larger */
 };
 

@@ -22,9 +22,9 @@ struct EventArgument {
 };
 
 struct EventRecord {
-    std::uint64_t timestamp = 0; // microseconds since the epoch
+    std::uint64_t timestamp = 0;  // microseconds since the epoch
     std::uint64_t kernelWord = 0; // bytes 8-15
-    std::string hostIdentity;    // bytes 16-53, cut at its first NUL
+    std::string hostIdentity;     // bytes 16-53, cut at its first NUL
     std::string typeId;
     std::vector<EventArgument> arguments;
 };

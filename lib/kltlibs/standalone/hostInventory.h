@@ -15,7 +15,8 @@
 #include <string_view>
 #include <vector>
 
-namespace HostInventory {
+namespace HostInventory
+{
 
 using Path = std::vector<std::string>;
 
@@ -47,6 +48,6 @@ int Remove(const Path &path);
 std::string EscapeName(std::string_view name);
 std::optional<std::string> UnescapeName(std::string_view name);
 
-}  // namespace HostInventory
+} // namespace HostInventory
 
 #endif

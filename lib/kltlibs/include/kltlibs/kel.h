@@ -21,11 +21,11 @@ typedef struct Kel Kel;
 typedef struct KelLibHandle KelLibHandle;
 
 enum {
-    KELLIB_ASYNC_CONTEXTS   = 22,      // contexts 0-21
-    KELLIB_USER_CONTEXT     = 22,
-    KELLIB_STATUS_TOO_SMALL = 27,      // what waits does not fit the buffer; nothing was consumed
-    KELLIB_BATCH_BYTES_MAX  = 0x1FFFF, // no batch and no record is larger
-    KELLIB_NAME_BYTES_MAX   = 16,      // "async-21", with room and its NUL
+    KELLIB_ASYNC_CONTEXTS = 22, // contexts 0-21
+    KELLIB_USER_CONTEXT = 22,
+    KELLIB_STATUS_TOO_SMALL = 27,     // what waits does not fit the buffer; nothing was consumed
+    KELLIB_BATCH_BYTES_MAX = 0x1FFFF, // no batch and no record is larger
+    KELLIB_NAME_BYTES_MAX = 16,       // "async-21", with room and its NUL
 };
 
 // ---- One observation ------------------------------------------------------------------------------

@@ -20,9 +20,9 @@
 #include <string.h>
 
 enum {
-    KELRECORD_HEADER_BYTES  = 32,
-    KELRECORD_BYTES_MIN     = 35, // the header, a one-letter ID with its NUL, an empty message format
-    KELRECORD_ID_CHARS_MAX  = 127,
+    KELRECORD_HEADER_BYTES = 32,
+    KELRECORD_BYTES_MIN = 35, // the header, a one-letter ID with its NUL, an empty message format
+    KELRECORD_ID_CHARS_MAX = 127,
     KELRECORD_ARGUMENTS_MAX = 32,
 };
 

@@ -14,12 +14,12 @@ extern "C" {
 typedef uint32_t KnxReturnStatus;
 
 enum {
-    KNX_OK            = 0,
-    KNX_FAILURE       = 0xBAD0001, // EIO
-    KNX_NOT_FOUND     = 0xBAD0003, // ENOENT
-    KNX_BAD_PARAM     = 0xBAD0007, // EINVAL: a value out of range, a file that is no number
+    KNX_OK = 0,
+    KNX_FAILURE = 0xBAD0001,       // EIO
+    KNX_NOT_FOUND = 0xBAD0003,     // ENOENT
+    KNX_BAD_PARAM = 0xBAD0007,     // EINVAL: a value out of range, a file that is no number
     KNX_NO_PERMISSION = 0xBAD000F, // EACCES
-    KNX_NO_MEMORY     = 0xBAD0014, // ENOMEM
+    KNX_NO_MEMORY = 0xBAD0014,     // ENOMEM
 };
 
 typedef enum KifNode {

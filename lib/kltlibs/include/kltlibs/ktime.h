@@ -12,11 +12,12 @@
 #include <sys/time.h>
 #include <time.h>
 
-class KTimeSource {
+class KTimeSource
+{
 public:
     virtual ~KTimeSource() = default;
-    virtual int GetTimeOfDay(timeval *now) = 0;   // 0, or -1 with errno
-    virtual int GetRealtime(timespec *now) = 0;   // 0, or -1 with errno
+    virtual int GetTimeOfDay(timeval *now) = 0; // 0, or -1 with errno
+    virtual int GetRealtime(timespec *now) = 0; // 0, or -1 with errno
     virtual std::uint64_t MonotonicSeconds() = 0;
     virtual void WaitUntil(std::condition_variable &condition, std::unique_lock<std::mutex> &lock,
                            std::optional<std::uint64_t> wallSeconds) = 0;

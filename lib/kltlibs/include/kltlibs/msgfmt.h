@@ -22,11 +22,11 @@ enum { MSGFMT_ENTRY_BYTES = 16 };
 
 typedef enum MsgFmtType {
     MSGFMT_TYPE_INVALID = 0,
-    MSGFMT_TYPE_INT32   = 1,
-    MSGFMT_TYPE_INT64   = 2,
-    MSGFMT_TYPE_UINT32  = 3,
-    MSGFMT_TYPE_UINT64  = 4,
-    MSGFMT_TYPE_STRING  = 6, // 5, and 7 and above, are reserved
+    MSGFMT_TYPE_INT32 = 1,
+    MSGFMT_TYPE_INT64 = 2,
+    MSGFMT_TYPE_UINT32 = 3,
+    MSGFMT_TYPE_UINT64 = 4,
+    MSGFMT_TYPE_STRING = 6, // 5, and 7 and above, are reserved
 } MsgFmtType;
 
 // One entry, read out of an area.

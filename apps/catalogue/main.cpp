@@ -1,0 +1,254 @@
+// Writes the catalogue: every event that the daemon can post and every observation that it knows, read
+// out of the daemon's own tables.
+//
+//     keld-catalogue --json FILE --markdown FILE
+//
+// The JSON is for the tools, which render event texts from it; the Markdown is docs/events.md.
+
+#include "keldDomains.h"
+#include "keldTranslation.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <set>
+
+using nlohmann::ordered_json;
+
+namespace {
+
+const char *TypeName(char letter)
+{
+    switch (letter) {
+    case 's':
+    case 'v':
+        return "string";
+    case 'D':
+        return "int64";
+    case 'U':
+        return "uint64";
+    case 'u':
+    case 'H':
+    case 'B':
+        return "uint32";
+    default:
+        return "int32";
+    }
+}
+
+ordered_json ArgumentList(const KeldShape &shape, const KeldNames &names)
+{
+    ordered_json list = ordered_json::array();
+    for (std::size_t i = 0; i < shape.count; ++i)
+        list.push_back({{"name", names[i]}, {"type", TypeName(shape.at[i])}});
+    return list;
+}
+
+std::vector<std::string> SplitList(const char *list)
+{
+    std::vector<std::string> split;
+    for (std::string_view rest = list == nullptr ? "" : list; !rest.empty();) {
+        const std::size_t end = std::min(rest.find(", "), rest.size());
+        split.emplace_back(rest.substr(0, end));
+        rest.remove_prefix(std::min(end + 2, rest.size()));
+    }
+    return split;
+}
+
+const char *ClassName(KeldEventClass cls)
+{
+    return cls == KeldEventClass::Problem ? "problem" : cls == KeldEventClass::Audit ? "audit" : "clear";
+}
+
+class Catalogue {
+public:
+    explicit Catalogue(std::span<const KeldCorrelatorEntry> correlators)
+    {
+        for (const KeldCorrelatorEntry &correlator : correlators)
+            Add(correlator.domain);
+        for (const ordered_json &event : mEvents)
+            for (const std::string &ended : event.value("clears", std::vector<std::string>{}))
+                EventOf(ended)["clearedBy"].push_back(event["type"]);
+    }
+
+    ordered_json Json() const
+    {
+        return {{"version", 1}, {"agents", mAgents}, {"events", mEvents}, {"observations", mObservations}};
+    }
+
+private:
+    void Add(const KeldDomain &domain)
+    {
+        ordered_json domains = ordered_json::array();
+        for (const char *name : domain.domains)
+            if (name != nullptr) domains.push_back(name);
+        mAgents.push_back({{"name", std::string(domain.name) + "Correlator"},
+                           {"domains", std::move(domains)},
+                           {"otherwise", domain.otherwise}});
+        for (const KeldObservation &row : domain.observations) {
+            ordered_json becomes = ordered_json::array();
+            for (const EventText *event : row.posts)
+                if (event != nullptr) becomes.push_back(AddEvent(*event));
+            AddObservation(row.id, row.arguments, becomes, row.note);
+        }
+        for (const Translation &row : domain.translations.rows)
+            AddObservation(row.id, row.arguments, {AddEvent(row.event)}, "");
+        if (domain.defaultPosts != nullptr)
+            mAgents.back()["otherwiseBecomes"] = {AddEvent(*domain.defaultPosts)};
+    }
+
+    void AddObservation(const char *id, const KeldArguments &arguments, const ordered_json &becomes,
+                        const char *note)
+    {
+        ordered_json entry = {{"id", id},
+                              {"domain", mAgents.back()["domains"][0]},
+                              {"agent", mAgents.back()["name"]},
+                              {"arguments", ArgumentList(arguments.shape, arguments.names)},
+                              {"becomes", becomes}};
+        if (*note != '\0') entry["note"] = note;
+        mObservations.push_back(std::move(entry));
+    }
+
+    // Its type ID; an event that several observations lead to is listed once.
+    std::string AddEvent(const EventText &event)
+    {
+        std::string type(event.TypeId());
+        ordered_json entry = {{"type", type},
+                              {"class", ClassName(event.cls)},
+                              {"text", event.Text()},
+                              {"arguments", ArgumentList(event.shape, event.names)}};
+        if (const auto clears = SplitList(event.pairing.clears); !clears.empty()) {
+            entry["clears"] = clears;
+            entry["pairedOn"] = SplitList(event.pairing.on);
+        }
+        const auto same = Find(type);
+        if (same == mEvents.end())
+            mEvents.push_back(std::move(entry));
+        else if (*same != entry)
+            throw std::runtime_error(fmt::format("{} has two texts or two sets of arguments", type));
+        return type;
+    }
+
+    std::vector<ordered_json>::iterator Find(const std::string &type)
+    {
+        return std::ranges::find_if(mEvents, [&](const ordered_json &event) { return event["type"] == type; });
+    }
+
+    ordered_json &EventOf(const std::string &type)
+    {
+        const auto found = Find(type);
+        if (found == mEvents.end())
+            throw std::runtime_error(fmt::format("{} is said to be cleared, but is no event", type));
+        return *found;
+    }
+
+    ordered_json mAgents = ordered_json::array();
+    std::vector<ordered_json> mEvents;
+    ordered_json mObservations = ordered_json::array();
+};
+
+// A text as one line of a table cell.
+std::string Cell(std::string text)
+{
+    std::string escaped;
+    for (const char c : text) {
+        if (c == '|') escaped += '\\';
+        if (c == '\t')
+            escaped += "\\t";
+        else
+            escaped += c;
+    }
+    return escaped;
+}
+
+std::string NameList(const ordered_json &arguments)
+{
+    std::string list;
+    for (const ordered_json &argument : arguments)
+        list += fmt::format("{}{} ({})", list.empty() ? "" : ", ", argument["name"].get<std::string>(),
+                            argument["type"].get<std::string>());
+    return list;
+}
+
+std::string CodeList(const ordered_json &names)
+{
+    std::string list;
+    for (const ordered_json &name : names)
+        list += fmt::format("{}`{}`", list.empty() ? "" : ", ", name.get<std::string>());
+    return list;
+}
+
+std::string Markdown(const ordered_json &catalogue)
+{
+    std::string page =
+        "# Events and observations\n\n"
+        "Written by `keld-catalogue` from the daemon's own tables when it is built; do not edit. "
+        "`keladm events` lists the same.\n\n## Events\n";
+    for (const char *cls : {"problem", "clear", "audit"}) {
+        page += fmt::format(
+            "\n### Class {}\n\n| Event type | Text | Arguments | Pairing |\n|---|---|---|---|\n", cls);
+        for (const ordered_json &event : catalogue["events"]) {
+            if (event["class"] != cls) continue;
+            std::string pairing;
+            if (event.contains("clears")) {
+                pairing = "ends " + CodeList(event["clears"]);
+                if (!event["pairedOn"].empty())
+                    pairing += " of the same " + event["pairedOn"][0].get<std::string>();
+            } else if (event.contains("clearedBy")) {
+                pairing = "ended by " + CodeList(event["clearedBy"]);
+            }
+            page +=
+                fmt::format("| `{}` | {} | {} | {} |\n", event["type"].get<std::string>(),
+                            Cell(event["text"].get<std::string>()), NameList(event["arguments"]), pairing);
+        }
+    }
+    page += "\n## Observations\n";
+    for (const ordered_json &agent : catalogue["agents"]) {
+        std::string below;
+        for (const ordered_json &domain : agent["domains"])
+            below += fmt::format("{}`kel.{}.`", below.empty() ? "" : " and ", domain.get<std::string>());
+        page += fmt::format("\n### {} ({})\n\n", agent["name"].get<std::string>(), below);
+        std::string rows;
+        for (const ordered_json &row : catalogue["observations"]) {
+            if (row["agent"] != agent["name"]) continue;
+            std::string becomes = CodeList(row["becomes"]);
+            if (row.contains("note"))
+                becomes += (becomes.empty() ? "" : ": ") + row["note"].get<std::string>();
+            rows += fmt::format("| `{}` | {} | {} |\n", row["id"].get<std::string>(),
+                                NameList(row["arguments"]), Cell(becomes));
+        }
+        if (!rows.empty()) page += "| Observation | Arguments | Becomes |\n|---|---|---|\n" + rows + "\n";
+        page += "Any other: " + agent["otherwise"].get<std::string>();
+        if (agent.contains("otherwiseBecomes")) page += ", " + CodeList(agent["otherwiseBecomes"]);
+        page += ".\n";
+    }
+    return page;
+}
+
+void WriteFile(const std::string &file, const std::string &content)
+{
+    std::ofstream stream(file, std::ios::trunc);
+    if (!(stream << content).flush())
+        throw std::runtime_error(fmt::format("{}: {}", file, std::strerror(errno)));
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+try {
+    std::string json;
+    std::string markdown;
+    CLI::App app{"Writes the catalogue of events and observations."};
+    app.add_option("--json", json, "the catalogue for the tools");
+    app.add_option("--markdown", markdown, "the catalogue for people");
+    CLI11_PARSE(app, argc, argv);
+    const ordered_json catalogue = Catalogue(keldCorrelators).Json();
+    if (!json.empty()) WriteFile(json, catalogue.dump(1) + "\n");
+    if (!markdown.empty()) WriteFile(markdown, Markdown(catalogue));
+    return 0;
+} catch (const std::exception &error) {
+    std::fprintf(stderr, "keld-catalogue: %s\n", error.what());
+    return 1;
+}

@@ -1,0 +1,74 @@
+// Agents: the threads that correlators run on, and what each of them owns.
+#ifndef KELD_AGENT_H
+#define KELD_AGENT_H
+
+#include "keldDispatch.h"
+
+#include <memory>
+#include <poll.h>
+#include <string>
+#include <vector>
+
+inline constexpr unsigned kKeldAgentsMax = 32;
+
+// ---- Main thread ------------------------------------------------------------------------------------
+
+using KeldAgentEntry = void (*)();
+
+// Starts one agent thread; a failure is logged and leaves the daemon without that agent.
+void KeldAgentStart(KeldAgentEntry entry);
+
+// Returns when every started agent has registered its stream or has ended, so that no record can be
+// read before the agents that want it are there.
+void KeldAgentAwaitAll();
+
+// Cancels and joins every agent, last started first. Sets the stopping flag.
+void KeldAgentStopAll();
+
+// ---- Agent threads ----------------------------------------------------------------------------------
+
+struct KeldAgent {
+    KeldSubscription subscription;
+    KeldStream *stream = nullptr; // the dispatcher's, registered
+    KeldAgentName name;
+    std::int32_t fdCount = 1;
+    int fd = -1; // the stream's read end
+};
+
+// Names the calling thread, subscribes it and registers its stream. 0 with *agent the caller's, to be
+// ended with KeldAgentCleanup; otherwise an error code, logged.
+int KeldAgentInit(const std::string &name, const std::vector<std::string> &domains,
+                  const std::vector<std::string> &exactIds, KeldAgent **agent);
+
+// Unregisters the stream, frees the agent and clears *agent. Null is allowed.
+void KeldAgentCleanup(KeldAgent **agent);
+
+// Waits for the next observation: 0 with *kel the caller's, or an error code, logged.
+int KeldAgentWaitForKel(KeldAgent *agent, Kel **kel);
+
+// poll() without a time-out: the only place where an agent can be cancelled.
+int KeldAgentPoll(pollfd *fds, nfds_t count);
+
+// Owns an agent for the time that its loop runs.
+class KeldAgentOwner
+{
+public:
+    explicit KeldAgentOwner(KeldAgent *agent) : mAgent(agent) {}
+    ~KeldAgentOwner() { KeldAgentCleanup(&mAgent); }
+    KeldAgentOwner(const KeldAgentOwner &) = delete;
+    KeldAgentOwner &operator=(const KeldAgentOwner &) = delete;
+
+    KeldAgent *Get() const { return mAgent; }
+
+    // For a cancelled agent: its stream stays registered, as the main thread may be writing to it.
+    void LetGo()
+    {
+        delete mAgent;
+        mAgent = nullptr;
+    }
+
+private:
+    KeldAgent *mAgent;
+};
+
+#endif

@@ -1,0 +1,10 @@
+#include "keldApdCorrelator.h"
+
+#include "keldTranslation.h"
+
+const KeldDomain keldApdDomain{.name = "APD",
+                               .domains = {"storage.apd"},
+                               .defaultHandler = KeldCorrelatorIgnore,
+                               .otherwise = "ignored"};
+
+void KeldCorrelator_StartAPD() { KeldDomainRun(keldApdDomain); }

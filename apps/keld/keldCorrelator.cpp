@@ -1,0 +1,126 @@
+#include "keldCorrelator.h"
+
+#include "keldAgent.h"
+#include "keldLog.h"
+
+#include <kltlibs/str.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <cxxabi.h>
+
+namespace
+{
+
+constexpr int kExtraFdsMax = 4; // beside the agent's own pipe
+
+std::string AgentName(const char *domainName)
+{
+    const MessageText name(Str_Asprintf(nullptr, "%sCorrelator", domainName));
+    return name ? name.get() : domainName;
+}
+
+// One observation, looked up in a copy of the table: the correlator's own never changes.
+void CorrelateInCopy(KeldHandler defaultHandler, const KeldCorrelatorTable &table, Kel *kel)
+{
+    const KelPtr owned(kel);
+    KeldCorrelatorTable copy = table;
+    KeldCorrelate(defaultHandler, copy, owned.get());
+}
+
+// Runs the loop of an agent that is set up; cancelled, its stream stays where it is.
+template <class Loop>
+void RunAgent(const char *domainName, const std::vector<std::string> &domains,
+              const std::vector<std::string> &exactIds, Loop loop)
+{
+    KeldAgent *agent = nullptr;
+    if (KeldAgentInit(AgentName(domainName), domains, exactIds, &agent) != 0) return;
+    KeldAgentOwner owner(agent);
+    try {
+        loop(agent);
+    } catch (abi::__forced_unwind &) {
+        owner.LetGo();
+        throw;
+    }
+}
+
+} // namespace
+
+void KeldCorrelatorRun(const char *domainName, const std::vector<std::string> &domains,
+                       const std::vector<std::string> &exactIds, KeldHandler defaultHandler,
+                       const KeldCorrelatorTable &table)
+{
+    RunAgent(domainName, domains, exactIds, [&](KeldAgent *agent) {
+        Kel *kel = nullptr;
+        while (KeldAgentWaitForKel(agent, &kel) == 0)
+            CorrelateInCopy(defaultHandler, table, kel);
+    });
+}
+
+void KeldCorrelatorRun(const char *domainName, const char *domain, KeldHandler defaultHandler,
+                       const KeldCorrelatorTable &table)
+{
+    KeldCorrelatorRun(domainName, {domain}, {}, defaultHandler, table);
+}
+
+void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHandler defaultHandler,
+                              const KeldCorrelatorTable &table, void (*wake)(), const int *fds, int fdCount)
+{
+    RunAgent(domainName, {domain}, {}, [&](KeldAgent *agent) {
+        std::array<pollfd, 1 + kExtraFdsMax> set{};
+        const auto used = static_cast<std::size_t>(1 + std::min(fdCount, kExtraFdsMax));
+        for (;;) {
+            for (std::size_t i = 0; i < used; ++i)
+                set[i] = {.fd = i == 0 ? agent->fd : fds[i - 1], .events = POLLIN, .revents = 0};
+            if (KeldAgentPoll(set.data(), used) < 0) {
+                if (errno == EINTR) continue;
+                KeldLog("Failed to poll - %s\n", std::strerror(errno));
+                return;
+            }
+            if ((set[0].revents & POLLIN) != 0) {
+                Kel *kel = nullptr;
+                bool complete = false;
+                if (KeldStreamReadKel(agent->stream, &kel, &complete) != 0) {
+                    KeldLog("Failed to get Kel\n");
+                    return;
+                }
+                if (complete) CorrelateInCopy(defaultHandler, table, kel);
+            }
+            for (std::size_t i = 1; i < used; ++i) {
+                if ((set[i].revents & POLLIN) == 0) continue;
+                char scratch[10];
+                (void)!read(set[i].fd, scratch, sizeof scratch);
+                wake();
+            }
+        }
+    });
+}
+
+void KeldCorrelate(KeldHandler defaultHandler, KeldCorrelatorTable &table, Kel *kel)
+{
+    const char *id = nullptr;
+    (void)Kel_GetID(kel, &id);
+    const KeldHandler handler = id != nullptr ? table[id] : nullptr;
+    if (handler == nullptr) {
+        defaultHandler(kel);
+        return;
+    }
+    KeldLogKel(kel);
+    handler(kel);
+}
+
+void KeldCorrelatorIgnore(Kel *) {}
+
+void KeldCorrelatorLogKel(Kel *kel) { KeldLogKel(kel); }
+
+void KeldCorrelatorLogUnknown(Kel *kel)
+{
+    const char *id = nullptr;
+    (void)Kel_GetID(kel, &id);
+    if (id == nullptr)
+        KeldLog("FAIL: Received NULL kelID\n");
+    else
+        KeldLog("No correlator for %s \n", id);
+}

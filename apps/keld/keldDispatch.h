@@ -1,0 +1,70 @@
+// From the main thread to the agents: every record of a batch into the pipe of every agent whose
+// subscription matches, and whole records out of the pipe again.
+#ifndef KELD_DISPATCH_H
+#define KELD_DISPATCH_H
+
+#include "keldOwn.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+inline constexpr int kKeldSubscriptionMax = 10; // prefixes, and exact IDs
+
+struct KeldSubscription {
+    std::int32_t prefixCount = 0;
+    std::int32_t exactIdCount = 0;
+    std::array<std::string, kKeldSubscriptionMax> prefixes; // "kel.net"
+    std::array<std::string, kKeldSubscriptionMax> exactIds;
+};
+
+// 0, or 1 when there are 10 already.
+int KeldSubscriptionAddDomain(KeldSubscription *subscription, const std::string &domain);
+int KeldSubscriptionAddExactId(KeldSubscription *subscription, const std::string &id);
+
+// True for an ID that lies below a prefix ("kel.net.x" for "kel.net", neither "kel.net" nor
+// "kel.network.x"), or is an exact ID.
+bool KeldSubscriptionMatches(const KeldSubscription &subscription, const char *id);
+
+using KeldAgentName = std::shared_ptr<const std::string>;
+
+struct KeldStream {
+    // Fixed after registration.
+    UniqueFd readFd;
+    UniqueFd writeFd;
+    KeldSubscription subscription;
+    KeldAgentName owner;
+    // The reading agent's own.
+    MallocPtr<std::byte> record; // being assembled; null when none
+    std::uint32_t filled = 0;    // bytes of it that are there
+    std::uint32_t wanted = 0;    // bytes that the next read asks for
+};
+
+// Empties the list and makes the lock: 0 or an errno value. Main thread, before any agent.
+int KeldDispatchInit();
+
+// 0 with *stream registered, behind all others; 1 without memory; 2 when the pipe could not be made.
+// Agent thread.
+int KeldStreamRegister(KeldAgentName owner, const KeldSubscription &subscription, KeldStream **stream);
+
+// 0, or 2 when a descriptor could not be closed; the stream is gone. Reads and throws away what comes
+// until it has the lock, so that the main thread cannot wait for this agent meanwhile. Agent thread.
+int KeldStreamUnregister(KeldStream *stream);
+
+// Writes each whole record of the buffer to the matching streams, in order of registration. 0, also
+// when the exit flag ended it; or the errno of a write that failed. Main thread.
+int KeldDispatch(const std::byte *buffer, std::size_t byteCount);
+
+// Reads the stream's pipe until a whole record is there, over as many calls as it takes.
+//
+// Returns 0 with *complete set and *kel the caller's, to be ended with Kel_Free; 0 with *complete
+// clear when the pipe ran dry (call again when readable); 1 when Kel_MakeKel refused the record;
+// 2 when the pipe could not be read. Panics on end of file: the dispatcher's state is broken.
+//
+// Never asks for more than the record still lacks. Agent thread only; takes no lock.
+int KeldStreamReadKel(KeldStream *stream, Kel **kel, bool *complete);
+
+#endif

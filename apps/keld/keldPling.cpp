@@ -1,0 +1,308 @@
+// Event posting.
+//
+// KeldPostEvent runs on the posting agent's thread from the packed arguments to the closed connection;
+// what cannot be sent waits on the retry list for the alarm thread. Only the list has a lock.
+//
+// The record, little-endian: 0-7 time stamp, 8-15 the kernel's, 16-53 host identity, 54-55 zero,
+// 56-59 total length, 60-63 argument count, 64-67 length of the type ID with its NUL, 68- the type ID,
+// then the packed arguments, then 4 zero bytes that the total length counts.
+
+#include "keldPling.h"
+
+#include "keldAlarm.h"
+#include "keldLog.h"
+#include "keldMutex.h"
+#include "keldOwn.h"
+#include "keldSignal.h"
+#include "keldTrace.h"
+#include "keldUtil.h"
+
+#include <kltlibs/kif.h>
+#include <kltlibs/ktime.h>
+#include <kltlibs/msgfmt.h>
+#include <kltlibs/rundir.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstring>
+#include <list>
+#include <new>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <vector>
+
+namespace
+{
+
+constexpr std::size_t kIdentityAt = 16;
+constexpr std::size_t kIdentityBytes = 38;
+constexpr std::size_t kTotalLengthAt = 56;
+constexpr std::size_t kArgumentCountAt = 60;
+constexpr std::size_t kIdLengthAt = 64;
+constexpr std::size_t kIdAt = 68;
+constexpr std::size_t kTrailingBytes = 4; // KEPT: the receiver relies on the total length with them
+constexpr std::size_t kIdBytesMax = 129;
+constexpr std::size_t kFirstBufferBytes = 1171;
+constexpr int kPackAttemptsMax = 5;
+
+constexpr std::uint64_t kRateWindowSeconds = 60;
+constexpr std::int32_t kRateEventsMax = 1000;
+
+constexpr std::uint32_t kRetrySeconds = 180;
+constexpr int kRetryFailuresMax = 5;
+
+constexpr suseconds_t kSendWaitMicroseconds = 200'000; // how often a blocked send looks whether to leave
+
+struct ClassPrefix {
+    const char *prefix;
+    std::size_t skip; // the marker and the class's own prefix in the format
+};
+constexpr std::size_t kMarkerChars = std::string_view("@&!*@*@(").size();
+constexpr std::array<ClassPrefix, 3> kClasses{{
+    {"nox.problem.", kMarkerChars + 12},
+    {"nox.audit.", kMarkerChars + 10},
+    {"nox.clear.", kMarkerChars + 10},
+}};
+
+std::array<std::byte, KIF_SYSTEM_UUID_BYTES> gSystemUuid{}; // fixed after start
+int gRetryAlarm = -1;                                       // fixed after start
+
+// Fixed window; races between agents are accepted.
+std::atomic<std::uint64_t> gRateWindowStart{0}; // seconds, 0 before the first event
+std::atomic<std::int32_t> gRateCount{0};
+
+struct RetryEntry {
+    int failures = 0; // of re-sends
+    std::vector<std::byte> record;
+};
+struct Retries {
+    KeldMutex retryListMutex;
+    std::list<RetryEntry> list GUARDED_BY(retryListMutex);
+    bool alarmArmed GUARDED_BY(retryListMutex) = false;
+};
+Retries &retries = *new Retries; // the alarm thread outlives main
+
+void Build(int defer, const char *prefix, const char *remainder, const char *format, va_list args);
+bool WithinRate(const char *prefix, const char *remainder);
+MallocPtr<std::byte> PackArguments(MallocPtr<std::byte> record, std::size_t total, const char *format,
+                                   va_list args, std::size_t *used, std::uint32_t *count);
+int Connect(int fd);
+
+template <class T> void Put(std::byte *record, std::size_t at, T value)
+{
+    std::memcpy(record + at, &value, sizeof value);
+}
+const char *TypeId(const std::byte *record) { return reinterpret_cast<const char *>(record + kIdAt); }
+
+} // namespace
+
+void KeldPlingInit()
+{
+    gRetryAlarm = KeldAlarmRegister(KeldPlingAlarmHandler);
+    if (KIF_Get(KIF_NODE_system_systemUuid, nullptr, gSystemUuid.data(), gSystemUuid.size()) != KNX_OK)
+        gSystemUuid.fill(std::byte{0});
+}
+
+void KeldPostEvent(int defer, KeldEventClass cls, const char *format, ...)
+{
+    const auto index = static_cast<std::size_t>(cls);
+    if (index >= kClasses.size()) KeldNotReached("apps/keld/keldPling", 608);
+    // KEPT: what is skipped is not looked at: the class, not the text, decides the prefix.
+    const char *remainder = format + kClasses[index].skip;
+    const char *end = std::strchr(remainder, ')');
+    std::string id;
+    try {
+        id.assign(remainder, end);
+    } catch (const std::bad_alloc &) {
+        KeldMemAlloc("apps/keld/keldPling", 619);
+    }
+    va_list args;
+    va_start(args, format);
+    Build(static_cast<unsigned char>(defer), kClasses[index].prefix, id.c_str(), end + 1, args);
+    va_end(args);
+}
+
+void Keld_PostProblem(const char *suffix, const char *format, ...)
+{
+    KeldLog("Using discouraged \"Keld_PostProblem\" interface for pling: %s", suffix);
+    va_list args;
+    va_start(args, format);
+    Build(0, kClasses[0].prefix, suffix, format, args);
+    va_end(args);
+}
+
+namespace
+{
+
+void Build(int defer, const char *prefix, const char *remainder, const char *format, va_list args)
+{
+    MallocPtr<std::byte> record(static_cast<std::byte *>(std::calloc(1, kFirstBufferBytes)));
+    if (record == nullptr) {
+        KeldLog("Failed to allocate %zu bytes for prob buffer.\n", kFirstBufferBytes);
+        return;
+    }
+    if (!WithinRate(prefix, remainder)) return;
+    const std::size_t prefixLength = std::strlen(prefix);
+    const std::size_t idLength = prefixLength + std::strlen(remainder) + 1;
+    if (idLength > kIdBytesMax) return;
+
+    Put(record.get(), kIdLengthAt, static_cast<std::uint32_t>(idLength));
+    std::memcpy(record.get() + kIdAt, prefix, prefixLength);
+    std::memcpy(record.get() + kIdAt + prefixLength, remainder, idLength - prefixLength);
+    std::memcpy(record.get() + kIdentityAt, gSystemUuid.data() + kIdentityAt, kIdentityBytes);
+    (void)KNX_StampEvent(record.get());
+
+    std::size_t total = kIdAt + idLength + kTrailingBytes;
+    std::size_t used = 0;
+    std::uint32_t count = 0;
+    record = PackArguments(std::move(record), total, format, args, &used, &count);
+    if (record == nullptr) return;
+
+    std::byte *area = record.get() + kIdAt + idLength;
+    std::uint64_t timestamp = 0;
+    std::memcpy(&timestamp, record.get(), sizeof timestamp);
+    char *text = nullptr;
+    (void)MsgFmt_Asprintf(&text, nullptr, format, area, count, nullptr);
+    const MessageText message(text);
+    KeldLogTraceLine(TypeId(record.get()), message.get(), timestamp);
+
+    MsgFmt_SwizzleArgs(area, count);
+    total += used;
+    Put(record.get(), kArgumentCountAt, count);
+    Put(record.get(), kTotalLengthAt, static_cast<std::uint32_t>(total));
+    KeldTraceOut(record.get());
+
+    if (defer == 0 && KeldPlingSend(record.get(), total) == 0) return;
+    KeldLog("An event (%s) could not be sent immediately to carad; queueing for retry.",
+            TypeId(record.get()));
+    KeldPlingQueue(record.get(), total);
+}
+
+// Counts the event against its window; an event too many is reported and must be dropped.
+bool WithinRate(const char *prefix, const char *remainder)
+{
+    const std::uint64_t now = KeldNowSeconds();
+    const std::uint64_t start = gRateWindowStart.load(std::memory_order_relaxed);
+    if (start != 0 &&
+        static_cast<std::int64_t>(now - start) < static_cast<std::int64_t>(kRateWindowSeconds)) {
+        if (gRateCount.fetch_add(1, std::memory_order_relaxed) + 1 <= kRateEventsMax) return true;
+        KeldLog("Event rate limit reached. Dropping pling: %s%s\n", prefix, remainder);
+        return false;
+    }
+    gRateCount.store(1, std::memory_order_relaxed);
+    gRateWindowStart.store(now, std::memory_order_relaxed);
+    return true;
+}
+
+// Packs behind the header, in a buffer that doubles as needed; null when the event is to be dropped.
+//
+// KEPT: five attempts, the fifth in 18736 bytes; the buffer is doubled once more and never tried.
+MallocPtr<std::byte> PackArguments(MallocPtr<std::byte> record, std::size_t total, const char *format,
+                                   va_list args, std::size_t *used, std::uint32_t *count)
+{
+    std::size_t size = kFirstBufferBytes;
+    for (int attempt = 0; attempt < kPackAttemptsMax; ++attempt) {
+        va_list copy;
+        va_copy(copy, args);
+        // The area starts where the 4 trailing bytes will move on from: they stay zero behind it.
+        const int error = MsgFmt_GetArgsWithBuf(format, copy, record.get() + total - kTrailingBytes,
+                                                size - total, used, count);
+        va_end(copy);
+        if (error == 0) {
+            std::memset(record.get() + total - kTrailingBytes + *used, 0, kTrailingBytes);
+            return record;
+        }
+        if (error != ENOSPC) break;
+        size *= 2;
+        auto *grown = static_cast<std::byte *>(std::realloc(record.get(), size));
+        if (grown == nullptr) {
+            KeldLog("Failed to allocate %zu bytes for prob buffer.", size);
+            return nullptr;
+        }
+        (void)record.release();
+        record.reset(grown);
+    }
+    return nullptr;
+}
+
+} // namespace
+
+int KeldPlingSend(const void *record, std::size_t length)
+{
+    if (KeldStopping()) return -1;
+    const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (fd.Get() < 0) return -1;
+    const timeval wait{.tv_sec = 0, .tv_usec = kSendWaitMicroseconds};
+    (void)setsockopt(fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+    if (Connect(fd.Get()) != 0) return -1;
+    for (std::size_t sent = 0; sent < length;) {
+        const ssize_t count =
+            send(fd.Get(), static_cast<const std::byte *>(record) + sent, length - sent, MSG_NOSIGNAL);
+        if (count >= 0)
+            sent += static_cast<std::size_t>(count);
+        else if (errno != EAGAIN || KeldStopping())
+            return -1;
+    }
+    return 0;
+}
+
+namespace
+{
+
+// Tries again while the receiver is busy, for as long as the daemon runs.
+int Connect(int fd)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (KltRunDir_Path("carad-pling.sock", address.sun_path, sizeof address.sun_path) != 0) return -1;
+    static_assert(sizeof address == 110);
+    while (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+        if (errno != EAGAIN || KeldStopping()) return -1;
+    return 0;
+}
+
+} // namespace
+
+void KeldPlingQueue(const void *record, std::size_t length)
+try {
+    const auto *bytes = static_cast<const std::byte *>(record);
+    std::list<RetryEntry> entry(1);
+    entry.front().record.assign(bytes, bytes + length);
+    KeldLock lock(retries.retryListMutex);
+    retries.list.splice(retries.list.end(), entry);
+    if (retries.alarmArmed) return; // an armed alarm is not moved
+    retries.alarmArmed = true;
+    (void)KeldAlarmSet(gRetryAlarm, kKeldAlarmOneShot, kRetrySeconds);
+} catch (const std::bad_alloc &) {
+    // Without memory for a copy the event is lost.
+}
+
+void KeldPlingAlarmHandler()
+{
+    KeldLock lock(retries.retryListMutex);
+    for (auto entry = retries.list.begin(); entry != retries.list.end() && !KeldStopping();) {
+        const char *id = TypeId(entry->record.data());
+        const bool sent = KeldPlingSend(entry->record.data(), entry->record.size()) == 0;
+        if (!sent && KeldStopping()) break;
+        if (!sent) ++entry->failures;
+        const int attempts = entry->failures + 1; // the first one included
+        bool keep = false;
+        if (entry->failures >= kRetryFailuresMax) {
+            KeldLog("Abandoned event (%s) after %d failures.\n", id, attempts);
+        } else if (sent) {
+            KeldLog("Successfully sent event (%s) after %d failure%s.\n", id, attempts,
+                    entry->failures == 0 ? "" : "s");
+        } else {
+            KeldLog("Failed to send event (%s); %d failures so far.\n", id, attempts);
+            keep = true;
+        }
+        entry = keep ? std::next(entry) : retries.list.erase(entry);
+    }
+    retries.alarmArmed = !retries.list.empty();
+    if (retries.alarmArmed) (void)KeldAlarmSet(gRetryAlarm, kKeldAlarmOneShot, kRetrySeconds);
+}

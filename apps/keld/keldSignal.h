@@ -1,0 +1,25 @@
+// Signals, and waiting without missing one.
+//
+// SIGTERM, SIGINT and SIGPIPE stay blocked in every thread; the main thread opens them only while it
+// waits in KeldPoll, so that between testing the exit flag and waiting there is no gap.
+#ifndef KELD_SIGNAL_H
+#define KELD_SIGNAL_H
+
+#include <poll.h>
+
+// Installs the handlers and blocks the signals in the calling thread and in all that it starts.
+// 0 or an errno value. Main thread, before any other thread.
+int KeldSignalInit();
+
+// True once SIGTERM or SIGINT was taken. Any thread.
+bool KeldExitRequested();
+
+// poll() without a time-out that a signal always ends: the number of ready entries, or -1 with errno
+// (EINTR after a signal, also when entries are ready). Main thread.
+int KeldPoll(pollfd *fds, nfds_t count);
+
+// The daemon is leaving: nothing may wait for a receiver any more. Set by the exit sequence, for good.
+void KeldSetStopping();
+bool KeldStopping();
+
+#endif

@@ -1,0 +1,10 @@
+#include "keldUserCorrelator.h"
+
+#include "keldTranslation.h"
+
+const KeldDomain keldUserDomain{.name = "UserLevel",
+                                .domains = {"user"},
+                                .defaultHandler = KeldCorrelatorIgnore,
+                                .otherwise = "ignored"};
+
+void KeldCorrelator_StartUser() { KeldDomainRun(keldUserDomain); }

@@ -1,0 +1,1 @@
+#include "knxctl/nodeAdmException.h"

@@ -1,0 +1,187 @@
+#include "daemon.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <kltlibs/rundir.h>
+#include <poll.h>
+#include <stdexcept>
+#include <string_view>
+#include <sys/pidfd.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace
+{
+
+// The descriptors of the daemon's side, as its environment names them.
+constexpr int kLogFd = 3;
+constexpr int kClockFd = 4;
+
+[[noreturn]] void Fail(const char *what) { throw std::system_error(errno, std::generic_category(), what); }
+
+std::vector<std::string> Environment(const DaemonProgram &program, const std::vector<std::string> &more)
+{
+    std::vector<std::string> all;
+    std::string sanitizer = "ASAN_OPTIONS=verify_asan_link_order=0";
+    for (char **entry = environ; *entry != nullptr; ++entry) {
+        const std::string_view text = *entry;
+        if (text.starts_with("ASAN_OPTIONS="))
+            sanitizer += ":" + std::string(text.substr(text.find('=') + 1));
+        else
+            all.emplace_back(text);
+    }
+    // The shim would stand before the sanitizer's library, which otherwise insists on being first.
+    all.push_back(sanitizer);
+    all.push_back("KELD_LOG_FD=" + std::to_string(kLogFd));
+    all.push_back("KELD_CLOCK_FD=" + std::to_string(kClockFd));
+    if (!program.preload.empty()) all.push_back("LD_PRELOAD=" + program.preload);
+    all.insert(all.end(), more.begin(), more.end());
+    return all;
+}
+
+std::vector<char *> Pointers(std::vector<std::string> &texts)
+{
+    std::vector<char *> pointers;
+    for (std::string &text : texts)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+bool Accepts(const char *name)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (KltRunDir_Path(name, address.sun_path, sizeof address.sun_path) != 0) return false;
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool accepts = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    close(fd);
+    return accepts;
+}
+
+} // namespace
+
+Daemon::Daemon(const DaemonProgram &program, const std::vector<std::string> &arguments,
+               const std::vector<std::string> &environment)
+{
+    std::vector<std::string> words{program.path};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<std::string> variables = Environment(program, environment);
+    const std::vector<char *> argv = Pointers(words);
+    const std::vector<char *> envp = Pointers(variables);
+    int clock[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, clock) != 0) Fail("socketpair");
+    const pid_t parent = getpid();
+    mPid = fork();
+    if (mPid < 0) Fail("fork");
+    if (mPid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const rlimit noCore{0, 0};
+        setrlimit(RLIMIT_CORE, &noCore);
+        if (getppid() != parent) _exit(127);
+        // Out of the way first: the numbers that are to be set may be in use.
+        const int log = fcntl(mLog.Fd(), F_DUPFD_CLOEXEC, 10);
+        const int output = fcntl(mOutput.Fd(), F_DUPFD_CLOEXEC, 10);
+        const int control = fcntl(clock[1], F_DUPFD_CLOEXEC, 10);
+        dup2(output, STDOUT_FILENO);
+        dup2(output, STDERR_FILENO);
+        dup2(log, kLogFd);
+        dup2(control, kClockFd);
+        execve(argv[0], argv.data(), envp.data());
+        _exit(127);
+    }
+    close(clock[1]);
+    mClockFd = clock[0];
+    mPidFd = pidfd_open(mPid, 0);
+    if (mPidFd < 0) Fail("pidfd_open");
+}
+
+Daemon::~Daemon()
+{
+    if (mExitStatus < 0) {
+        EXPECT_EQ(0, Terminate()) << Output();
+    }
+    close(mPidFd);
+    close(mClockFd);
+}
+
+// The trace socket is the last that the daemon opens.
+bool Daemon::WaitUntilReady()
+{
+    bool accepts = false;
+    WaitUntil([&] { return (accepts = Accepts("keld-trace.sock")) || !IsRunning(); });
+    return accepts;
+}
+
+int Daemon::Terminate(int signal, std::chrono::milliseconds limit)
+{
+    Signal(signal);
+    return WaitForExit(limit);
+}
+
+int Daemon::WaitForExit(std::chrono::milliseconds limit)
+{
+    if (mExitStatus >= 0) return mExitStatus;
+    pollfd ended{mPidFd, POLLIN, 0};
+    if (poll(&ended, 1, static_cast<int>(limit.count())) != 1) {
+        ADD_FAILURE() << "the daemon does not stop:\n" << mLog.Raw() << Output();
+        Signal(SIGKILL);
+    }
+    int status = 0;
+    waitpid(mPid, &status, 0);
+    mExitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return mExitStatus;
+}
+
+bool Daemon::IsRunning()
+{
+    pollfd ended{mPidFd, POLLIN, 0};
+    return mExitStatus < 0 && poll(&ended, 1, 0) == 0;
+}
+
+void Daemon::Signal(int signal)
+{
+    if (mExitStatus < 0) kill(mPid, signal);
+}
+
+std::chrono::nanoseconds Daemon::ProcessorTime() const
+{
+    clockid_t clock;
+    timespec used;
+    if (clock_getcpuclockid(mPid, &clock) != 0 || clock_gettime(clock, &used) != 0)
+        throw std::runtime_error("the daemon has ended");
+    return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+}
+
+std::size_t Daemon::ThreadCount() const { return CountEntries("task"); }
+
+std::size_t Daemon::DescriptorCount() const { return CountEntries("fd"); }
+
+std::size_t Daemon::CountEntries(const char *directory) const
+{
+    const std::filesystem::directory_iterator entries("/proc/" + std::to_string(mPid) + "/" + directory);
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+void Daemon::Advance(std::uint64_t seconds) { Command("advance " + std::to_string(seconds) + "\n"); }
+
+void Daemon::SetClock(std::uint64_t seconds) { Command("set " + std::to_string(seconds) + "\n"); }
+
+void Daemon::Command(const std::string &line)
+{
+    pollfd answered{mClockFd, POLLIN, 0};
+    char answer[8] = {};
+    if (send(mClockFd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size()) ||
+        poll(&answered, 1, static_cast<int>(std::chrono::milliseconds(2 * kWaitLimit).count())) != 1 ||
+        read(mClockFd, answer, sizeof answer - 1) <= 0 || std::string_view(answer) != "ok\n")
+        throw std::runtime_error("the clock does not obey: " + line + Output());
+}

@@ -1,0 +1,79 @@
+// The daemon as a process of its own.
+#ifndef TESTSUPPORT_DAEMON_H
+#define TESTSUPPORT_DAEMON_H
+
+#include "logCapture.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+// Which daemon, and how its log is caught.
+struct DaemonProgram {
+    std::string path;
+    std::string preload; // the log shim, where it is not linked in
+};
+
+#ifdef KELD_BINARY
+inline const DaemonProgram kShippedDaemon{KELD_BINARY, KELD_LOGSHIM};
+inline const DaemonProgram kHandClockDaemon{KELD_HANDCLOCK_BINARY, ""}; // obeys Advance and Set
+#endif
+
+// Starts the daemon in the present run directory (make a RunDir first), with its log and its output
+// caught, and nothing of it left behind at the end.
+//
+// A daemon that still runs at the end is told to stop, and must then exit with status 0. It is also
+// killed when the test process dies. One thread only. Throws std::runtime_error when it cannot start.
+class Daemon
+{
+public:
+    explicit Daemon(const DaemonProgram &program, const std::vector<std::string> &arguments = {},
+                    const std::vector<std::string> &environment = {});
+    ~Daemon();
+    Daemon(const Daemon &) = delete;
+    Daemon &operator=(const Daemon &) = delete;
+
+    // Waits until every channel and the trace socket take connections; false when the daemon has ended
+    // or has not got there within the limit. Records may be sent from then on.
+    bool WaitUntilReady();
+
+    // Sends the signal and waits: the exit status, or 128 and the signal that ended it. A daemon that
+    // outlives the limit fails the test and is killed.
+    int Terminate(int signal = SIGTERM, std::chrono::milliseconds limit = kWaitLimit);
+    int WaitForExit(std::chrono::milliseconds limit = kWaitLimit);
+
+    bool IsRunning();
+    void Signal(int signal);
+    pid_t Pid() const { return mPid; }
+
+    const LogCapture &Log() const { return mLog; }
+
+    // Standard output and standard error, in the order written.
+    std::string Output() const { return mOutput.Text(); }
+
+    // Of the running process: processor time used so far, threads, open descriptors.
+    std::chrono::nanoseconds ProcessorTime() const;
+    std::size_t ThreadCount() const;
+    std::size_t DescriptorCount() const;
+
+    // Moves the clock of the hand-clock daemon, as HandClock does. All alarms that fall due have been
+    // handled on return.
+    void Advance(std::uint64_t seconds);
+    void SetClock(std::uint64_t seconds);
+
+private:
+    void Command(const std::string &line);
+    std::size_t CountEntries(const char *directory) const;
+
+    LogCapture mLog{LogCapture::Of::Child};
+    CapturedText mOutput;
+    pid_t mPid = -1;
+    int mPidFd = -1;
+    int mClockFd = -1;
+    int mExitStatus = -1; // once it has ended
+};
+
+#endif

@@ -1,0 +1,222 @@
+// The daemon as a process: options, start, signals, stop.
+#include "systemTest.h"
+
+#include <atomic>
+#include <filesystem>
+#include <poll.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+namespace
+{
+
+class ProcessTest : public SystemTest
+{
+protected:
+    bool NothingOpened() const
+    {
+        return !std::filesystem::exists(host.Path("kel")) &&
+               !std::filesystem::exists(host.Path("keld-trace.sock"));
+    }
+};
+
+TEST_F(ProcessTest, EveryOptionButOneShowsTheUsageAndOpensNothing)
+{
+    const std::string usage = "Usage: " + kShippedDaemon.path +
+                              " [options]\nvalid options are:\n\t--help|-h - display this help\n";
+    for (const Texts &options : {Texts{"-h"}, Texts{"--help"}, Texts{"-l", "5"}, Texts{"--loglevel=5"},
+                                 Texts{"-t"}, Texts{"-e", "--test"}}) {
+        daemon.emplace(kShippedDaemon, options);
+        EXPECT_EQ(0, daemon->WaitForExit()) << options.back();
+        EXPECT_EQ(usage, daemon->Output()) << options.back();
+    }
+    for (const Texts &refused : {Texts{"-x"}, Texts{"--bogus"}, Texts{"-l"}}) {
+        daemon.emplace(kShippedDaemon, refused);
+        EXPECT_EQ(0, daemon->WaitForExit()) << refused.back();
+        EXPECT_TRUE(daemon->Output().ends_with(usage)) << daemon->Output();
+    }
+    EXPECT_TRUE(NothingOpened());
+    EXPECT_EQ(std::nullopt, host.HostText("kernel/options/Misc/KelAsyncEnable"));
+}
+
+TEST_F(ProcessTest, EnablingObservationsSetsTheKernelOption)
+{
+    Start(kShippedDaemon, {"-e", "--enablekels"});
+    EXPECT_EQ("1", host.HostText("kernel/options/Misc/KelAsyncEnable"));
+}
+
+TEST_F(ProcessTest, ForeignKernelSignatureIsFatal)
+{
+    host.Host("kernel/signature", "deadbeef");
+    host.Host("kernel/builddate", "Mar  1 2026 12:00:00");
+    daemon.emplace(kShippedDaemon);
+    EXPECT_EQ(128 + SIGABRT, daemon->WaitForExit());
+
+    const std::string message =
+        "md5 signature mismatch with running kernix built on Mar  1 2026 12:00:00 (my build date: 0.1.0)";
+    EXPECT_EQ("Keld - Panic: " + message + "\n", daemon->Output());
+    EXPECT_EQ((Texts{"Keld - Panic: ", message}), daemon->Log().Lines());
+    EXPECT_TRUE(NothingOpened());
+}
+
+TEST_F(ProcessTest, LogLinesCarryPriorityAndTime)
+{
+    Start(kHandClockDaemon, {});
+    EXPECT_EQ(0, daemon->Terminate());
+    EXPECT_TRUE(daemon->Log().Raw().ends_with(":00.000Z: Exiting. rc:0\n")) << daemon->Log().Raw();
+    EXPECT_TRUE(daemon->Log().Raw().starts_with("<6>2026-03-01T")) << daemon->Log().Raw();
+}
+
+TEST_F(ProcessTest, SecondDaemonLeavesTheFirstAlone)
+{
+    Start(kShippedDaemon);
+    Daemon second(kShippedDaemon);
+    EXPECT_EQ(16, second.WaitForExit());
+
+    SendReport(7, "still here");
+    SendReport(kUser, "here too");
+    EXPECT_EQ(2U, receiver.WaitFor(2).size());
+}
+
+TEST_F(ProcessTest, NextDaemonTakesOverWhatAKilledOneLeft)
+{
+    Start(kShippedDaemon);
+    EXPECT_EQ(128 + SIGKILL, daemon->Terminate(SIGKILL));
+    Start(kShippedDaemon);
+    SendReport(0, "after a kill");
+    EXPECT_EQ(Reported(Texts{"after a kill"}), receiver.WaitForTexts(1));
+}
+
+TEST_F(ProcessTest, BrokenPipeSignalIsIgnored)
+{
+    Start(kShippedDaemon);
+    for (int i = 0; i < 10; ++i)
+        daemon->Signal(SIGPIPE);
+    SendReport(3, "still here");
+    EXPECT_EQ(Reported(Texts{"still here"}), receiver.WaitForTexts(1));
+}
+
+TEST_F(ProcessTest, BothSignalsStopItWithTheSameLastLines)
+{
+    for (const int signal : {SIGTERM, SIGINT}) {
+        Start(kShippedDaemon);
+        EXPECT_EQ(0, daemon->Terminate(signal));
+        const Texts lines = daemon->Log().Lines();
+        ASSERT_LE(2U, lines.size());
+        EXPECT_EQ((Texts{"Exiting due to signal.", "Exiting. rc:0"}), Texts(lines.end() - 2, lines.end()));
+        EXPECT_FALSE(std::filesystem::exists(host.Path("kel/async-0.sock")));
+    }
+}
+
+TEST_F(ProcessTest, ObservationsSentTheMomentTheSocketsAppearAreHandled)
+{
+    for (const int context : {0, 9, 21, kUser})
+        for (int round = 0; round < 4; ++round) {
+            daemon.reset();
+            daemon.emplace(kShippedDaemon);
+            std::optional<RawProducer> producer;
+            ASSERT_TRUE(WaitUntil([&] {
+                try {
+                    producer.emplace(context);
+                } catch (const std::exception &) {
+                }
+                return producer.has_value();
+            }));
+            EXPECT_EQ(0, producer->Send(Report("early")));
+            EXPECT_EQ(Reported(Texts{"early"}), receiver.WaitForTexts(1)) << "context " << context;
+        }
+}
+
+// ---- Stopping under full load, whatever the receiver does ---------------------------------------------
+
+enum class Receiver { Reads, AcceptsWithoutReading, IsFull, IsAway };
+
+class StopTest : public ProcessTest, public testing::WithParamInterface<Receiver>
+{
+protected:
+    void SetUp() override
+    {
+        if (GetParam() != Receiver::Reads) receiver.Stop();
+        if (GetParam() == Receiver::AcceptsWithoutReading) receiver.Start();
+        if (GetParam() == Receiver::IsFull) receiver.Start(0);
+    }
+
+    // Lets three producers send without pause, and serves the receiver, until the daemon is stopped.
+    void Flood()
+    {
+        for (const int context : {2, 13, kUser})
+            threads.emplace_back([context] {
+                RecordBytes batch;
+                for (int i = 0; i < 40; ++i) {
+                    const RecordBytes record = Report("controller battery low");
+                    batch.insert(batch.end(), record.begin(), record.end());
+                }
+                RawProducer producer(context);
+                while (producer.Send(batch) == 0)
+                    continue;
+            });
+        if (GetParam() == Receiver::Reads || GetParam() == Receiver::AcceptsWithoutReading)
+            threads.emplace_back([this] {
+                std::vector<int> kept;
+                while (!stopped) {
+                    pollfd waiting{receiver.Fd(), POLLIN, 0};
+                    poll(&waiting, 1, 20);
+                    if (GetParam() == Receiver::Reads)
+                        receiver.DrainRaw();
+                    else if (kept.size() < 500)
+                        kept.push_back(accept(receiver.Fd(), nullptr, nullptr));
+                }
+                for (const int fd : kept)
+                    close(fd);
+            });
+    }
+
+    void EndFlood()
+    {
+        stopped = true;
+        for (std::thread &thread : threads)
+            thread.join();
+        threads.clear();
+        stopped = false;
+    }
+
+    std::vector<std::thread> threads;
+    std::atomic<bool> stopped = false;
+};
+
+TEST_P(StopTest, UnderFullLoadEndsWithStatusZero)
+{
+    for (int round = 0; round < 13; ++round) {
+        Start(kShippedDaemon);
+        Flood();
+        EXPECT_TRUE(
+            daemon->Log().WaitForLines("[GenericCorrelator] ", 3 + static_cast<std::size_t>(round)));
+        const int status = daemon->Terminate(round % 2 == 0 ? SIGTERM : SIGINT);
+        EXPECT_EQ(0, status) << daemon->Output();
+        EndFlood();
+        if (status != 0) return;
+    }
+}
+
+std::string NameOf(const testing::TestParamInfo<Receiver> &kind)
+{
+    switch (kind.param) {
+    case Receiver::Reads:
+        return "Reads";
+    case Receiver::AcceptsWithoutReading:
+        return "AcceptsWithoutReading";
+    case Receiver::IsFull:
+        return "IsFull";
+    case Receiver::IsAway:
+        break;
+    }
+    return "IsAway";
+}
+
+INSTANTIATE_TEST_SUITE_P(Receiver, StopTest,
+                         testing::Values(Receiver::Reads, Receiver::AcceptsWithoutReading, Receiver::IsFull,
+                                         Receiver::IsAway),
+                         NameOf);
+
+} // namespace

@@ -1,0 +1,83 @@
+// The fixture of the tests that run the real daemon: a host of its own, the receiver of its events,
+// and observations of the generic domain, which become one event each.
+#ifndef TESTS_SYSTEM_SYSTEMTEST_H
+#define TESTS_SYSTEM_SYSTEMTEST_H
+
+#include "daemon.h"
+#include "eventSink.h"
+#include "observation.h"
+#include "runDir.h"
+
+#include <gtest/gtest.h>
+#include <optional>
+#include <string>
+#include <vector>
+
+using Texts = std::vector<std::string>;
+
+constexpr int kUser = KELPRODUCER_USER_CONTEXT;
+
+class SystemTest : public testing::Test
+{
+protected:
+    void Start(const DaemonProgram &program, const Texts &arguments = {})
+    {
+        daemon.reset();
+        daemon.emplace(program, arguments);
+        ASSERT_TRUE(daemon->WaitUntilReady()) << daemon->Log().Raw() << daemon->Output();
+    }
+
+    // What an add-on reports, and the event that it becomes.
+    static RecordBytes Report(const std::string &message)
+    {
+        return MakeRecord("kel.external.error", "%s %s %s", "acme-raid", "https://kb.example/1042",
+                          message.c_str());
+    }
+    static std::string Reported(const std::string &message)
+    {
+        return "nox.problem.3rdParty.error(acme-raid, https://kb.example/1042, acme-raid, " + message + ")";
+    }
+    static Texts Reported(const Texts &messages)
+    {
+        Texts events;
+        for (const std::string &message : messages)
+            events.push_back(Reported(message));
+        return events;
+    }
+
+    static void SendReport(int context, const std::string &message)
+    {
+        EXPECT_EQ(0, RawProducer(context).Send(Report(message)));
+    }
+
+    // Returns when the generic agent has done with everything that was sent before: one more
+    // observation, through a connection of its own, is served last.
+    void Settle()
+    {
+        const std::string id = "kel.external.mark" + std::to_string(++marks);
+        Send(kUser, id.c_str(), " ");
+        ASSERT_TRUE(daemon->Log().WaitForLine("[" + id + "]")) << daemon->Log().Raw();
+    }
+
+    // Every whole record that has reached the generic agent so far, by its ID, without marks.
+    Texts Received() const
+    {
+        Texts ids;
+        for (const std::string &line : daemon->Log().LinesWith("[GenericCorrelator] ")) {
+            const std::size_t start = line.find("[kel.");
+            if (start == std::string::npos) continue;
+            const std::string id = line.substr(start + 1, line.find(']', start) - start - 1);
+            if (!id.starts_with("kel.external.mark")) ids.push_back(id);
+        }
+        return ids;
+    }
+
+    RunDir host;
+    EventSink receiver;
+    std::optional<Daemon> daemon;
+
+private:
+    int marks = 0;
+};
+
+#endif
