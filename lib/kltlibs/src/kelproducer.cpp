@@ -21,8 +21,7 @@ struct KelProducer {
     int fd;
 };
 
-namespace
-{
+namespace {
 
 constexpr size_t kEmitBytes = 2048; // nearly every observation; the others take memory from the heap
 
