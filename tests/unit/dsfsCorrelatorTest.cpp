@@ -10,7 +10,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 // A volume UUID as a kernel sends it, with leading zeros in every part.
-#define UUID_FORMAT "%x-%x-%hx-%hhx%hhx%hhx%hhx%hhx%hhx"
+#define UUID_FORMAT "%x-%x-%x-%x%x%x%x%x%x"
 #define UUID_NUMBERS 0x5f3a1b2cU, 0x0004d2e7U, 0xabU, 0U, 0x1bU, 0x21U, 0xc0U, 0x0fU, 0xffU
 constexpr const char *kUuid = "5f3a1b2c-0004d2e7-00ab-001b21c00fff";
 
