@@ -52,10 +52,9 @@ TEST_F(NetCorrelatorTest, TellingTranslations)
 
 TEST_F(NetCorrelatorTest, WhatCannotBeReadAndWhatIsUnknownIsDroppedWithoutAWord)
 {
-    const char *nobody = nullptr;
     Observe(MakeKel("kel.net.heap.belowthreshold", "%s", "netGPHeap"));
     Observe(MakeKel("kel.net.fence.port.fail", "%s %s %d", "port-17", "dvs", 0));
-    Observe(MakeKel("kel.net.gateway.set.failed", "%s", nobody));
+    Observe(MakeKel("kel.net.gateway.set.failed", "%s", kNullText));
     Observe(MakeKel("kel.net.uplink.mtu.failed", "%s %d", "vmnic3", 9000));
     Observe(MakeKel("kel.net.firewall.port.vanished", "%s", "50331650"));
     EXPECT_THAT(Events(), IsEmpty());

@@ -520,16 +520,15 @@ TEST_F(UplinkTest, TheAlarmThreadWakesTheCorrelatorThroughThePipe)
 
 TEST_F(UplinkTest, WhatCannotBeReadIsDroppedWithoutAWord)
 {
-    const char *nobody = nullptr;
     Observe(MakeKel("kel.net.pg.uplink.transition.down", "%s %s %d", "vmnic0", "VM Network", 0));
     Observe(MakeKel("kel.net.pg.uplink.transition.down", "%s %s %d %s", "vmnic0", "VM Network", 0, "4"));
-    Observe(MakeKel("kel.net.pg.uplink.transition.down", "%s %s %d %d", nobody, "VM Network", 0, 4));
+    Observe(MakeKel("kel.net.pg.uplink.transition.down", "%s %s %d %d", kNullText, "VM Network", 0, 4));
     Observe(MakeKel("kel.net.pg.uplink.transition.up", "%s %s", "vmnic0", "VM Network"));
-    Observe(MakeKel("kel.net.pg.uplink.transition.up", "%s %s %d", "vmnic0", nobody, 1));
+    Observe(MakeKel("kel.net.pg.uplink.transition.up", "%s %s %d", "vmnic0", kNullText, 1));
     Observe(MakeKel("kel.net.dvport.uplink.transition.down", "%s %s %s %d", "vmnic0", "dvs", "8", 0));
     Observe(MakeKel("kel.net.dvport.uplink.transition.up", "%s %s %d %d", "vmnic0", "dvs", 8, 1));
     Observe(MakeKel("kel.net.vmnic.linkstate.down", "%d", 0));
-    Observe(MakeKel("kel.net.vmnic.linkstate.up", "%s", nobody));
+    Observe(MakeKel("kel.net.vmnic.linkstate.up", "%s", kNullText));
     Observe(MakeKel("kel.net.uplink.watchdog.timeout", "vmnic0"));
 
     EXPECT_THAT(After(10), IsEmpty());
