@@ -55,7 +55,7 @@ const Expected &ExpectedObservations()
         {"kel.tests.user.withCharParam",          "Drive A.", 0, 1},
         {"kel.tests.user.withShortParams",        "-32768 255.", 0, 2},
         {"kel.tests.user.withStringAndIntParams", "vmnic2 and vmnic3: 2 of 3.", 2, 2},
-        {"kel.tests.user.withFieldWidths",        "|vmnic2  |   42|0x00002a|", 1, 2},
+        {"kel.tests.user.withFieldWidths",        "|vmnic2  |   42|0x0000002a|", 1, 2},
         {"kel.tests.async.withoutParams",         "Nothing to read.", 0, 0},
         {"kel.tests.async.withIntParams",         "-7 1f 77.", 0, 3},
         {"kel.tests.async.withIntParams",         "-2147483648 ffffffff 2147483647.", 0, 3},
