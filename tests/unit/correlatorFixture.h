@@ -19,8 +19,10 @@
 #include <string>
 #include <vector>
 
-class CorrelatorTest : public testing::Test
-{
+// A null text for MakeKel. Volatile, since the compiler refuses a null for %s where it sees one.
+inline const char *volatile kNullText = nullptr;
+
+class CorrelatorTest : public testing::Test {
 protected:
     // Lists of events compare as lists of lines: EXPECT_THAT(Events(), ElementsAre("nox...(vmnic0)")).
     using Lines = std::vector<std::string>;

@@ -5,8 +5,6 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const char *volatile noText = nullptr; // volatile: the compiler would refuse a null it can see
-
 class ApdTest : public CorrelatorTest {
 protected:
     ApdTest() : CorrelatorTest(keldApdDomain) {}
@@ -26,7 +24,7 @@ TEST_F(ApdTest, WhatCannotBeReadIsDroppedWithoutAMessage)
 {
     Observe(MakeKel("kel.storage.apd.timeout", "%s", "naa.6000eb3a"));
     Observe(MakeKel("kel.storage.apd.start", "%d", 7));
-    Observe(MakeKel("kel.storage.apd.exit", "%s", noText));
+    Observe(MakeKel("kel.storage.apd.exit", "%s", static_cast<const char *>(nullptr)));
     EXPECT_THAT(Events(), IsEmpty());
     EXPECT_THAT(LogLines(), IsEmpty());
 }

@@ -91,8 +91,6 @@ constexpr const char *kDevice = "naa.60a98000";
 constexpr const char *kPath = "vmhba1:C0:T0:L4";
 constexpr const char *kOther = "vmhba2:C0:T1:L4";
 
-const char *volatile noText = nullptr; // volatile: the compiler would refuse a null it can see
-
 class ScsiTest : public CorrelatorTest {
 protected:
     ScsiTest() : CorrelatorTest(keldScsiDomain)
@@ -416,7 +414,8 @@ TEST_F(ScsiTest, ArgumentsThatCannotBeReadAreLoggedAndPostNothing)
     Observe(MakeKel("kel.scsi.device.thinprov.atquota", "%d", 1));
     Observe(MakeKel("kel.scsi.scsipath.limitreached", "%s %s", "many", kPath));
     Observe(MakeKel("kel.scsi.device.limitreached", "%d", 512));
-    Observe(MakeKel("kel.scsi.device.nmp.satp.option.failed", "%s %s", "enable_local", noText));
+    Observe(MakeKel("kel.scsi.device.nmp.satp.option.failed", "%s %s", "enable_local",
+                    static_cast<const char *>(nullptr)));
     Observe(MakeKel("kel.scsi.scsipath.badpath.unreachpe", " "));
     Observe(MakeKel("kel.scsi.scsipath.badpath.unreachpe", "%s", kPath));
     Observe(MakeKel("kel.scsi.device.latency.raised", "%s %u", kDevice, 7U));
@@ -440,7 +439,8 @@ TEST_F(ScsiTest, PathStatesAndResetsThatCannotBeReadAreDroppedSilently)
     SettleCounters();
     for (int i = 0; i < 12; ++i) {
         Observe(MakeKel("kel.scsi.scsipath.pathstate.dead", "%s", kPath));
-        Observe(MakeKel("kel.scsi.scsipath.pathstate.on", "%s %s", kPath, noText));
+        Observe(
+            MakeKel("kel.scsi.scsipath.pathstate.on", "%s %s", kPath, static_cast<const char *>(nullptr)));
         Observe(MakeKel("kel.scsi.scsipath.por", "%d", 1));
     }
     EXPECT_THAT(Events(), IsEmpty());
