@@ -59,7 +59,7 @@ TEST_F(StorageContract, DiskLunHasItsPartitionsInAscendingOrder)
     EXPECT_THAT(disk->GetPartitions(), ElementsAre(2, 10));
     EXPECT_EQ("ds-ten", storage->GetDatastoreOn("naa.1:10"));
     EXPECT_EQ("", storage->GetDatastoreOn("naa.1:3"));
-    EXPECT_EQ("", storage->GetDatastoreOn("naa.1"));
+    EXPECT_THROW((void)storage->GetDatastoreOn("naa.1"), NodeAdmException);
     runDir.HostDirectory("storage/devices/naa.1/partitions/4");
     EXPECT_THROW((void)storage->GetDatastoreOn("naa.1:4"), NodeAdmException);
 }

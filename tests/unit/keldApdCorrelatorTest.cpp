@@ -5,8 +5,7 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class ApdTest : public CorrelatorTest
-{
+class ApdTest : public CorrelatorTest {
 protected:
     ApdTest() : CorrelatorTest(keldApdDomain) {}
 };

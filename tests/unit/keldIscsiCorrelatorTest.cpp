@@ -5,8 +5,7 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class IscsiTest : public CorrelatorTest
-{
+class IscsiTest : public CorrelatorTest {
 protected:
     IscsiTest() : CorrelatorTest(keldIscsiDomain) {}
 

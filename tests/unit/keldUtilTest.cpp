@@ -7,8 +7,7 @@
 #include <gtest/gtest.h>
 #include <string>
 
-namespace
-{
+namespace {
 
 // Reads "gold" by the message text given: what is at the destination then, or the status and that.
 std::string ReadText(const char *text)
@@ -95,8 +94,7 @@ TEST(KeldGetArgsByFormat, FailsAsTheLibraryDoes)
     EXPECT_EQ(nullptr, first);
 }
 
-class KeldLookupDatastoreTest : public testing::Test
-{
+class KeldLookupDatastoreTest : public testing::Test {
 protected:
     void Mount(const std::string &entry, const std::string &uuid, const std::string &name)
     {
