@@ -193,7 +193,10 @@ TEST_F(SelftestTest, SilenceOfFiveSecondsEndsTheTest)
     script.resize(2);
     SendMarker("start");
     SendScript();
-    ASSERT_TRUE(WaitUntil([&] { return Output().back() == "PASS: [1]: kel.tests.user.withPercent"; }));
+    ASSERT_TRUE(WaitUntil([&] {
+        const auto lines = Output();
+        return !lines.empty() && lines.back() == "PASS: [1]: kel.tests.user.withPercent";
+    }));
     daemon->Advance(4);
     EXPECT_TRUE(daemon->IsRunning());
     try {
