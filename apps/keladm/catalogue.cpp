@@ -2,16 +2,13 @@
 
 #include "commands.h"
 #include "console.h"
+#include "text.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 using nlohmann::json;
 
@@ -73,14 +70,11 @@ std::vector<Entry> ReadList(const json &document, const char *name, Entry (*read
 
 Catalogue LoadCatalogue(const std::string &file)
 {
-    std::ifstream stream(file);
-    std::stringstream content;
-    if (!stream || !(content << stream.rdbuf()))
-        throw Failure(kExitFailed, fmt::format("catalogue {}: {}", file, std::strerror(errno)));
+    std::string content = ReadFile(file);
     try {
-        return ParseCatalogue(content.view());
+        return ParseCatalogue(content);
     } catch (const Failure &failure) {
-        throw Failure(failure.status, fmt::format("catalogue {}: {}", file, failure.what()));
+        throw Failure(failure.status, fmt::format("{}: {}", file, failure.what()));
     }
 }
 

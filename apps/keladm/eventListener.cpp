@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int kBacklog = 128;
+constexpr int kBacklog = 1024;
 
 [[noreturn]] void Fail(const std::string &path, const char *what)
 {

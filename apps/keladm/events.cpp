@@ -9,7 +9,7 @@
 #include <fmt/ranges.h>
 #include <unistd.h>
 
-using nlohmann::json;
+using json = nlohmann::ordered_json;
 
 namespace {
 

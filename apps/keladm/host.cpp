@@ -80,6 +80,7 @@ std::string Nearest(const HostInventory::Path &path)
     size_t most = 0;
     for (const HostEntry &entry : kHostEntries)
         most = std::max(most, PartsMatched(PatternParts(entry.pattern), path));
+    if (most == 0) return " listed by \"keladm host --help\"";
     std::string list;
     for (const HostEntry &entry : kHostEntries)
         if (PartsMatched(PatternParts(entry.pattern), path) == most)
@@ -141,7 +142,7 @@ const HostEntry &KnownEntry(const HostInventory::Path &path)
     if (IsInnerDirectory(path))
         throw Failure(kExitUsage,
                       fmt::format("{}: a directory; it holds:{}", HostName(path), Nearest(path)));
-    throw Failure(kExitUsage, fmt::format("{}: not an entry that the daemon knows; the nearest are:{}",
+    throw Failure(kExitUsage, fmt::format("{}: not an entry that the daemon knows; those are:{}",
                                           HostName(path), Nearest(path)));
 }
 
@@ -184,7 +185,7 @@ void ListEntry(const HostInventory::Path &path, bool asJson, Output &out)
         trouble = CheckHostValue(*entry, *value);
 
     if (asJson) {
-        nlohmann::json line{{"name", name}, {"value", value.value_or("")}};
+        nlohmann::ordered_json line{{"name", name}, {"value", value.value_or("")}};
         if (trouble) line["trouble"] = *trouble;
         out.Line(JsonLine(line));
     } else {

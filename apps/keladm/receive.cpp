@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-using nlohmann::json;
+using json = nlohmann::ordered_json;
 
 namespace {
 
@@ -173,8 +173,8 @@ json RecordJson(const ReceivedRecord &record, const std::optional<Catalogue> &ca
     for (const EventArgument &argument : event.arguments)
         arguments.push_back(ArgumentJson(argument));
     auto text = TextOf(event, catalogue);
-    return {{"timestamp", event.timestamp},
-            {"time", LocalTime(event.timestamp)},
+    return {{"time", UtcTime(event.timestamp)},
+            {"timestamp", event.timestamp},
             {"class", EventClassOf(event.typeId)},
             {"type", event.typeId},
             {"text", text ? json(*text) : json(nullptr)},

@@ -17,11 +17,11 @@ std::string EventClassOf(const std::string &typeId);
 std::string RecordLine(const ReceivedRecord &record, const std::optional<Catalogue> &catalogue,
                        bool colour);
 
-// {"timestamp", "time", "class", "type", "text", "arguments", "host"}, text null without a catalogue entry;
+// {"time", "timestamp", "class", "type", "text", "arguments", "host"}, text null without a catalogue entry;
 // a malformed record: {"malformed", "length", "hex"}.
-nlohmann::json RecordJson(const ReceivedRecord &record, const std::optional<Catalogue> &catalogue);
+nlohmann::ordered_json RecordJson(const ReceivedRecord &record, const std::optional<Catalogue> &catalogue);
 
 // JSON on one line; what is not UTF-8 in it is replaced, never refused.
-std::string JsonLine(const nlohmann::json &json);
+std::string JsonLine(const nlohmann::ordered_json &json);
 
 #endif

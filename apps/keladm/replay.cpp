@@ -7,16 +7,11 @@
 #include "text.h"
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <fmt/format.h>
-#include <fstream>
-#include <iostream>
-#include <sstream>
 #include <unistd.h>
 
-using nlohmann::json;
+using json = nlohmann::ordered_json;
 
 namespace {
 
@@ -60,12 +55,17 @@ public:
     void Play(std::span<const ScenarioStep> steps)
     {
         for (const ScenarioStep &step : steps) {
+            if (auto repeat = std::get_if<RepeatAction>(&step.action)) {
+                for (unsigned i = 0; i < repeat->count; i++)
+                    Play(repeat->steps);
+                continue;
+            }
             try {
                 std::visit([&](const auto &action) { Do(step, action); }, step.action);
             } catch (const Failure &failure) {
                 throw Failure(failure.status, fmt::format("line {}: {}", step.line, failure.what()));
             }
-            CheckDaemon();
+            WaitSome(Clock::now()); // a receiver that does not listen would hold the daemon up
         }
     }
 
@@ -107,11 +107,7 @@ private:
         WaitUntil(Clock::now() + std::chrono::duration_cast<Clock::duration>(duration));
     }
 
-    void Do(const ScenarioStep &, const RepeatAction &repeat)
-    {
-        for (unsigned i = 0; i < repeat.count; i++)
-            Play(repeat.steps);
-    }
+    void Do(const ScenarioStep &, const RepeatAction &) {} // Play's own
 
     // Without a receiver of one's own there is nothing to compare; the time passes all the same where
     // the scenario's meaning is that it does.
@@ -179,7 +175,9 @@ private:
                 Keep(record);
         }
         if (fds[0].revents != 0) throw Stopped{};
-        CheckDaemon();
+        // A daemon that has gone leaves nothing to play for.
+        if (fds[1].revents != 0)
+            throw Failure(kExitFailed, mHost->daemon.Stop().value_or("the daemon has ended"));
     }
 
     void Keep(const ReceivedRecord &record)
@@ -192,16 +190,6 @@ private:
         for (const EventArgument &argument : record.event->arguments)
             event.arguments.push_back(argument.ToText());
         mWaiting.push_back(std::move(event));
-    }
-
-    // A daemon that has gone leaves nothing to play for.
-    void CheckDaemon()
-    {
-        if (mHost == nullptr) return;
-        pollfd fds[] = {mHost->daemon.Watch()};
-        PollUntil(fds, Clock::now());
-        if (fds[0].revents == 0) return;
-        throw Failure(kExitFailed, mHost->daemon.Stop().value_or("the daemon has ended"));
     }
 
     void Report(const ScenarioStep &step)
@@ -255,23 +243,9 @@ private:
     unsigned mFailed = 0;
 };
 
-std::string ReadAll(const std::string &file)
-{
-    std::stringstream content;
-    if (file == "-") {
-        content << std::cin.rdbuf();
-        return content.str();
-    }
-    std::ifstream stream(file);
-    if (!stream) throw Failure(kExitUsage, fmt::format("{}: {}", file, std::strerror(errno)));
-    if (stream.peek() != std::ifstream::traits_type::eof()) content << stream.rdbuf();
-    if (stream.bad() || content.bad()) throw Failure(kExitUsage, fmt::format("{}: cannot be read", file));
-    return content.str();
-}
-
 std::vector<ScenarioStep> ReadScenario(const std::string &file)
 {
-    std::string text = ReadAll(file);
+    std::string text = ReadFile(file == "-" ? "/dev/stdin" : file);
     try {
         return ParseScenario(text);
     } catch (const Failure &failure) {

@@ -1,9 +1,32 @@
 #include "text.h"
 
+#include "commands.h"
+#include "console.h"
+
+#include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
+
+namespace {
+
+std::string TimeText(std::uint64_t microseconds, tm *(*convert)(const time_t *, tm *), char between,
+                     const char *zone)
+{
+    auto seconds = static_cast<time_t>(microseconds / 1000000);
+    tm parts{};
+    char date[32], time[32];
+    if (convert(&seconds, &parts) == nullptr || strftime(date, sizeof date, "%F", &parts) == 0 ||
+        strftime(time, sizeof time, "%T", &parts) == 0)
+        return fmt::format("{} us", microseconds);
+    return fmt::format("{}{}{}.{:06}{}", date, between, time, microseconds % 1000000, zone);
+}
+
+} // namespace
 
 bool GlobMatches(std::string_view pattern, std::string_view text)
 {
@@ -62,15 +85,9 @@ std::string Quoted(std::string_view text)
     return '"' + Printable(marked) + '"';
 }
 
-std::string LocalTime(std::uint64_t microseconds)
-{
-    auto seconds = static_cast<time_t>(microseconds / 1000000);
-    tm parts{};
-    char text[64];
-    if (localtime_r(&seconds, &parts) == nullptr || strftime(text, sizeof text, "%F %T", &parts) == 0)
-        return fmt::format("{} us", microseconds);
-    return fmt::format("{}.{:06}", text, microseconds % 1000000);
-}
+std::string LocalTime(std::uint64_t microseconds) { return TimeText(microseconds, localtime_r, ' ', ""); }
+
+std::string UtcTime(std::uint64_t microseconds) { return TimeText(microseconds, gmtime_r, 'T', "Z"); }
 
 std::optional<std::chrono::milliseconds> ParseDuration(std::string_view text)
 {
@@ -103,4 +120,18 @@ std::string HexText(std::string_view bytes, size_t bytesMax)
     }
     if (bytes.size() > bytesMax) text += fmt::format(" ... ({} more bytes)", bytes.size() - bytesMax);
     return text;
+}
+
+std::string ReadFile(const std::string &file)
+{
+    Fd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string content;
+    char buffer[64 * 1024];
+    ssize_t count = fd ? 1 : -1;
+    while (count > 0) {
+        count = read(fd.Get(), buffer, sizeof buffer);
+        if (count > 0) content.append(buffer, static_cast<size_t>(count));
+    }
+    if (count < 0) throw Failure(kExitFailed, fmt::format("{}: {}", file, std::strerror(errno)));
+    return content;
 }

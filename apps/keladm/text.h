@@ -20,6 +20,9 @@ std::string Quoted(std::string_view text);
 // "2024-05-01 12:00:00.123456" in local time.
 std::string LocalTime(std::uint64_t microseconds);
 
+// "2024-05-01T12:00:00.123456Z", for programs.
+std::string UtcTime(std::uint64_t microseconds);
+
 // "500ms", "2s", "1.5s", "10m", "1h"; a bare number is seconds. Nothing for anything else, and for
 // more than 1000 hours.
 std::optional<std::chrono::milliseconds> ParseDuration(std::string_view text);
@@ -29,5 +32,8 @@ std::string DurationText(std::chrono::milliseconds duration);
 
 // The bytes as two hexadecimal digits each, eight bytes a group, cut with a note behind bytesMax.
 std::string HexText(std::string_view bytes, size_t bytesMax);
+
+// All that is in a file. Throws Failure naming it.
+std::string ReadFile(const std::string &file);
 
 #endif

@@ -99,36 +99,41 @@ std::string ArgumentText(const TraceArgument &argument)
     return argument.kind == TraceArgument::Text ? Quoted(argument.text) : argument.text;
 }
 
-nlohmann::json ArgumentJson(const TraceArgument &argument)
+nlohmann::ordered_json ArgumentJson(const TraceArgument &argument)
 {
     if (argument.kind == TraceArgument::Text) return argument.text;
     if (argument.kind == TraceArgument::Unreadable) return {{"unreadable", true}};
-    return nlohmann::json::parse(argument.text, nullptr, false);
+    return nlohmann::ordered_json::parse(argument.text, nullptr, false);
+}
+
+// The line's own time in microseconds.
+std::uint64_t Microseconds(const TraceLine &line)
+{
+    std::uint64_t seconds = 0, nanoseconds = 0;
+    const char *start = line.seconds.data();
+    const char *end = start + line.seconds.size();
+    const char *point = std::from_chars(start, end, seconds).ptr;
+    std::from_chars(point + 1, end, nanoseconds);
+    return seconds * 1000000 + nanoseconds / 1000;
 }
 
 std::string ReadableLine(const TraceLine &line, bool colour)
 {
-    std::uint64_t seconds = 0, nanoseconds = 0;
-    size_t point = line.seconds.find('.');
-    std::from_chars(line.seconds.data(), line.seconds.data() + point, seconds);
-    std::from_chars(line.seconds.data() + point + 1, line.seconds.data() + line.seconds.size(),
-                    nanoseconds);
-
     std::string arguments;
     for (const TraceArgument &argument : line.arguments)
         arguments += (arguments.empty() ? "  " : ", ") + ArgumentText(argument);
     std::string direction = line.in ? "IN " : "OUT";
     if (colour) direction = fmt::format("\x1b[{}m{}\x1b[0m", line.in ? 36 : 33, direction);
-    return fmt::format("{} {} {}{}", LocalTime(seconds * 1000000 + nanoseconds / 1000), direction,
-                       Printable(line.id), arguments);
+    return fmt::format("{} {} {}{}", LocalTime(Microseconds(line)), direction, Printable(line.id),
+                       arguments);
 }
 
-nlohmann::json LineJson(const TraceLine &line)
+nlohmann::ordered_json LineJson(const TraceLine &line)
 {
-    nlohmann::json arguments = nlohmann::json::array();
+    nlohmann::ordered_json arguments = nlohmann::ordered_json::array();
     for (const TraceArgument &argument : line.arguments)
         arguments.push_back(ArgumentJson(argument));
-    return {{"time", line.seconds},
+    return {{"time", UtcTime(Microseconds(line))},
             {"direction", line.in ? "in" : "out"},
             {"timestamp", line.timestamp},
             {"id", line.id},

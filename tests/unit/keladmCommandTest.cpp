@@ -1,0 +1,138 @@
+// The program as its users run it: exit statuses, closed pipes, full disks, a scenario played and compared.
+
+#include "runDir.h"
+#include "waitFor.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+std::string ReadAll(const std::string &path)
+{
+    std::stringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
+}
+
+class KeladmCommandTest : public testing::Test {
+protected:
+    KeladmCommandTest()
+    {
+        setenv("KELADM", KELADM_BINARY, 1);
+        setenv("KELD_DAEMON", KELD_BINARY, 1);
+        setenv("KELD_CATALOGUE", mRun.Path("events.json").c_str(), 1);
+        WriteFile("events.json", R"({"version": 1, "observations": [], "events": []})");
+    }
+
+    void WriteFile(const std::string &name, const std::string &text)
+    {
+        std::ofstream(mRun.Path(name)) << text;
+    }
+
+    // Runs a shell's command, "$KELADM" being the program: its exit status, a blank, and all its output.
+    std::string Run(const std::string &command)
+    {
+        const std::string output = mRun.Path("output");
+        int status = std::system(("cd '" + mRun.Path() + "' && { " + command + "\n} >output 2>&1").c_str());
+        return std::to_string(WEXITSTATUS(status)) + " " + ReadAll(output);
+    }
+
+    RunDir mRun;
+};
+
+} // namespace
+
+TEST_F(KeladmCommandTest, WrongUsageAndAMissingDaemonHaveStatusesOfTheirOwn)
+{
+    EXPECT_THAT(Run("$KELADM"), StartsWith("2 keladm: A subcommand is required"));
+    EXPECT_THAT(Run("$KELADM recieve"), StartsWith("2 keladm: \"recieve\" is no subcommand"));
+    EXPECT_THAT(Run("$KELADM send kel.x -m %d ten"), StartsWith("2 keladm send: argument 1"));
+    EXPECT_THAT(Run("$KELADM send kel.x"), StartsWith("3 keladm send: no daemon serves "));
+    EXPECT_THAT(Run("$KELADM trace"), StartsWith("3 keladm trace: no daemon serves "));
+    EXPECT_THAT(Run("KALTOR_RUN_DIR=run $KELADM receive"),
+                StartsWith("2 keladm receive: KALTOR_RUN_DIR is \"run\""));
+    EXPECT_THAT(Run("$KELADM host set swap/reconfigured -- -1"),
+                StartsWith("2 keladm host set: swap/reconfigured"));
+    EXPECT_THAT(Run("$KELADM host get swap/failure"),
+                StartsWith("1 keladm host get: swap/failure: absent"));
+    EXPECT_THAT(Run("$KELADM host --help"), StartsWith("0 "));
+}
+
+TEST_F(KeladmCommandTest, TheHostIsReadBackAsItWasWritten)
+{
+    EXPECT_EQ("0 vSwitch0\nnet/portgroups/VM Network = vSwitch0\n",
+              Run("$KELADM host set 'net/portgroups/VM Network' vSwitch0 && "
+                  "$KELADM host get 'net/portgroups/VM Network' && $KELADM host list"));
+    EXPECT_EQ("0 {\"name\":\"net/portgroups/VM Network\",\"value\":\"vSwitch0\"}\n",
+              Run("$KELADM host list --json net"));
+}
+
+TEST_F(KeladmCommandTest, AFullDiskIsReported)
+{
+    EXPECT_THAT(Run("$KELADM host set swap/failure x && $KELADM host list >/dev/full"),
+                StartsWith("1 keladm host list: cannot write the output: No space left"));
+}
+
+TEST_F(KeladmCommandTest, AReceiverEndsWellWithoutItsReaderAndOnASignal)
+{
+    EXPECT_EQ("0 0\n",
+              Run("{ $KELADM receive; echo $? >status; } | true; cat status; [ ! -e carad-pling.sock ]"));
+    EXPECT_EQ(
+        "0 ",
+        Run("$KELADM receive & while [ ! -S carad-pling.sock ]; do :; done; kill -TERM $!; wait $! && "
+            "[ ! -e carad-pling.sock ]"));
+    EXPECT_THAT(Run("$KELADM receive --count 1 --timeout 1ms"), StartsWith("1 0 of 1 events came"));
+    EXPECT_EQ("0 ", Run("$KELADM receive --timeout 1ms"));
+}
+
+TEST_F(KeladmCommandTest, TheCommittedCompletionIsThePresentOne)
+{
+    const std::string committed = std::string(KELD_SOURCE_DIR) + "/packaging/keladm.bash-completion";
+    EXPECT_EQ("0 " + ReadAll(committed), Run("$KELADM completion bash"));
+    EXPECT_EQ("0 completion --catalogue\n",
+              Run("bash -c 'source \"$0\"; COMP_WORDS=(keladm com); COMP_CWORD=1; _keladm; echo -n "
+                  "\"$COMPREPLY \"; "
+                  "COMP_WORDS=(keladm receive --ca); COMP_CWORD=2; _keladm; echo $COMPREPLY' '" +
+                  committed + "'"));
+}
+
+TEST_F(KeladmCommandTest, AScenarioIsPlayedAndComparedWithADaemonOfItsOwn)
+{
+    WriteFile("link.scenario",
+              "host set kernel/nodes/system/systemUuid 01234567-89ab-cdef-0123-456789abcdef\n"
+              "observe kel.net.vmnic.linkstate.down vmnic0\n"
+              "expect within 60s nox.problem.net.vmnic.linkstate.down vmnic0\n"
+              "expect none within 0s nox.clear.*\n");
+    EXPECT_THAT(
+        Run("mkdir t; TMPDIR=$PWD/t $KELADM replay --check link.scenario; s=$?; rmdir t && exit $s"),
+        testing::AllOf(StartsWith("0 "), HasSubstr("ok: 2 of 2 expectations met")));
+}
+
+TEST_F(KeladmCommandTest, ADifferenceIsShownWithWhatCameInstead)
+{
+    WriteFile("link.scenario", "observe kel.net.vmnic.linkstate.down vmnic0\n"
+                               "observe kel.net.vmnic.linkstate.down vmnic2\n"
+                               "expect within 60s nox.problem.* vmnic2\n"
+                               "expect within 0s nox.problem.net.vmnic.linkstate.down vmnic1\n");
+    EXPECT_THAT(Run("$KELADM replay --check link.scenario"),
+                testing::AllOf(StartsWith("1 "), HasSubstr("FAILED    line 4: expect within 0s"),
+                               HasSubstr("\n              nox.problem.net.vmnic.linkstate.down vmnic0\n"),
+                               HasSubstr("FAILED: 1 of 2 expectations met")));
+}
+
+TEST_F(KeladmCommandTest, ADaemonThatEndsAtOnceIsReported)
+{
+    WriteFile("empty.scenario", "pause 60s\n");
+    EXPECT_THAT(Run("$KELADM replay --check --daemon /bin/false empty.scenario"),
+                StartsWith("1 keladm replay: the daemon did not start: status 1"));
+}
