@@ -3,8 +3,6 @@
 #include "commands.h"
 #include "console.h"
 
-#include "kltlibs/msgfmt.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -17,30 +15,18 @@
 
 using nlohmann::json;
 
-namespace
-{
+namespace {
 
-struct ArgumentTypeName {
-    std::uint32_t type; // MsgFmtType
-    std::string_view name;
-};
-// clang-format off
-constexpr ArgumentTypeName kArgumentTypes[] = {
-    {MSGFMT_TYPE_STRING, "string"},
-    {MSGFMT_TYPE_INT32,  "int32"},
-    {MSGFMT_TYPE_UINT32, "uint32"},
-    {MSGFMT_TYPE_INT64,  "int64"},
-    {MSGFMT_TYPE_UINT64, "uint64"},
-};
-// clang-format on
+using Texts = std::vector<std::string>;
+
+constexpr std::string_view kArgumentTypes[] = {"string", "int32", "uint32", "int64", "uint64"};
 
 std::vector<CatalogueArgument> ReadArgumentList(const json &entry)
 {
     std::vector<CatalogueArgument> arguments;
     for (const json &item : entry.at("arguments")) {
         CatalogueArgument argument{item.at("name").get<std::string>(), item.at("type").get<std::string>()};
-        if (std::ranges::find(kArgumentTypes, argument.type, &ArgumentTypeName::name) ==
-            std::end(kArgumentTypes))
+        if (std::ranges::find(kArgumentTypes, argument.type) == std::end(kArgumentTypes))
             throw std::runtime_error(
                 fmt::format("argument \"{}\": unknown type \"{}\"", argument.name, argument.type));
         arguments.push_back(std::move(argument));
@@ -55,9 +41,9 @@ CatalogueEvent ReadEvent(const json &entry)
     event.eventClass = entry.at("class").get<std::string>();
     event.text = entry.at("text").get<std::string>();
     event.arguments = ReadArgumentList(entry);
-    event.clears = entry.value("clears", "");
-    event.clearedBy = entry.value("clearedBy", "");
-    event.pairedOn = entry.value("pairedOn", std::vector<std::string>{});
+    event.clears = entry.value("clears", Texts{});
+    event.clearedBy = entry.value("clearedBy", Texts{});
+    event.pairedOn = entry.value("pairedOn", Texts{});
     if (!event.type.starts_with("nox." + event.eventClass + "."))
         throw std::runtime_error(
             fmt::format("type \"{}\" is not of the class \"{}\"", event.type, event.eventClass));
@@ -67,8 +53,7 @@ CatalogueEvent ReadEvent(const json &entry)
 CatalogueObservation ReadObservation(const json &entry)
 {
     return {entry.at("id").get<std::string>(), entry.at("domain").get<std::string>(),
-            ReadArgumentList(entry), entry.value("becomes", std::vector<std::string>{}),
-            entry.value("note", "")};
+            ReadArgumentList(entry), entry.value("becomes", Texts{}), entry.value("note", "")};
 }
 
 // Reads every entry of one of the two lists.
@@ -86,15 +71,6 @@ std::vector<Entry> ReadList(const json &document, const char *name, Entry (*read
     return entries;
 }
 
-bool FitsArguments(const CatalogueEvent &entry, const EventRecord &event)
-{
-    return std::ranges::equal(
-        entry.arguments, event.arguments, [](const auto &expected, const auto &argument) {
-            auto known = std::ranges::find(kArgumentTypes, argument.type, &ArgumentTypeName::type);
-            return known != std::end(kArgumentTypes) && known->name == expected.type;
-        });
-}
-
 Catalogue LoadCatalogue(const std::string &file)
 {
     std::ifstream stream(file);
@@ -110,15 +86,10 @@ Catalogue LoadCatalogue(const std::string &file)
 
 } // namespace
 
-std::optional<std::string> Catalogue::TextOf(const EventRecord &event) const
+const CatalogueEvent *Catalogue::Find(std::string_view type) const
 {
-    const CatalogueEvent *best = nullptr;
-    for (const CatalogueEvent &entry : events) {
-        if (entry.type != event.typeId) continue;
-        if (FitsArguments(entry, event)) return entry.text;
-        if (best == nullptr) best = &entry;
-    }
-    return best == nullptr ? std::nullopt : std::optional(best->text);
+    auto found = std::ranges::find(events, type, &CatalogueEvent::type);
+    return found == events.end() ? nullptr : &*found;
 }
 
 Catalogue ParseCatalogue(std::string_view text)

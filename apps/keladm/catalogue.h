@@ -3,17 +3,14 @@
 //     {"version": 1,
 //      "events": [{"type": "nox.problem.net...", "class": "problem", "text": "NIC %s is down.",
 //                  "arguments": [{"name": "nic", "type": "string"}],
-//                  "clears": "nox...", "clearedBy": "nox...", "pairedOn": ["nic"]}],
+//                  "clears": ["nox..."], "pairedOn": ["nic"], "clearedBy": ["nox..."]}],
 //      "observations": [{"id": "kel.net...", "domain": "net", "arguments": [...],
 //                        "becomes": ["nox..."], "note": "..."}]}
 //
-// Argument types are string, int32, uint32, int64 and uint64. Of an event, clears, clearedBy and
-// pairedOn may be absent; of an observation, becomes and note. An event type may stand there more than
-// once, with other arguments.
+// Argument types are string, int32, uint32, int64 and uint64. An event's clears, clearedBy and pairedOn
+// and an observation's becomes and note may be absent; other keys are passed over.
 #ifndef KELADM_CATALOGUE_H
 #define KELADM_CATALOGUE_H
-
-#include "eventRecord.h"
 
 #include <optional>
 #include <string>
@@ -30,8 +27,8 @@ struct CatalogueEvent {
     std::string eventClass;
     std::string text; // printf-style
     std::vector<CatalogueArgument> arguments;
-    std::string clears;
-    std::string clearedBy;
+    std::vector<std::string> clears;
+    std::vector<std::string> clearedBy;
     std::vector<std::string> pairedOn;
 };
 
@@ -47,8 +44,8 @@ struct Catalogue {
     std::vector<CatalogueEvent> events;
     std::vector<CatalogueObservation> observations;
 
-    // The text of the event's type, by preference one that was written for arguments of its types.
-    std::optional<std::string> TextOf(const EventRecord &event) const;
+    // Null for a type that is not there.
+    const CatalogueEvent *Find(std::string_view type) const;
 };
 
 // Throws Failure naming the entry that is wrong.

@@ -6,8 +6,7 @@
 #include <csignal>
 #include <fmt/format.h>
 
-namespace
-{
+namespace {
 
 constexpr const char *kFooter = R"(
 Every subcommand has a --help of its own, with examples.
@@ -51,6 +50,11 @@ int RunKeladm(int argc, char **argv)
         return chosen();
     } catch (const CLI::Success &help) {
         return app.exit(help);
+    } catch (const CLI::RequiredError &error) {
+        std::string what = error.what();
+        if (app.get_subcommands().empty() && argc > 1)
+            what = fmt::format("\"{}\" is no subcommand", argv[1]);
+        return Report(app, kExitUsage, what + "\nTry --help.");
     } catch (const CLI::ParseError &error) {
         return Report(app, kExitUsage, fmt::format("{}\nTry --help.", error.what()));
     } catch (const Failure &failure) {

@@ -6,8 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace CLI
-{
+namespace CLI {
 class App;
 }
 

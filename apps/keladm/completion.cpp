@@ -5,8 +5,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 // What may follow the words so far: subcommands and long options.
 std::string NextWords(const CLI::App &app)

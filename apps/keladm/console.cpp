@@ -15,7 +15,7 @@
 
 Fd::~Fd()
 {
-    if (fd_ >= 0) close(fd_);
+    if (mFd >= 0) close(mFd);
 }
 
 StopSignal::StopSignal()
@@ -24,45 +24,45 @@ StopSignal::StopSignal()
     sigemptyset(&stopping);
     sigaddset(&stopping, SIGINT);
     sigaddset(&stopping, SIGTERM);
-    sigprocmask(SIG_BLOCK, &stopping, &before_);
-    fd_ = Fd(signalfd(-1, &stopping, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (!fd_) throw std::system_error(errno, std::generic_category(), "cannot watch for signals");
+    sigprocmask(SIG_BLOCK, &stopping, &mBefore);
+    mFd = Fd(signalfd(-1, &stopping, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!mFd) throw std::system_error(errno, std::generic_category(), "cannot watch for signals");
 }
 
 StopSignal::~StopSignal()
 {
     // A signal that ended this program has done its work.
     signalfd_siginfo info;
-    while (read(fd_.Get(), &info, sizeof info) > 0) {
+    while (read(mFd.Get(), &info, sizeof info) > 0) {
     }
-    sigprocmask(SIG_SETMASK, &before_, nullptr);
+    sigprocmask(SIG_SETMASK, &mBefore, nullptr);
 }
 
-Output::Output(int fd, int stopFd) : fd_(fd), stopFd_(stopFd)
+Output::Output(int fd, int stopFd) : mFd(fd), mStopFd(stopFd)
 {
     const char *noColour = std::getenv("NO_COLOR");
-    colour_ = isatty(fd) == 1 && (noColour == nullptr || *noColour == '\0');
+    mColour = isatty(fd) == 1 && (noColour == nullptr || *noColour == '\0');
 }
 
-void Output::Text(std::string_view text) { waiting_ += text; }
+void Output::Text(std::string_view text) { mWaiting += text; }
 
 void Output::Line(std::string_view text)
 {
-    waiting_ += text;
-    waiting_ += '\n';
+    mWaiting += text;
+    mWaiting += '\n';
 }
 
 void Output::Flush()
 {
     size_t done = 0;
-    while (done < waiting_.size()) {
-        pollfd fds[] = {{fd_, POLLOUT, 0}, {stopFd_, POLLIN, 0}};
+    while (done < mWaiting.size()) {
+        pollfd fds[] = {{mFd, POLLOUT, 0}, {mStopFd, POLLIN, 0}};
         if (poll(fds, 2, -1) < 0 && errno == EINTR) continue;
         if (fds[0].revents == 0) throw Stopped{};
 
         // A pipe that is ready takes PIPE_BUF bytes without blocking.
-        size_t count = std::min<size_t>(waiting_.size() - done, PIPE_BUF);
-        ssize_t written = write(fd_, waiting_.data() + done, count);
+        size_t count = std::min<size_t>(mWaiting.size() - done, PIPE_BUF);
+        ssize_t written = write(mFd, mWaiting.data() + done, count);
         if (written >= 0)
             done += static_cast<size_t>(written);
         else if (errno == EPIPE)
@@ -70,7 +70,7 @@ void Output::Flush()
         else if (errno != EINTR && errno != EAGAIN)
             throw Failure(kExitFailed, fmt::format("cannot write the output: {}", std::strerror(errno)));
     }
-    waiting_.clear();
+    mWaiting.clear();
 }
 
 bool Ends::Stopping() const

@@ -11,68 +11,63 @@
 #include <utility>
 
 // A descriptor that is closed with its owner.
-class Fd
-{
+class Fd {
 public:
     Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    Fd(Fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    explicit Fd(int fd) : mFd(fd) {}
+    Fd(Fd &&other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
     Fd &operator=(Fd &&other) noexcept
     {
-        std::swap(fd_, other.fd_);
+        std::swap(mFd, other.mFd);
         return *this;
     }
     ~Fd();
 
-    int Get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
+    int Get() const { return mFd; }
+    explicit operator bool() const { return mFd >= 0; }
 
 private:
-    int fd_ = -1;
+    int mFd = -1;
 };
 
 // Thrown where a program ends without having failed.
-struct OutputClosed {
-}; // nobody reads standard output any more
-struct Stopped {
-}; // SIGINT or SIGTERM
+struct OutputClosed {}; // nobody reads standard output any more
+struct Stopped {};      // SIGINT or SIGTERM
 
 // While it lives, SIGINT and SIGTERM arrive through a descriptor and interrupt nothing.
-class StopSignal
-{
+class StopSignal {
 public:
     StopSignal();
     ~StopSignal();
     StopSignal(const StopSignal &) = delete;
     StopSignal &operator=(const StopSignal &) = delete;
 
-    int Get() const { return fd_.Get(); }
+    int Get() const { return mFd.Get(); }
 
 private:
-    sigset_t before_;
-    Fd fd_;
+    sigset_t mBefore;
+    Fd mFd;
 };
 
 // Lines for a descriptor: kept until Flush, which waits for a slow reader but never past a stop.
-class Output
-{
+class Output {
 public:
     // stopFd, when there is one, is a StopSignal's.
     explicit Output(int fd, int stopFd = -1);
 
-    bool Colour() const { return colour_; } // a terminal, and NO_COLOR is not set
+    bool Colour() const { return mColour; } // a terminal, and NO_COLOR is not set
     void Text(std::string_view text);
     void Line(std::string_view text);
     void Flush(); // throws OutputClosed, Stopped, Failure
 
     // For a poll: ready once the reader has gone.
-    pollfd Watch() const { return {fd_, 0, 0}; }
+    pollfd Watch() const { return {mFd, 0, 0}; }
 
 private:
-    int fd_;
-    int stopFd_;
-    bool colour_;
-    std::string waiting_;
+    int mFd;
+    int mStopFd;
+    bool mColour;
+    std::string mWaiting;
 };
 
 using Clock = std::chrono::steady_clock;

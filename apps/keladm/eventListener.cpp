@@ -13,8 +13,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 constexpr int kBacklog = 128;
 
@@ -28,8 +27,7 @@ Fd NewSocket() { return Fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NON
 // Removes a socket that an earlier receiver left behind; only asking it tells whether one still listens.
 void RemoveStale(const std::string &path, const sockaddr_un &address)
 {
-    struct stat status {
-    };
+    struct stat status {};
     if (lstat(path.c_str(), &status) != 0) return;
     if (!S_ISSOCK(status.st_mode))
         throw Failure(kExitFailed, fmt::format("{}: in the way, and no socket", path));
@@ -58,30 +56,28 @@ ReceivedRecord Decode(std::string bytes, const std::string &trouble)
 } // namespace
 
 EventListener::EventListener(ListenerLimits limits)
-    : limits_(limits), path_(RunDirectoryPath("carad-pling.sock"))
+    : mLimits(limits), mPath(RunDirectoryPath("carad-pling.sock"))
 {
     std::error_code error;
     std::filesystem::create_directories(RunDirectoryPath(""), error);
     if (error) throw Failure(kExitFailed, fmt::format("{}: {}", RunDirectoryPath(""), error.message()));
 
-    sockaddr_un address = SocketAddress(path_);
-    RemoveStale(path_, address);
-    listener_ = NewSocket();
-    struct stat status {
-    };
-    if (bind(listener_.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
-        stat(path_.c_str(), &status) != 0 || listen(listener_.Get(), kBacklog) != 0)
-        Fail(path_, "cannot listen");
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
+    sockaddr_un address = SocketAddress(mPath);
+    RemoveStale(mPath, address);
+    mListener = NewSocket();
+    struct stat status {};
+    if (bind(mListener.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+        stat(mPath.c_str(), &status) != 0 || listen(mListener.Get(), kBacklog) != 0)
+        Fail(mPath, "cannot listen");
+    mDevice = status.st_dev;
+    mInode = status.st_ino;
 }
 
 EventListener::~EventListener()
 {
-    struct stat status {
-    };
-    if (stat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_)
-        unlink(path_.c_str());
+    struct stat status {};
+    if (stat(mPath.c_str(), &status) == 0 && status.st_dev == mDevice && status.st_ino == mInode)
+        unlink(mPath.c_str());
 }
 
 std::vector<ReceivedRecord> EventListener::Wait(Clock::time_point until, std::span<pollfd> others)
@@ -89,13 +85,13 @@ std::vector<ReceivedRecord> EventListener::Wait(Clock::time_point until, std::sp
     std::vector<ReceivedRecord> records;
     for (;;) {
         auto now = Clock::now();
-        bool exhausted = now < acceptAgain_;
-        bool accepting = !exhausted && connections_.size() < limits_.connectionsMax;
-        auto wake = exhausted ? std::min(until, acceptAgain_) : until;
+        bool exhausted = now < mAcceptAgain;
+        bool accepting = !exhausted && mConnections.size() < mLimits.connectionsMax;
+        auto wake = exhausted ? std::min(until, mAcceptAgain) : until;
 
         std::vector<pollfd> fds(others.begin(), others.end());
-        fds.push_back({accepting ? listener_.Get() : -1, POLLIN, 0});
-        for (const Connection &connection : connections_) {
+        fds.push_back({accepting ? mListener.Get() : -1, POLLIN, 0});
+        for (const Connection &connection : mConnections) {
             fds.push_back({connection.fd.Get(), POLLIN, 0});
             wake = std::min(wake, connection.lastHeard + IdleLimit());
         }
@@ -112,12 +108,12 @@ std::vector<ReceivedRecord> EventListener::Wait(Clock::time_point until, std::sp
 
         // Those just accepted stand behind the polled ones and have mostly brought their record along.
         auto idle = IdleLimit();
-        for (auto connection = connections_.begin(); connection != connections_.end();) {
+        for (auto connection = mConnections.begin(); connection != mConnections.end();) {
             bool ready = next == fds.end() || (next++)->revents != 0;
             bool ended = ready && !Read(*connection, now);
             std::string trouble;
-            if (connection->bytes.size() > limits_.bytesMax)
-                trouble = fmt::format("more than {} bytes", limits_.bytesMax);
+            if (connection->bytes.size() > mLimits.bytesMax)
+                trouble = fmt::format("more than {} bytes", mLimits.bytesMax);
             else if (!ended && now - connection->lastHeard >= idle)
                 trouble = "the connection stayed open and silent";
             if (!ended && trouble.empty()) {
@@ -126,7 +122,7 @@ std::vector<ReceivedRecord> EventListener::Wait(Clock::time_point until, std::sp
             }
             if (!connection->bytes.empty())
                 records.push_back(Decode(std::move(connection->bytes), trouble));
-            connection = connections_.erase(connection);
+            connection = mConnections.erase(connection);
         }
         if (!records.empty() || otherReady || now >= until) return records;
     }
@@ -134,21 +130,21 @@ std::vector<ReceivedRecord> EventListener::Wait(Clock::time_point until, std::sp
 
 void EventListener::Accept(Clock::time_point now)
 {
-    while (connections_.size() < limits_.connectionsMax) {
-        Fd fd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    while (mConnections.size() < mLimits.connectionsMax) {
+        Fd fd(accept4(mListener.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!fd) {
             bool exhausted = errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS;
-            if (exhausted) acceptAgain_ = now + std::chrono::milliseconds(100);
+            if (exhausted) mAcceptAgain = now + std::chrono::milliseconds(100);
             return;
         }
-        connections_.push_back({std::move(fd), {}, now});
+        mConnections.push_back({std::move(fd), {}, now});
     }
 }
 
 bool EventListener::Read(Connection &connection, Clock::time_point now)
 {
     char buffer[16 * 1024];
-    while (connection.bytes.size() <= limits_.bytesMax) {
+    while (connection.bytes.size() <= mLimits.bytesMax) {
         ssize_t count = read(connection.fd.Get(), buffer, sizeof buffer);
         if (count == 0) return false;
         if (count < 0) return errno == EAGAIN || errno == EINTR;
@@ -160,5 +156,5 @@ bool EventListener::Read(Connection &connection, Clock::time_point now)
 
 std::chrono::milliseconds EventListener::IdleLimit() const
 {
-    return connections_.size() < limits_.connectionsMax ? limits_.idle : limits_.idleWhenFull;
+    return mConnections.size() < mLimits.connectionsMax ? mLimits.idle : mLimits.idleWhenFull;
 }

@@ -30,8 +30,7 @@ struct ListenerLimits {
     std::chrono::milliseconds idleWhenFull = std::chrono::seconds(1);
 };
 
-class EventListener
-{
+class EventListener {
 public:
     // Listens on carad-pling.sock in the run directory, which is made when missing. A socket that nobody
     // serves any more is replaced. Throws Failure, with kExitNoPeer where a receiver listens already.
@@ -44,7 +43,7 @@ public:
     // A connection that brings nothing at all is nobody's record.
     std::vector<ReceivedRecord> Wait(Clock::time_point until, std::span<pollfd> others);
 
-    const std::string &Path() const { return path_; }
+    const std::string &Path() const { return mPath; }
 
 private:
     struct Connection {
@@ -57,13 +56,13 @@ private:
     bool Read(Connection &connection, Clock::time_point now); // false when it has ended
     std::chrono::milliseconds IdleLimit() const;
 
-    ListenerLimits limits_;
-    std::string path_;
-    Fd listener_;
-    dev_t device_ = 0; // with inode_: which socket is this one's own
-    ino_t inode_ = 0;
-    std::list<Connection> connections_;
-    Clock::time_point acceptAgain_; // out of descriptors: not before then
+    ListenerLimits mLimits;
+    std::string mPath;
+    Fd mListener;
+    dev_t mDevice = 0; // with mInode: which socket is this one's own
+    ino_t mInode = 0;
+    std::list<Connection> mConnections;
+    Clock::time_point mAcceptAgain; // out of descriptors: not before then
 };
 
 #endif

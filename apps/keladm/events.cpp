@@ -11,8 +11,7 @@
 
 using nlohmann::json;
 
-namespace
-{
+namespace {
 
 struct EventsOptions {
     std::string match = "*";
@@ -37,31 +36,36 @@ json ArgumentsJson(const std::vector<CatalogueArgument> &arguments)
     return list;
 }
 
+std::string List(const std::vector<std::string> &texts)
+{
+    return fmt::format("{}", fmt::join(texts, ", "));
+}
+
 // The name, then what there is to say about it, one indented line each.
 std::string Block(const std::string &name,
                   std::initializer_list<std::pair<const char *, std::string>> facts)
 {
     std::string block = name;
     for (const auto &[label, text] : facts)
-        if (!text.empty()) block += fmt::format("\n    {:<12}{}", label, text);
+        if (!text.empty()) block += fmt::format("\n    {:<12}{}", label, Printable(text));
     return block;
 }
 
 std::string Readable(const CatalogueEvent &event)
 {
-    return Block(event.type, {{"text", Printable(event.text)},
+    return Block(event.type, {{"text", event.text},
                               {"arguments", ArgumentsText(event.arguments)},
-                              {"clears", event.clears},
-                              {"cleared by", event.clearedBy},
-                              {"paired on", fmt::format("{}", fmt::join(event.pairedOn, ", "))}});
+                              {"clears", List(event.clears)},
+                              {"paired on", List(event.pairedOn)},
+                              {"cleared by", List(event.clearedBy)}});
 }
 
 std::string Readable(const CatalogueObservation &observation)
 {
     return Block(observation.id, {{"domain", observation.domain},
                                   {"arguments", ArgumentsText(observation.arguments)},
-                                  {"becomes", fmt::format("{}", fmt::join(observation.becomes, ", "))},
-                                  {"note", Printable(observation.note)}});
+                                  {"becomes", List(observation.becomes)},
+                                  {"note", observation.note}});
 }
 
 json ToJson(const CatalogueEvent &event)

@@ -13,8 +13,7 @@
 #include <limits>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 constexpr std::uint64_t kAny = std::numeric_limits<std::uint64_t>::max();
 

@@ -22,8 +22,7 @@
 
 namespace fs = std::filesystem;
 
-namespace
-{
+namespace {
 
 constexpr auto kStartLimit = std::chrono::minutes(1);
 constexpr auto kStopLimit = std::chrono::seconds(60);
@@ -49,34 +48,34 @@ bool IsProgram(const fs::path &path)
 PrivateRunDirectory::PrivateRunDirectory()
 {
     const char *parent = std::getenv("TMPDIR");
-    path_ = fmt::format("{}/keladm-XXXXXX", parent != nullptr && *parent == '/' ? parent : "/tmp");
-    if (path_.size() > KLT_RUN_DIR_BYTES_MAX) path_ = "/tmp/keladm-XXXXXX"; // no room for a socket's name
-    if (mkdtemp(path_.data()) == nullptr)
-        throw Failure(kExitFailed, fmt::format("{}: {}", path_, std::strerror(errno)));
-    if (const char *before = std::getenv(kRunDirVariable)) before_ = before;
-    setenv(kRunDirVariable, path_.c_str(), 1);
+    mPath = fmt::format("{}/keladm-XXXXXX", parent != nullptr && *parent == '/' ? parent : "/tmp");
+    if (mPath.size() > KLT_RUN_DIR_BYTES_MAX) mPath = "/tmp/keladm-XXXXXX"; // no room for a socket's name
+    if (mkdtemp(mPath.data()) == nullptr)
+        throw Failure(kExitFailed, fmt::format("{}: {}", mPath, std::strerror(errno)));
+    if (const char *before = std::getenv(kRunDirVariable)) mBefore = before;
+    setenv(kRunDirVariable, mPath.c_str(), 1);
 }
 
 PrivateRunDirectory::~PrivateRunDirectory()
 {
     std::error_code error;
-    fs::remove_all(path_, error);
-    if (before_)
-        setenv(kRunDirVariable, before_->c_str(), 1);
+    fs::remove_all(mPath, error);
+    if (mBefore)
+        setenv(kRunDirVariable, mBefore->c_str(), 1);
     else
         unsetenv(kRunDirVariable);
 }
 
 DaemonProcess::DaemonProcess(const std::string &program, const std::string &errorFile)
-    : errorFile_(errorFile)
+    : mErrorFile(errorFile)
 {
     Fd errors(open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!errors) throw Failure(kExitFailed, fmt::format("{}: {}", errorFile, std::strerror(errno)));
     pid_t parent = getpid();
-    pid_ = fork();
-    if (pid_ < 0)
+    mPid = fork();
+    if (mPid < 0)
         throw Failure(kExitFailed, fmt::format("cannot start {}: {}", program, std::strerror(errno)));
-    if (pid_ == 0) {
+    if (mPid == 0) {
         // A Ctrl-C is for this program, which then ends the daemon in its own time.
         setpgid(0, 0);
         prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -91,15 +90,15 @@ DaemonProcess::DaemonProcess(const std::string &program, const std::string &erro
         dprintf(STDERR_FILENO, "%s: %s\n", program.c_str(), std::strerror(errno));
         _exit(127);
     }
-    ended_ = Fd(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
+    mEnded = Fd(static_cast<int>(syscall(SYS_pidfd_open, mPid, 0)));
 }
 
 DaemonProcess::~DaemonProcess()
 {
-    if (pid_ < 0) return;
-    kill(pid_, SIGTERM);
+    if (mPid < 0) return;
+    kill(mPid, SIGTERM);
     if (WaitEnd(Clock::now() + kForceAfter)) return;
-    kill(pid_, SIGKILL);
+    kill(mPid, SIGKILL);
     WaitEnd(Clock::time_point::max());
 }
 
@@ -119,24 +118,24 @@ std::optional<std::string> DaemonProcess::Stop()
 {
     bool early = WaitEnd(Clock::now());
     if (!early) {
-        kill(pid_, SIGTERM);
+        kill(mPid, SIGTERM);
         if (!WaitEnd(Clock::now() + kStopLimit)) return "the daemon does not end";
     }
-    if (!early && WIFEXITED(status_) && WEXITSTATUS(status_) == 0) return std::nullopt;
+    if (!early && WIFEXITED(mStatus) && WEXITSTATUS(mStatus) == 0) return std::nullopt;
     return fmt::format("the daemon {}: {}", early ? "ended early" : "ended badly", HowItEnded());
 }
 
 // Without a descriptor that tells, it looks every 20 milliseconds.
 bool DaemonProcess::WaitEnd(Clock::time_point until)
 {
-    while (pid_ >= 0) {
-        if (waitpid(pid_, &status_, WNOHANG) == pid_) {
-            pid_ = -1;
+    while (mPid >= 0) {
+        if (waitpid(mPid, &mStatus, WNOHANG) == mPid) {
+            mPid = -1;
             break;
         }
         if (Clock::now() >= until) return false;
         pollfd fds[] = {Watch()};
-        PollUntil(fds, ended_ ? until : std::min(until, Clock::now() + std::chrono::milliseconds(20)));
+        PollUntil(fds, mEnded ? until : std::min(until, Clock::now() + std::chrono::milliseconds(20)));
     }
     return true;
 }
@@ -144,9 +143,9 @@ bool DaemonProcess::WaitEnd(Clock::time_point until)
 std::string DaemonProcess::HowItEnded() const
 {
     std::stringstream errors;
-    errors << std::ifstream(errorFile_).rdbuf();
-    std::string text = WIFSIGNALED(status_) ? fmt::format("signal {}", WTERMSIG(status_))
-                                            : fmt::format("status {}", WEXITSTATUS(status_));
+    errors << std::ifstream(mErrorFile).rdbuf();
+    std::string text = WIFSIGNALED(mStatus) ? fmt::format("signal {}", WTERMSIG(mStatus))
+                                            : fmt::format("status {}", WEXITSTATUS(mStatus));
     return errors.str().empty() ? text : fmt::format("{}; it wrote:\n{}", text, errors.str());
 }
 

@@ -9,24 +9,22 @@
 #include <sys/types.h>
 
 // A new folder below TMPDIR, or /tmp, which KALTOR_RUN_DIR names while it lives. Throws Failure.
-class PrivateRunDirectory
-{
+class PrivateRunDirectory {
 public:
     PrivateRunDirectory();
     ~PrivateRunDirectory();
     PrivateRunDirectory(const PrivateRunDirectory &) = delete;
     PrivateRunDirectory &operator=(const PrivateRunDirectory &) = delete;
 
-    const std::string &Path() const { return path_; }
+    const std::string &Path() const { return mPath; }
 
 private:
-    std::string path_;
-    std::optional<std::string> before_;
+    std::string mPath;
+    std::optional<std::string> mBefore;
 };
 
 // The daemon as a child process; it never outlives this one.
-class DaemonProcess
-{
+class DaemonProcess {
 public:
     // Starts the program with the present environment; its standard error goes to errorFile. Throws
     // Failure.
@@ -40,7 +38,7 @@ public:
     void WaitReady(const StopSignal &stop);
 
     // For a poll: readable once the daemon has ended.
-    pollfd Watch() const { return {ended_.Get(), POLLIN, 0}; }
+    pollfd Watch() const { return {mEnded.Get(), POLLIN, 0}; }
 
     // Asks it to end, waits, and tells what went wrong: nothing for an orderly end with status 0.
     std::optional<std::string> Stop();
@@ -49,10 +47,10 @@ private:
     bool WaitEnd(Clock::time_point until);
     std::string HowItEnded() const;
 
-    std::string errorFile_;
-    pid_t pid_ = -1; // -1: waited for
-    Fd ended_;
-    int status_ = 0;
+    std::string mErrorFile;
+    pid_t mPid = -1; // -1: waited for
+    Fd mEnded;
+    int mStatus = 0;
 };
 
 // The daemon to start: named, or KELD_DAEMON, or found beside this program, or in PATH. Throws Failure.

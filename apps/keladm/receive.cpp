@@ -13,15 +13,14 @@
 
 using nlohmann::json;
 
-namespace
-{
+namespace {
 
 constexpr size_t kHexBytesShown = 256;
 
 std::optional<std::string> TextOf(const EventRecord &event, const std::optional<Catalogue> &catalogue)
 {
-    auto format = catalogue ? catalogue->TextOf(event) : std::nullopt;
-    return format ? std::optional(EventRecord_Render(event, *format)) : std::nullopt;
+    const CatalogueEvent *entry = catalogue ? catalogue->Find(event.typeId) : nullptr;
+    return entry != nullptr ? std::optional(EventRecord_Render(event, entry->text)) : std::nullopt;
 }
 
 std::string ArgumentList(const EventRecord &event)
@@ -49,42 +48,40 @@ std::string Coloured(const char *code, const std::string &text, bool colour)
 }
 
 // The file of --output: whole lines only. The first that cannot be written is reported, and is the last.
-class EventFile
-{
+class EventFile {
 public:
-    explicit EventFile(const std::string &path) : path_(path)
+    explicit EventFile(const std::string &path) : mPath(path)
     {
         if (path.empty()) return;
-        fd_ = Fd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
-        if (!fd_) throw Failure(kExitFailed, fmt::format("{}: {}", path, std::strerror(errno)));
+        mFd = Fd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+        if (!mFd) throw Failure(kExitFailed, fmt::format("{}: {}", path, std::strerror(errno)));
     }
 
     void Line(const std::string &text)
     {
-        if (!fd_ || failed_) return;
-        struct stat before {
-        };
-        bool regular = fstat(fd_.Get(), &before) == 0 && S_ISREG(before.st_mode);
+        if (!mFd || mFailed) return;
+        struct stat before {};
+        bool regular = fstat(mFd.Get(), &before) == 0 && S_ISREG(before.st_mode);
         std::string line = text + "\n";
         for (size_t done = 0; done < line.size();) {
-            ssize_t written = write(fd_.Get(), line.data() + done, line.size() - done);
+            ssize_t written = write(mFd.Get(), line.data() + done, line.size() - done);
             if (written >= 0) {
                 done += static_cast<size_t>(written);
             } else if (errno != EINTR) {
-                fmt::print(stderr, "{}: {}; nothing more is kept there\n", path_, std::strerror(errno));
-                failed_ = true;
-                if (regular && ftruncate(fd_.Get(), before.st_size) != 0) return; // half a line stays
+                fmt::print(stderr, "{}: {}; nothing more is kept there\n", mPath, std::strerror(errno));
+                mFailed = true;
+                if (regular && ftruncate(mFd.Get(), before.st_size) != 0) return; // half a line stays
                 return;
             }
         }
     }
 
-    bool Failed() const { return failed_; }
+    bool Failed() const { return mFailed; }
 
 private:
-    std::string path_;
-    Fd fd_;
-    bool failed_ = false;
+    std::string mPath;
+    Fd mFd;
+    bool mFailed = false;
 };
 
 struct ReceiveOptions {

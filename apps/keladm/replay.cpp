@@ -18,8 +18,7 @@
 
 using nlohmann::json;
 
-namespace
-{
+namespace {
 
 struct ReplayOptions {
     std::string file;
@@ -51,11 +50,10 @@ struct WaitingEvent {
     }
 };
 
-class Player
-{
+class Player {
 public:
     Player(const ReplayOptions &options, const StopSignal &stop, CheckedHost *host)
-        : options_(options), host_(host), stop_(stop), out_(STDOUT_FILENO, stop.Get())
+        : mOptions(options), mHost(host), mStop(stop), mOut(STDOUT_FILENO, stop.Get())
     {
     }
 
@@ -74,18 +72,18 @@ public:
     // Reports how it went; trouble is what the daemon's end brought. True when all was as expected.
     bool Finish(const std::optional<std::string> &trouble)
     {
-        bool good = failed_ == 0 && !trouble;
-        if (options_.asJson) {
+        bool good = mFailed == 0 && !trouble;
+        if (mOptions.asJson) {
             json line{
-                {"result", good ? "ok" : "failed"}, {"expectations", met_ + failed_}, {"failed", failed_}};
+                {"result", good ? "ok" : "failed"}, {"expectations", mMet + mFailed}, {"failed", mFailed}};
             if (trouble) line["daemon"] = *trouble;
-            out_.Line(JsonLine(line));
-        } else if (host_ != nullptr) {
-            if (trouble) out_.Line("FAILED    " + *trouble);
-            out_.Line(
-                fmt::format("{}: {} of {} expectations met", good ? "ok" : "FAILED", met_, met_ + failed_));
+            mOut.Line(JsonLine(line));
+        } else if (mHost != nullptr) {
+            if (trouble) mOut.Line("FAILED    " + *trouble);
+            mOut.Line(
+                fmt::format("{}: {} of {} expectations met", good ? "ok" : "FAILED", mMet, mMet + mFailed));
         }
-        out_.Flush();
+        mOut.Flush();
         return good;
     }
 
@@ -93,7 +91,7 @@ private:
     void Do(const ScenarioStep &step, const Observation &observation)
     {
         Report(step);
-        sender_.Send(observation);
+        mSender.Send(observation);
     }
 
     void Do(const ScenarioStep &step, const HostChange &change)
@@ -105,7 +103,7 @@ private:
     void Do(const ScenarioStep &step, const PauseAction &pause)
     {
         Report(step);
-        auto duration = std::chrono::duration<double, std::milli>(pause.duration) / options_.speed;
+        auto duration = std::chrono::duration<double, std::milli>(pause.duration) / mOptions.speed;
         WaitUntil(Clock::now() + std::chrono::duration_cast<Clock::duration>(duration));
     }
 
@@ -120,7 +118,7 @@ private:
     void Do(const ScenarioStep &step, const ExpectAction &expect)
     {
         auto until = Clock::now() + expect.within;
-        if (host_ == nullptr) {
+        if (mHost == nullptr) {
             if (expect.none) WaitUntil(until);
         } else if (expect.none) {
             ExpectNone(step, expect, until);
@@ -132,33 +130,33 @@ private:
     void ExpectEvent(const ScenarioStep &step, const ExpectAction &expect, Clock::time_point until)
     {
         auto found = FindEvent(expect);
-        while (found == waiting_.end() && Clock::now() < until) {
+        while (found == mWaiting.end() && Clock::now() < until) {
             WaitSome(until);
             found = FindEvent(expect);
         }
-        if (found == waiting_.end()) {
+        if (found == mWaiting.end()) {
             Result(step, false, fmt::format("did not come within {}", DurationText(expect.within)),
-                   waiting_);
+                   mWaiting);
             return;
         }
         Result(step, true, "", {*found});
-        waiting_.erase(found);
+        mWaiting.erase(found);
     }
 
     void ExpectNone(const ScenarioStep &step, const ExpectAction &expect, Clock::time_point until)
     {
         WaitUntil(until);
         std::vector<WaitingEvent> unwanted;
-        for (auto found = FindEvent(expect); found != waiting_.end(); found = FindEvent(expect)) {
+        for (auto found = FindEvent(expect); found != mWaiting.end(); found = FindEvent(expect)) {
             unwanted.push_back(std::move(*found));
-            waiting_.erase(found);
+            mWaiting.erase(found);
         }
         Result(step, unwanted.empty(), "came all the same", unwanted);
     }
 
     std::vector<WaitingEvent>::iterator FindEvent(const ExpectAction &expect)
     {
-        return std::ranges::find_if(waiting_, [&](const WaitingEvent &event) {
+        return std::ranges::find_if(mWaiting, [&](const WaitingEvent &event) {
             return Meets(expect, event.type, event.arguments);
         });
     }
@@ -172,12 +170,12 @@ private:
     // Waits for events, for the daemon's end or for until, whichever is first.
     void WaitSome(Clock::time_point until)
     {
-        pollfd fds[] = {{stop_.Get(), POLLIN, 0}, {-1, 0, 0}};
-        if (host_ == nullptr) {
+        pollfd fds[] = {{mStop.Get(), POLLIN, 0}, {-1, 0, 0}};
+        if (mHost == nullptr) {
             PollUntil(fds, until);
         } else {
-            fds[1] = host_->daemon.Watch();
-            for (ReceivedRecord &record : host_->listener.Wait(until, fds))
+            fds[1] = mHost->daemon.Watch();
+            for (ReceivedRecord &record : mHost->listener.Wait(until, fds))
                 Keep(record);
         }
         if (fds[0].revents != 0) throw Stopped{};
@@ -187,74 +185,74 @@ private:
     void Keep(const ReceivedRecord &record)
     {
         if (!record.event) {
-            waiting_.push_back({fmt::format("malformed record ({})", record.malformed), {}});
+            mWaiting.push_back({fmt::format("malformed record ({})", record.malformed), {}});
             return;
         }
         WaitingEvent event{record.event->typeId, {}};
         for (const EventArgument &argument : record.event->arguments)
             event.arguments.push_back(argument.ToText());
-        waiting_.push_back(std::move(event));
+        mWaiting.push_back(std::move(event));
     }
 
     // A daemon that has gone leaves nothing to play for.
     void CheckDaemon()
     {
-        if (host_ == nullptr) return;
-        pollfd fds[] = {host_->daemon.Watch()};
+        if (mHost == nullptr) return;
+        pollfd fds[] = {mHost->daemon.Watch()};
         PollUntil(fds, Clock::now());
         if (fds[0].revents == 0) return;
-        throw Failure(kExitFailed, host_->daemon.Stop().value_or("the daemon has ended"));
+        throw Failure(kExitFailed, mHost->daemon.Stop().value_or("the daemon has ended"));
     }
 
     void Report(const ScenarioStep &step)
     {
-        if (options_.asJson)
-            out_.Line(JsonLine({{"line", step.line}, {"after", Elapsed()}, {"action", step.source}}));
+        if (mOptions.asJson)
+            mOut.Line(JsonLine({{"line", step.line}, {"after", Elapsed()}, {"action", step.source}}));
         else
-            out_.Line(fmt::format("{:8.3f}  {}", Elapsed(), step.source));
-        out_.Flush();
+            mOut.Line(fmt::format("{:8.3f}  {}", Elapsed(), step.source));
+        mOut.Flush();
     }
 
     // events: the one that met the expectation, or those that came instead of it.
     void Result(const ScenarioStep &step, bool met, const std::string &what,
                 const std::vector<WaitingEvent> &events)
     {
-        (met ? met_ : failed_)++;
-        if (options_.asJson) {
+        (met ? mMet : mFailed)++;
+        if (mOptions.asJson) {
             json list = json::array();
             for (const WaitingEvent &event : events)
                 list.push_back({{"type", event.type}, {"arguments", event.arguments}});
-            out_.Line(JsonLine({{"line", step.line},
+            mOut.Line(JsonLine({{"line", step.line},
                                 {"after", Elapsed()},
                                 {"action", step.source},
                                 {"result", met ? "met" : "failed"},
                                 {"events", list}}));
         } else if (met) {
-            out_.Line(fmt::format("{:8.3f}  {}", Elapsed(), step.source));
+            mOut.Line(fmt::format("{:8.3f}  {}", Elapsed(), step.source));
         } else {
-            out_.Line(fmt::format("FAILED    line {}: {}\n            {}{}", step.line, step.source, what,
+            mOut.Line(fmt::format("FAILED    line {}: {}\n            {}{}", step.line, step.source, what,
                                   events.empty() ? "; no other event came" : ":"));
             for (const WaitingEvent &event : events)
-                out_.Line("              " + event.ToText());
+                mOut.Line("              " + event.ToText());
         }
-        out_.Flush();
+        mOut.Flush();
     }
 
     double Elapsed() const
     {
-        auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start_);
+        auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - mStart);
         return static_cast<double>(elapsed.count()) / 1000;
     }
 
-    const ReplayOptions &options_;
-    CheckedHost *host_; // null: a host that is there already
-    const StopSignal &stop_;
-    Output out_;
-    Sender sender_;
-    Clock::time_point start_ = Clock::now();
-    std::vector<WaitingEvent> waiting_;
-    unsigned met_ = 0;
-    unsigned failed_ = 0;
+    const ReplayOptions &mOptions;
+    CheckedHost *mHost; // null: a host that is there already
+    const StopSignal &mStop;
+    Output mOut;
+    Sender mSender;
+    Clock::time_point mStart = Clock::now();
+    std::vector<WaitingEvent> mWaiting;
+    unsigned mMet = 0;
+    unsigned mFailed = 0;
 };
 
 std::string ReadAll(const std::string &file)

@@ -8,8 +8,7 @@
 #include <fmt/format.h>
 #include <span>
 
-namespace
-{
+namespace {
 
 constexpr unsigned kRepeatMax = 1000000;
 constexpr size_t kNestingMax = 8;
@@ -207,8 +206,7 @@ Action ReadAction(Words words)
 }
 
 // The lines so far. Blocks that are open stand on a stack; the outermost is the scenario.
-class Builder
-{
+class Builder {
 public:
     void Line(size_t number, std::string_view text)
     {
@@ -221,16 +219,16 @@ public:
             Steps().push_back(std::move(step));
             return;
         }
-        if (open_.size() == kNestingMax)
+        if (mOpen.size() == kNestingMax)
             throw Wrong(fmt::format("more than {} repeats inside each other", kNestingMax));
-        open_.push_back(std::move(step));
+        mOpen.push_back(std::move(step));
     }
 
     std::vector<ScenarioStep> Finish()
     {
-        if (!open_.empty())
-            throw Failure(kExitUsage, fmt::format("line {}: this repeat has no end", open_.back().line));
-        return std::move(steps_);
+        if (!mOpen.empty())
+            throw Failure(kExitUsage, fmt::format("line {}: this repeat has no end", mOpen.back().line));
+        return std::move(mSteps);
     }
 
 private:
@@ -242,20 +240,20 @@ private:
 
     std::vector<ScenarioStep> &Steps()
     {
-        return open_.empty() ? steps_ : std::get<RepeatAction>(open_.back().action).steps;
+        return mOpen.empty() ? mSteps : std::get<RepeatAction>(mOpen.back().action).steps;
     }
 
     void CloseBlock(Words words)
     {
         if (words.size() > 1) throw Wrong("nothing may stand behind end");
-        if (open_.empty()) throw Wrong("an end without its repeat");
-        ScenarioStep block = std::move(open_.back());
-        open_.pop_back();
+        if (mOpen.empty()) throw Wrong("an end without its repeat");
+        ScenarioStep block = std::move(mOpen.back());
+        mOpen.pop_back();
         Steps().push_back(std::move(block));
     }
 
-    std::vector<ScenarioStep> steps_;
-    std::vector<ScenarioStep> open_;
+    std::vector<ScenarioStep> mSteps;
+    std::vector<ScenarioStep> mOpen;
 };
 
 } // namespace

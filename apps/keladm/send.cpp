@@ -14,8 +14,7 @@
 #include <fmt/format.h>
 #include <limits>
 
-namespace
-{
+namespace {
 
 constexpr std::string_view kIdRule = "1 to 127 characters out of A-Z a-z 0-9 . _ -";
 constexpr std::string_view kFormats = "%d %i %u %x %X %o %c %s, with h hh l ll z";
@@ -201,15 +200,15 @@ Observation MakeObservation(int context, const std::string &id, const std::optio
 void Sender::Send(const Observation &observation)
 {
     int context = observation.context;
-    auto found = producers_.find(context);
-    if (found == producers_.end()) {
+    auto found = mProducers.find(context);
+    if (found == mProducers.end()) {
         KelProducer *producer = nullptr;
         int error = KelProducer_Open(context, &producer);
         if (error == ENOENT || error == ECONNREFUSED) throw Failure(kExitNoPeer, NoDaemonText());
         if (error != 0)
             throw Failure(kExitFailed, fmt::format("cannot reach context {} of the daemon in {}: {}",
                                                    context, RunDirectoryPath(""), std::strerror(error)));
-        found = producers_.emplace(context, ProducerPtr(producer, KelProducer_Close)).first;
+        found = mProducers.emplace(context, ProducerPtr(producer, KelProducer_Close)).first;
     }
 
     std::vector<char> record = observation.record;
@@ -221,7 +220,7 @@ void Sender::Send(const Observation &observation)
 
     int error = KelProducer_Send(found->second.get(), record.data(), record.size());
     if (error == 0) return;
-    producers_.erase(found);
+    mProducers.erase(found);
     bool gone = error == EPIPE || error == ECONNREFUSED || error == ECONNRESET || error == ENOENT;
     throw Failure(gone ? kExitNoPeer : kExitFailed,
                   fmt::format("{}: not sent to context {}: {}{}", KelRecord_ID(record.data()), context,
@@ -250,8 +249,8 @@ void AddSendCommand(CLI::App &app, Command *chosen)
     send->add_option("ARG", options->arguments, "One argument for each conversion; (null) is a null text");
     send->footer(R"(
 Without a format, decimal and 0x numbers are sent as the narrowest of %d %u %ld %lu
-that holds them, and everything else as %s. Write -- before an argument that begins
-with a dash.
+that holds them, and everything else as %s. Write -- before the first argument when one
+of them begins with a dash and a letter.
 
 Examples:
   keladm send kel.net.vmnic.linkstate.down vmnic0

@@ -48,15 +48,14 @@ Observation MakeObservation(int context, const std::string &id, const std::optio
                             std::span<const ArgumentWord> words);
 
 // Keeps the connection to each context that was used.
-class Sender
-{
+class Sender {
 public:
     // Stamps a copy with the present time and sends it. Throws Failure.
     void Send(const Observation &observation);
 
 private:
     using ProducerPtr = std::unique_ptr<KelProducer, decltype(&KelProducer_Close)>;
-    std::map<int, ProducerPtr> producers_;
+    std::map<int, ProducerPtr> mProducers;
 };
 
 #endif

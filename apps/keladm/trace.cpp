@@ -15,8 +15,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 bool IsDigits(std::string_view text)
 {
@@ -24,40 +23,39 @@ bool IsDigits(std::string_view text)
 }
 
 // Takes the fields of a line one by one.
-class FieldReader
-{
+class FieldReader {
 public:
-    explicit FieldReader(std::string_view line) : rest_(line) {}
+    explicit FieldReader(std::string_view line) : mRest(line) {}
 
-    bool AtEnd() const { return ended_; }
+    bool AtEnd() const { return mEnded; }
 
     [[noreturn]] void Fail(const std::string &what) const
     {
-        throw Failure(kExitFailed, fmt::format("field {}: {}", field_, what));
+        throw Failure(kExitFailed, fmt::format("field {}: {}", mField, what));
     }
 
     std::string_view Plain()
     {
         StartField();
-        std::string_view text = rest_.substr(0, rest_.find(','));
-        rest_.remove_prefix(text.size());
+        std::string_view text = mRest.substr(0, mRest.find(','));
+        mRest.remove_prefix(text.size());
         EndField();
         return text;
     }
 
     TraceArgument Argument()
     {
-        if (!rest_.starts_with('"')) return PlainArgument();
+        if (!mRest.starts_with('"')) return PlainArgument();
         StartField();
         TraceArgument argument{TraceArgument::Text, ""};
         for (size_t i = 1;; i++) {
-            if (i >= rest_.size()) Fail("a text that does not end");
-            if (rest_[i] == '"' && (i + 1 >= rest_.size() || rest_[i + 1] != '"')) {
-                rest_.remove_prefix(i + 1);
+            if (i >= mRest.size()) Fail("a text that does not end");
+            if (mRest[i] == '"' && (i + 1 >= mRest.size() || mRest[i + 1] != '"')) {
+                mRest.remove_prefix(i + 1);
                 break;
             }
-            if (rest_[i] == '"') i++;
-            argument.text += rest_[i];
+            if (mRest[i] == '"') i++;
+            argument.text += mRest[i];
         }
         EndField();
         return argument;
@@ -66,15 +64,15 @@ public:
 private:
     void StartField()
     {
-        field_++;
-        if (ended_) Fail("missing");
+        mField++;
+        if (mEnded) Fail("missing");
     }
 
     void EndField()
     {
-        ended_ = rest_.empty();
-        if (!ended_ && rest_[0] != ',') Fail("more behind a text's closing quote");
-        if (!ended_) rest_.remove_prefix(1);
+        mEnded = mRest.empty();
+        if (!mEnded && mRest[0] != ',') Fail("more behind a text's closing quote");
+        if (!mEnded) mRest.remove_prefix(1);
     }
 
     TraceArgument PlainArgument()
@@ -91,9 +89,9 @@ private:
         return {TraceArgument::Integer, text};
     }
 
-    std::string_view rest_;
-    size_t field_ = 0;
-    bool ended_ = false;
+    std::string_view mRest;
+    size_t mField = 0;
+    bool mEnded = false;
 };
 
 std::string ArgumentText(const TraceArgument &argument)
@@ -246,20 +244,20 @@ TraceLine ParseTraceLine(std::string_view text)
     return line;
 }
 
-void TraceSplitter::Append(std::string_view bytes) { waiting_ += bytes; }
+void TraceSplitter::Append(std::string_view bytes) { mWaiting += bytes; }
 
 std::optional<std::string> TraceSplitter::Next()
 {
-    for (; looked_ < waiting_.size(); looked_++) {
-        char c = waiting_[looked_];
+    for (; mLooked < mWaiting.size(); mLooked++) {
+        char c = mWaiting[mLooked];
         // A doubled quote ends a text and starts it again.
-        if (c == '"') inText_ = !inText_;
-        if ((c != '\n' || inText_) && looked_ < kLineBytesMax) continue;
+        if (c == '"') mInText = !mInText;
+        if ((c != '\n' || mInText) && mLooked < kLineBytesMax) continue;
 
-        std::string line = waiting_.substr(0, looked_);
-        waiting_.erase(0, c == '\n' ? looked_ + 1 : looked_);
-        looked_ = 0;
-        inText_ = false;
+        std::string line = mWaiting.substr(0, mLooked);
+        mWaiting.erase(0, c == '\n' ? mLooked + 1 : mLooked);
+        mLooked = 0;
+        mInText = false;
         return line;
     }
     return std::nullopt;

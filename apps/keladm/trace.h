@@ -33,8 +33,7 @@ struct TraceLine {
 TraceLine ParseTraceLine(std::string_view line);
 
 // Cuts what comes from the socket into lines, without their newlines, minding those inside texts.
-class TraceSplitter
-{
+class TraceSplitter {
 public:
     void Append(std::string_view bytes);
 
@@ -45,9 +44,9 @@ public:
     static constexpr size_t kLineBytesMax = 1024 * 1024;
 
 private:
-    std::string waiting_;
-    size_t looked_ = 0; // of waiting_, and how far into a text that is
-    bool inText_ = false;
+    std::string mWaiting;
+    size_t mLooked = 0; // of mWaiting, and how far into a text that is
+    bool mInText = false;
 };
 
 #endif

@@ -21,8 +21,7 @@
 #include <new>
 #include <pthread.h>
 
-namespace
-{
+namespace {
 
 void *AgentTrampoline(void *argument);
 void RunEntry(KeldAgentEntry entry);
@@ -110,6 +109,23 @@ int KeldAgentInit(const std::string &name, const std::vector<std::string> &domai
     return code;
 }
 
+void KeldAgentRun(const std::string &name, const std::vector<std::string> &domains,
+                  const std::vector<std::string> &exactIds, const std::function<void(KeldAgent *)> &loop)
+{
+    struct Cleanup {
+        void operator()(KeldAgent *agent) const { KeldAgentCleanup(&agent); }
+    };
+    KeldAgent *agent = nullptr;
+    if (KeldAgentInit(name, domains, exactIds, &agent) != 0) return;
+    std::unique_ptr<KeldAgent, Cleanup> owner(agent);
+    try {
+        loop(agent);
+    } catch (abi::__forced_unwind &) {
+        delete owner.release();
+        throw;
+    }
+}
+
 void KeldAgentCleanup(KeldAgent **agent)
 {
     if (*agent == nullptr) return;
@@ -158,8 +174,7 @@ __attribute__((noinline)) int KeldAgentPoll(pollfd *fds, nfds_t count)
     return ready;
 }
 
-namespace
-{
+namespace {
 
 void *AgentTrampoline(void *argument)
 {

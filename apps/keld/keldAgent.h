@@ -4,6 +4,7 @@
 
 #include "keldDispatch.h"
 
+#include <functional>
 #include <memory>
 #include <poll.h>
 #include <string>
@@ -49,26 +50,9 @@ int KeldAgentWaitForKel(KeldAgent *agent, Kel **kel);
 // poll() without a time-out: the only place where an agent can be cancelled.
 int KeldAgentPoll(pollfd *fds, nfds_t count);
 
-// Owns an agent for the time that its loop runs.
-class KeldAgentOwner
-{
-public:
-    explicit KeldAgentOwner(KeldAgent *agent) : mAgent(agent) {}
-    ~KeldAgentOwner() { KeldAgentCleanup(&mAgent); }
-    KeldAgentOwner(const KeldAgentOwner &) = delete;
-    KeldAgentOwner &operator=(const KeldAgentOwner &) = delete;
-
-    KeldAgent *Get() const { return mAgent; }
-
-    // For a cancelled agent: its stream stays registered, as the main thread may be writing to it.
-    void LetGo()
-    {
-        delete mAgent;
-        mAgent = nullptr;
-    }
-
-private:
-    KeldAgent *mAgent;
-};
+// Sets an agent up, runs its loop and cleans up behind it; does nothing when it cannot be set up. A
+// cancelled agent's stream stays registered, as the main thread may be writing to it.
+void KeldAgentRun(const std::string &name, const std::vector<std::string> &domains,
+                  const std::vector<std::string> &exactIds, const std::function<void(KeldAgent *)> &loop);
 
 #endif

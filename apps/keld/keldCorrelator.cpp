@@ -9,10 +9,8 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <cxxabi.h>
 
-namespace
-{
+namespace {
 
 constexpr int kExtraFdsMax = 4; // beside the agent's own pipe
 
@@ -30,29 +28,13 @@ void CorrelateInCopy(KeldHandler defaultHandler, const KeldCorrelatorTable &tabl
     KeldCorrelate(defaultHandler, copy, owned.get());
 }
 
-// Runs the loop of an agent that is set up; cancelled, its stream stays where it is.
-template <class Loop>
-void RunAgent(const char *domainName, const std::vector<std::string> &domains,
-              const std::vector<std::string> &exactIds, Loop loop)
-{
-    KeldAgent *agent = nullptr;
-    if (KeldAgentInit(AgentName(domainName), domains, exactIds, &agent) != 0) return;
-    KeldAgentOwner owner(agent);
-    try {
-        loop(agent);
-    } catch (abi::__forced_unwind &) {
-        owner.LetGo();
-        throw;
-    }
-}
-
 } // namespace
 
 void KeldCorrelatorRun(const char *domainName, const std::vector<std::string> &domains,
                        const std::vector<std::string> &exactIds, KeldHandler defaultHandler,
                        const KeldCorrelatorTable &table)
 {
-    RunAgent(domainName, domains, exactIds, [&](KeldAgent *agent) {
+    KeldAgentRun(AgentName(domainName), domains, exactIds, [&](KeldAgent *agent) {
         Kel *kel = nullptr;
         while (KeldAgentWaitForKel(agent, &kel) == 0)
             CorrelateInCopy(defaultHandler, table, kel);
@@ -68,7 +50,7 @@ void KeldCorrelatorRun(const char *domainName, const char *domain, KeldHandler d
 void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHandler defaultHandler,
                               const KeldCorrelatorTable &table, void (*wake)(), const int *fds, int fdCount)
 {
-    RunAgent(domainName, {domain}, {}, [&](KeldAgent *agent) {
+    KeldAgentRun(AgentName(domainName), {domain}, {}, [&](KeldAgent *agent) {
         std::array<pollfd, 1 + kExtraFdsMax> set{};
         const auto used = static_cast<std::size_t>(1 + std::min(fdCount, kExtraFdsMax));
         for (;;) {

@@ -18,8 +18,10 @@
 #include "keldDomains.h"
 #include "keldDispatch.h"
 #include "keldLog.h"
+#include "keldLogger.h"
 #include "keldPling.h"
 #include "keldSignal.h"
+#include "keldTestCorrelator.h"
 #include "keldTrace.h"
 
 #include <kltlibs/kif.h>
@@ -144,7 +146,10 @@ int Daemon::Start(bool asyncEnable, bool optionalAgents)
     if ((error = KeldDispatchInit()) != 0) return error;
     for (const KeldCorrelatorEntry &correlator : keldCorrelators)
         KeldAgentStart(correlator.start);
-    (void)optionalAgents;
+    if (optionalAgents) {
+        KeldAgentStart(KeldLogger_Start);
+        KeldAgentStart(KeldCorrelator_StartTest);
+    }
     if (!KeldRecordBufferInit(&mBuffer)) {
         KeldLog("Error allocating space for kel buffer. Out of memory\n");
         return 12;

@@ -3,6 +3,7 @@
 #define KELD_OWN_H
 
 #include <kltlibs/kel.h>
+#include <kltlibs/kif.h>
 
 #include <cstdlib>
 #include <memory>
@@ -51,5 +52,10 @@ struct KelDeleter {
     void operator()(Kel *kel) const { Kel_Free(kel); }
 };
 using KelPtr = std::unique_ptr<Kel, KelDeleter>;
+
+struct KifParamListDeleter {
+    void operator()(KifParamList *list) const { KIF_ParamListDestroy(list); }
+};
+using KifParamListPtr = std::unique_ptr<KifParamList, KifParamListDeleter>;
 
 #endif

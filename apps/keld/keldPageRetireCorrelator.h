@@ -5,7 +5,11 @@
 struct KeldDomain;
 extern const KeldDomain keldPageRetireDomain;
 
-// The agent's entry; returns when the agent ends.
+// The agent's entry: reads the settings and runs; returns when the agent ends.
 void KeldCorrelator_StartPageRetire();
+
+// Reads the threshold of selected pages and its interval, once, before the first observation. Panics
+// when the kernel does not tell.
+void KeldPageRetireReadSettings();
 
 #endif

@@ -249,6 +249,7 @@ struct KeldRowOptions {
     // Logged when the read fails: one message for a read in one call, given the observation ID and
     // the status; one for each indexed argument, given the status, or the first argument and it.
     std::array<const char *, 3> failed{};
+    bool unreadToo = false; // posted also when the read fails, with null texts and zeros
 };
 
 struct Translation {
@@ -413,7 +414,7 @@ void LogFailedRead(const Translation &row, const Kel *kel, std::size_t failedAt,
 
 // One body for each argument signature; all rows of a signature share it.
 template <KeldArguments::By kBy, class... Ts, std::size_t... kShown>
-void ReadAndPost(Kel *kel, const Translation &row, std::index_sequence<kShown...>)
+bool ReadAndPost(Kel *kel, const Translation &row, std::index_sequence<kShown...>)
 {
     std::tuple<Ts...> values{};
     std::size_t failedAt = 0;
@@ -421,24 +422,28 @@ void ReadAndPost(Kel *kel, const Translation &row, std::index_sequence<kShown...
         [&](auto &...value) { return Read<kBy>(kel, row.arguments, &failedAt, &value...); }, values);
     if (status != 0) {
         LogFailedRead(row, kel, failedAt, status);
-        return;
+        if (!row.options.unreadToo) return false;
     }
     KeldPostEvent(0, row.event.cls, row.event.format, Shown(std::get<kShown>(values))...);
+    return true;
 }
 
-// The plain handler of one row: a tail call into the body of its signature.
-template <const auto &kRows, std::size_t kIndex> void Handle(Kel *kel)
+// One row: a tail call into the body of its signature. False when the read failed.
+template <const auto &kRows, std::size_t kIndex> bool Translate(Kel *kel)
 {
-    [kel]<std::size_t... kArg, std::size_t... kPlace>(std::index_sequence<kArg...>,
-                                                      std::index_sequence<kPlace...>)
+    return [kel]<std::size_t... kArg, std::size_t... kPlace>(std::index_sequence<kArg...>,
+                                                             std::index_sequence<kPlace...>)
     {
-        ReadAndPost<kRows[kIndex].arguments.by,
-                    typename KeldArgOf<kRows[kIndex].arguments.shape.at[kArg]>::Type...>(
+        return ReadAndPost<kRows[kIndex].arguments.by,
+                           typename KeldArgOf<kRows[kIndex].arguments.shape.at[kArg]>::Type...>(
             kel, kRows[kIndex], std::index_sequence<kRows[kIndex].shows[kPlace]...>{});
     }
     (std::make_index_sequence<kRows[kIndex].arguments.shape.count>{},
      std::make_index_sequence<kRows[kIndex].event.shape.count>{});
 }
+
+// The plain handler of one row.
+template <const auto &kRows, std::size_t kIndex> void Handle(Kel *kel) { Translate<kRows, kIndex>(kel); }
 
 template <const auto &kRows>
 inline constexpr auto kHandlers = []<std::size_t... kIndex>(std::index_sequence<kIndex...>)
@@ -463,6 +468,12 @@ template <const KeldArguments &kArguments, class... Ts> int KeldRead(const Kel *
         "the destinations do not fit the conversions");
     std::size_t failedAt = 0;
     return KeldRow::Read<kArguments.by>(kel, kArguments, &failedAt, destinations...);
+}
+
+// Does what a row says, from a handler that decides when: false when the read failed.
+template <const auto &kRows, std::size_t kIndex> bool KeldTranslate(Kel *kel)
+{
+    return KeldRow::Translate<kRows, kIndex>(kel);
 }
 
 // Posts an event from a handler: KeldPost<kLinkStateDown>(nic).
@@ -512,7 +523,8 @@ KeldCorrelatorTable KeldDomainTable(const KeldDomain &domain);
 // Builds the table and runs the common loop: all that a correlator without set-up of its own starts.
 void KeldDomainRun(const KeldDomain &domain);
 
-template <std::size_t N> consteval bool DistinctUnder(const Translation (&rows)[N], std::string_view prefix)
+template <class Row, std::size_t N>
+consteval bool DistinctUnder(const Row (&rows)[N], std::string_view prefix)
 {
     for (std::size_t i = 0; i < N; ++i) {
         if (!std::string_view(rows[i].id).starts_with(prefix)) return false;

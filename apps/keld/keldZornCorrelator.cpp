@@ -1,3 +1,10 @@
+// Distributed storage.
+//
+// Arrives    what the distributed-storage service observes of its cluster.
+// Remembers  nothing.
+// Posts      nothing yet: the agent is there so that the domain has its place and its subscription.
+// Time       none.
+
 #include "keldZornCorrelator.h"
 
 #include "keldTranslation.h"

@@ -10,17 +10,16 @@
 #include <poll.h>
 #include <stdexcept>
 #include <string_view>
-#include <sys/pidfd.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 // The descriptors of the daemon's side, as its environment names them.
 constexpr int kLogFd = 3;
@@ -35,7 +34,7 @@ std::vector<std::string> Environment(const DaemonProgram &program, const std::ve
     for (char **entry = environ; *entry != nullptr; ++entry) {
         const std::string_view text = *entry;
         if (text.starts_with("ASAN_OPTIONS="))
-            sanitizer += ":" + std::string(text.substr(text.find('=') + 1));
+            sanitizer.append(":").append(text.substr(text.find('=') + 1));
         else
             all.emplace_back(text);
     }
@@ -101,7 +100,7 @@ Daemon::Daemon(const DaemonProgram &program, const std::vector<std::string> &arg
     }
     close(clock[1]);
     mClockFd = clock[0];
-    mPidFd = pidfd_open(mPid, 0);
+    mPidFd = static_cast<int>(syscall(SYS_pidfd_open, mPid, 0)); // the library's has no C linkage here
     if (mPidFd < 0) Fail("pidfd_open");
 }
 

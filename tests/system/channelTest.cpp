@@ -164,7 +164,7 @@ struct Damage {
 void Put(RecordBytes &record, std::size_t offset, std::uint64_t value, std::size_t size = 4)
 {
     for (std::size_t i = 0; i < size; ++i, value >>= 8)
-        record[offset + i] = static_cast<std::byte>(value & 0xFF);
+        record.at(offset + i) = static_cast<std::byte>(value & 0xFF);
 }
 
 auto Word(std::size_t offset, std::uint32_t value)

@@ -25,7 +25,7 @@ TEST_F(ApdTest, WhatCannotBeReadIsDroppedWithoutAMessage)
 {
     Observe(MakeKel("kel.storage.apd.timeout", "%s", "naa.6000eb3a"));
     Observe(MakeKel("kel.storage.apd.start", "%d", 7));
-    Observe(MakeKel("kel.storage.apd.exit", "%s", nullptr));
+    Observe(MakeKel("kel.storage.apd.exit", "%s", static_cast<const char *>(nullptr)));
     EXPECT_THAT(Events(), IsEmpty());
     EXPECT_THAT(LogLines(), IsEmpty());
 }

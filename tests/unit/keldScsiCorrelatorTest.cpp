@@ -418,7 +418,7 @@ TEST_F(ScsiTest, ArgumentsThatCannotBeReadAreLoggedAndPostNothing)
     Observe(MakeKel("kel.scsi.device.thinprov.atquota", "%d", 1));
     Observe(MakeKel("kel.scsi.scsipath.limitreached", "%s %s", "many", kPath));
     Observe(MakeKel("kel.scsi.device.limitreached", "%d", 512));
-    Observe(MakeKel("kel.scsi.device.nmp.satp.option.failed", "%s %s", "enable_local", nullptr));
+    Observe(MakeKel("kel.scsi.device.nmp.satp.option.failed", "%s %s", "enable_local", static_cast<const char *>(nullptr)));
     Observe(MakeKel("kel.scsi.scsipath.badpath.unreachpe", " "));
     Observe(MakeKel("kel.scsi.scsipath.badpath.unreachpe", "%s", kPath));
     Observe(MakeKel("kel.scsi.device.latency.raised", "%s %u", kDevice, 7U));
@@ -442,7 +442,7 @@ TEST_F(ScsiTest, PathStatesAndResetsThatCannotBeReadAreDroppedSilently)
     SettleCounters();
     for (int i = 0; i < 12; ++i) {
         Observe(MakeKel("kel.scsi.scsipath.pathstate.dead", "%s", kPath));
-        Observe(MakeKel("kel.scsi.scsipath.pathstate.on", "%s %s", kPath, nullptr));
+        Observe(MakeKel("kel.scsi.scsipath.pathstate.on", "%s %s", kPath, static_cast<const char *>(nullptr)));
         Observe(MakeKel("kel.scsi.scsipath.por", "%d", 1));
     }
     EXPECT_THAT(Events(), IsEmpty());

@@ -12,8 +12,7 @@
 #include <memory>
 #include <new>
 
-namespace
-{
+namespace {
 
 constexpr std::size_t kHeaderBytes = 68, kTrailerBytes = 4;
 constexpr std::size_t kOffsetKernelWord = 8, kOffsetIdentity = 16, kOffsetZero = 54, kOffsetTotal = 56,

@@ -6,30 +6,29 @@
 #include <unistd.h>
 #include <utility>
 
-class UniqueFd
-{
+class UniqueFd {
 public:
     UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    explicit UniqueFd(int fd) : mFd(fd) {}
+    UniqueFd(UniqueFd &&other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
     UniqueFd &operator=(UniqueFd &&other) noexcept
     {
-        Reset(std::exchange(other.fd_, -1));
+        Reset(std::exchange(other.mFd, -1));
         return *this;
     }
     ~UniqueFd() { Reset(); }
 
-    int Get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    int Release() { return std::exchange(fd_, -1); }
+    int Get() const { return mFd; }
+    explicit operator bool() const { return mFd >= 0; }
+    int Release() { return std::exchange(mFd, -1); }
     void Reset(int fd = -1)
     {
-        if (fd_ >= 0) close(fd_);
-        fd_ = fd;
+        if (mFd >= 0) close(mFd);
+        mFd = fd;
     }
 
 private:
-    int fd_ = -1;
+    int mFd = -1;
 };
 
 // Makes a directory of mode 0755, and those above it, when missing: 0 or an errno value.

@@ -15,11 +15,9 @@
 #include <memory>
 #include <sys/stat.h>
 
-namespace HostInventory
-{
+namespace HostInventory {
 
-namespace
-{
+namespace {
 
 // Behind its "%" comes no escape, so that List passes over a file that is still being written.
 constexpr char kNewFile[] = "%new-XXXXXX";

@@ -16,8 +16,7 @@ struct Kel {
     char *record; // malloc'ed, owned
 };
 
-namespace
-{
+namespace {
 
 // What a conversion of a reading format writes.
 enum class Destination : std::uint8_t { Invalid, Text, Bits8, Bits16, Bits32, Bits64 };

@@ -32,8 +32,7 @@ struct KelLibHandle {
     std::string path;
 };
 
-namespace
-{
+namespace {
 
 constexpr int kContexts = KELLIB_ASYNC_CONTEXTS + 1;
 static_assert(KELLIB_USER_CONTEXT == kContexts - 1, "the user-level context follows the asynchronous ones");
@@ -45,35 +44,34 @@ constexpr int kDropsPerReadMax = 4096;
 
 // The diagnostic lines of one channel: ten in a window that opens with its first line, the number of
 // those held back with the first line behind it.
-class DropLog
-{
+class DropLog {
 public:
     void Write(const char *channel, std::size_t bytes, const char *reason)
     {
         constexpr std::uint64_t windowSeconds = 60;
         constexpr std::uint32_t linesMax = 10;
         const std::uint64_t now = KTime_MonotonicSeconds();
-        if (!windowStart_ || now - *windowStart_ >= windowSeconds) {
-            windowStart_ = now;
-            lines_ = 0;
+        if (!mWindowStart || now - *mWindowStart >= windowSeconds) {
+            mWindowStart = now;
+            mLines = 0;
         }
-        if (lines_ == linesMax) {
-            ++suppressed_;
+        if (mLines == linesMax) {
+            ++mSuppressed;
             return;
         }
-        ++lines_;
-        if (suppressed_ == 0)
+        ++mLines;
+        if (mSuppressed == 0)
             KltDiagnose("%s: dropped %zu bytes: %s", channel, bytes, reason);
         else
             KltDiagnose("%s: dropped %zu bytes: %s (%llu more suppressed)", channel, bytes, reason,
-                        suppressed_);
-        suppressed_ = 0;
+                        mSuppressed);
+        mSuppressed = 0;
     }
 
 private:
-    std::optional<std::uint64_t> windowStart_;
-    std::uint32_t lines_ = 0;
-    unsigned long long suppressed_ = 0;
+    std::optional<std::uint64_t> mWindowStart;
+    std::uint32_t mLines = 0;
+    unsigned long long mSuppressed = 0;
 };
 
 // What this process has of the run directory; main thread only.

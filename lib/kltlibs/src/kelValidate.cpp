@@ -9,8 +9,7 @@
 #include <cstdint>
 #include <cstring>
 
-namespace
-{
+namespace {
 
 constexpr std::uint32_t kOffsetId = KELRECORD_HEADER_BYTES;
 constexpr std::uint32_t kOffsetMagic = 8, kOffsetMessage = 20, kOffsetArea = 24, kOffsetIdLength = 28;

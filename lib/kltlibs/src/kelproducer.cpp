@@ -4,6 +4,7 @@
 #include "kelproducer.h"
 
 #include "kelId.h"
+#include "kelproducerRecord.h"
 #include "kltlibs/kelrecord.h"
 #include "kltlibs/msgfmt.h"
 #include "kltlibs/rundir.h"
@@ -21,8 +22,7 @@ struct KelProducer {
     int fd;
 };
 
-namespace
-{
+namespace {
 
 constexpr size_t kEmitBytes = 2048; // nearly every observation; the others take memory from the heap
 
@@ -64,39 +64,49 @@ int EmitVA(KelProducer *producer, void *buffer, size_t size, const char *id, con
 
 } // namespace
 
-int KelRecord_BuildVA(void *buffer, size_t size, size_t *length, uint64_t timestamp, const char *id,
-                      const char *format, va_list args)
+int KelRecord_Start(void *buffer, size_t size, const char *id, const char *format, KelRecordShape *shape)
 {
     const size_t idChars = strnlen(id, KELRECORD_ID_CHARS_MAX + 1);
     if (idChars == 0 || idChars > KELRECORD_ID_CHARS_MAX || KelId_Span(id, idChars) != idChars)
         return EINVAL;
-    if (const int error = CheckFormat(format); error != 0) return error;
     if (size > KELPRODUCER_RECORD_BYTES_MAX) size = KELPRODUCER_RECORD_BYTES_MAX;
-
-    const size_t messageBytes = strlen(format) + 1;
     const size_t message = KELRECORD_HEADER_BYTES + idChars + 1;
+    const size_t messageBytes = strlen(format) + 1;
     if (size < message || size - message < messageBytes) return ENOSPC;
-    const size_t area = message + messageBytes;
-    char *record = static_cast<char *>(buffer);
+
+    *shape = {static_cast<char *>(buffer), size, message + messageBytes};
+    memcpy(shape->record + KELRECORD_HEADER_BYTES, id, idChars + 1);
+    memcpy(shape->record + message, format, messageBytes);
+    PutWord(shape->record, 20, message);
+    PutWord(shape->record, 24, shape->area);
+    PutWord(shape->record, 28, idChars + 1);
+    return 0;
+}
+
+size_t KelRecord_Finish(const KelRecordShape &shape, uint64_t timestamp, size_t count, size_t areaBytes)
+{
+    if (timestamp == KELPRODUCER_NOW) timestamp = Now();
+    memcpy(shape.record, &timestamp, sizeof timestamp);
+    memcpy(shape.record + 8, "KEL1", 4);
+    PutWord(shape.record, 12, count);
+    PutWord(shape.record, 16, shape.area + areaBytes);
+    return shape.area + areaBytes;
+}
+
+int KelRecord_BuildVA(void *buffer, size_t size, size_t *length, uint64_t timestamp, const char *id,
+                      const char *format, va_list args)
+{
+    if (const int error = CheckFormat(format); error != 0) return error;
+    KelRecordShape shape;
+    if (const int error = KelRecord_Start(buffer, size, id, format, &shape); error != 0) return error;
+    char *area = shape.record + shape.area;
     size_t areaBytes;
     uint32_t count;
-    if (const int error =
-            MsgFmt_GetArgsWithBuf(format, args, record + area, size - area, &areaBytes, &count);
-        error != 0)
-        return error;
-    MsgFmt_SwizzleArgs(record + area, count);
-
-    if (timestamp == KELPRODUCER_NOW) timestamp = Now();
-    *length = area + areaBytes;
-    memcpy(record, &timestamp, sizeof timestamp);
-    memcpy(record + 8, "KEL1", 4);
-    PutWord(record, 12, count);
-    PutWord(record, 16, *length);
-    PutWord(record, 20, message);
-    PutWord(record, 24, area);
-    PutWord(record, 28, idChars + 1);
-    memcpy(record + KELRECORD_HEADER_BYTES, id, idChars + 1);
-    memcpy(record + message, format, messageBytes);
+    const int error =
+        MsgFmt_GetArgsWithBuf(format, args, area, shape.size - shape.area, &areaBytes, &count);
+    if (error != 0) return error;
+    MsgFmt_SwizzleArgs(area, count);
+    *length = KelRecord_Finish(shape, timestamp, count, areaBytes);
     return 0;
 }
 

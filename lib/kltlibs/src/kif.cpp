@@ -19,8 +19,7 @@ struct KifParamList {
     std::vector<std::variant<std::string, std::int64_t>> values;
 };
 
-namespace
-{
+namespace {
 
 using HostInventory::Path;
 

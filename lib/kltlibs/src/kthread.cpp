@@ -5,8 +5,7 @@
 #include <cstring>
 #include <pthread.h>
 
-namespace
-{
+namespace {
 
 constexpr std::size_t kKernelNameBytes = 16; // with its NUL
 

@@ -2,8 +2,7 @@
 
 #include <chrono>
 
-namespace
-{
+namespace {
 
 // The last whole second that the clock's own type, nanoseconds in 64 bits, can hold.
 constexpr std::uint64_t kWaitSecondsMax = INT64_MAX / 1'000'000'000;

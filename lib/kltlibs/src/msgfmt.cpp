@@ -14,8 +14,7 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "entries lie in memory 
 static_assert(sizeof(long) == sizeof(long long) && sizeof(size_t) == sizeof(long long),
               "l, ll and z conversions take the same 64 bits");
 
-namespace
-{
+namespace {
 
 // One conversion cannot ask for more than 99999 characters: a text from outside must not make the
 // host allocate gigabytes.

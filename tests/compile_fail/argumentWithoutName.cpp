@@ -1,0 +1,5 @@
+// Refused: RowError_NamesDoNotFitArguments
+// Every argument has a name for the catalogue.
+#include "keldTranslation.h"
+
+constexpr KeldArguments kNameless = Args("component:%p, %p");

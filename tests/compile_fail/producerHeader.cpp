@@ -1,0 +1,3 @@
+// Refused: kelproducer.h
+// The daemon is no producer.
+#include <kelproducer.h>

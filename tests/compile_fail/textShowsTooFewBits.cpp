@@ -1,0 +1,6 @@
+// Refused: RowError_TextDoesNotFitArguments
+// 64 bits read and 32 shown.
+#include "keldTranslation.h"
+
+constexpr Translation kRow{"kel.scsi.latency", Args("microseconds:%lu"),
+                           "@&!*@*@(nox.problem.scsi.latency)Latency is %u microseconds."};

@@ -1,0 +1,7 @@
+// Refused: RowError_TextDoesNotFitArguments
+// A text with a placeholder more than there are arguments.
+#include "keldTranslation.h"
+
+constexpr Translation kRow{
+    "kel.dsfs.volume.umounted", Args("fileSystem:%p"),
+    "@&!*@*@(nox.audit.dsfs.volume.umounted)File system %s on volume %s is un-mounted."};
