@@ -16,8 +16,7 @@
 #include <map>
 #include <string>
 
-namespace
-{
+namespace {
 
 void KeldClockCorrelator_Sync(Kel *kel);
 void KeldClockCorrelator_CorrectionDelta(Kel *kel);

@@ -9,8 +9,7 @@
 
 #include "keldTranslation.h"
 
-namespace
-{
+namespace {
 
 // Of an NVDIMM: its handle, shown in hexadecimal, and its name; then what has reached a limit.
 constexpr KeldArguments kNone = Indexed("");

@@ -9,8 +9,7 @@
 
 #include "keldTranslation.h"
 
-namespace
-{
+namespace {
 
 // clang-format off
 constexpr Translation kRows[] = {

@@ -14,8 +14,7 @@
 #include <map>
 #include <string>
 
-namespace
-{
+namespace {
 
 constexpr KeldArguments kNone = Args("");
 constexpr KeldArguments kUser = Args("user:%p");

@@ -17,8 +17,7 @@
 #include <string>
 #include <string_view>
 
-namespace
-{
+namespace {
 
 constexpr std::uint64_t kReportPeriodSeconds = 36000;
 constexpr std::int32_t kLevelEnforcing = 1;
