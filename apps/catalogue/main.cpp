@@ -133,7 +133,8 @@ private:
 
     std::vector<ordered_json>::iterator Find(const std::string &type)
     {
-        return std::ranges::find_if(mEvents, [&](const ordered_json &event) { return event["type"] == type; });
+        return std::ranges::find_if(mEvents,
+                                    [&](const ordered_json &event) { return event["type"] == type; });
     }
 
     ordered_json &EventOf(const std::string &type)

@@ -157,9 +157,10 @@ std::string RecordLine(const ReceivedRecord &record, const std::optional<Catalog
     std::string eventClass = EventClassOf(event.typeId);
     const char *code = eventClass == "problem" ? "31" : eventClass == "clear" ? "32" : "36";
     auto text = TextOf(event, catalogue);
-    return fmt::format("{} {} {}  {}", LocalTime(event.timestamp),
+    std::string detail = text ? Printable(*text) : ArgumentList(event);
+    return fmt::format("{} {} {}{}{}", LocalTime(event.timestamp),
                        Coloured(code, fmt::format("{:<7}", eventClass), colour), Printable(event.typeId),
-                       text ? Printable(*text) : ArgumentList(event));
+                       detail.empty() ? "" : "  ", detail);
 }
 
 json RecordJson(const ReceivedRecord &record, const std::optional<Catalogue> &catalogue)

@@ -325,8 +325,8 @@ starts, and nothing is left behind; the daemon is KELD_DAEMON, or keld beside ke
 ../keld or ../sbin, or in PATH.
 
 Examples:
-  keladm replay scenarios/uplink-loss.scenario
-  keladm replay --check scenarios/uplink-loss.scenario
+  keladm replay scenarios/uplink-failure.kel
+  keladm replay --check scenarios/uplink-failure.kel
   keladm replay --speed 10 -)");
     replay->callback([options, chosen] { *chosen = [options] { return Replay(*options); }; });
 }

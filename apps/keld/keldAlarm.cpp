@@ -8,8 +8,7 @@
 #include <condition_variable>
 #include <pthread.h>
 
-namespace
-{
+namespace {
 
 constexpr int kAlarmsMax = 16;
 

@@ -9,8 +9,7 @@
 
 #include "keldTranslation.h"
 
-namespace
-{
+namespace {
 
 constexpr KeldArguments kIdentifier = Indexed("identifier:%p");
 

@@ -15,8 +15,7 @@
 #include <pthread.h>
 #include <string_view>
 
-namespace
-{
+namespace {
 
 // The stream lock is a plain mutex whose failures are the panics below; it guards the list, and the
 // descriptors of every stream while a batch is dispatched.
@@ -27,16 +26,14 @@ struct Streams {
 Streams &streams = *new Streams; // agents that were cancelled leave theirs behind
 
 // KEPT: the text is errno's, not that of the call's own result.
-class StreamLock
-{
+class StreamLock {
 public:
     StreamLock()
     {
         if (pthread_mutex_lock(&streams.lock) != 0)
             Panic("Failed to acquire stream lock: %s\n", std::strerror(errno));
     }
-    struct Adopt {
-    };
+    struct Adopt {};
     explicit StreamLock(Adopt) {}
     ~StreamLock()
     {
@@ -94,8 +91,7 @@ bool KeldSubscriptionMatches(const KeldSubscription &subscription, const char *i
     return false;
 }
 
-namespace
-{
+namespace {
 
 // 0, an errno value, or ECANCELED when the exit flag was set while the pipe was full. Never leaves half
 // a record behind.
@@ -202,8 +198,7 @@ int KeldStreamReadKel(KeldStream *stream, Kel **kel, bool *complete)
     return 0;
 }
 
-namespace
-{
+namespace {
 
 // One read of exactly what is wanted: 0 when all of it came, EAGAIN when less did, or an errno value.
 int ReadWanted(KeldStream *stream)

@@ -12,8 +12,7 @@
 
 #include "keldTranslation.h"
 
-namespace
-{
+namespace {
 
 constexpr KeldArguments kReport = Args("component:%p, link:%p, message:%p");
 

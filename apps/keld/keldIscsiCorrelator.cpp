@@ -10,8 +10,7 @@
 
 #include "keldTranslation.h"
 
-namespace
-{
+namespace {
 
 constexpr KeldArguments kTarget = Args("target:%p, adapter:%p");
 constexpr KeldArguments kTargetLogin = Args("target:%p, adapter:%p, loginStatus:%u");

@@ -15,8 +15,7 @@
 #include <ctime>
 #include <syslog.h>
 
-namespace
-{
+namespace {
 
 constexpr std::size_t kPrefixBytes = 32;
 constexpr char kPanicPrefix[] = "Keld - Panic: ";

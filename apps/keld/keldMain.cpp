@@ -15,8 +15,8 @@
 #include "keldAgent.h"
 #include "keldAlarm.h"
 #include "keldChannel.h"
-#include "keldDomains.h"
 #include "keldDispatch.h"
+#include "keldDomains.h"
 #include "keldLog.h"
 #include "keldLogger.h"
 #include "keldPling.h"
@@ -34,8 +34,7 @@
 #include <memory>
 #include <new>
 
-namespace
-{
+namespace {
 
 // The poll table: the channels, the trace listener, the producers' connections.
 constexpr std::size_t kUserSlot = KELLIB_USER_CONTEXT;
@@ -63,8 +62,7 @@ struct PollTable {
     void Append(int fd) { slots[used++] = {.fd = fd, .events = POLLIN, .revents = 0}; }
 };
 
-class Daemon
-{
+class Daemon {
 public:
     int Start(bool asyncEnable, bool optionalAgents); // 0, or the exit code
     int Loop();                                       // the exit code
@@ -97,8 +95,7 @@ int KeldMain(int argc, char **argv, bool optionalAgents)
     return code;
 }
 
-namespace
-{
+namespace {
 
 // True when observations of asynchronous contexts are to be switched on. KEPT: every other option,
 // known or not, prints the usage and ends well.

@@ -12,8 +12,7 @@
 #define GUARDED_BY(mutex) KELD_ANNOTATE(guarded_by(mutex))
 #define REQUIRES(mutex) KELD_ANNOTATE(requires_capability(mutex))
 
-class KELD_ANNOTATE(capability("mutex")) KeldMutex
-{
+class KELD_ANNOTATE(capability("mutex")) KeldMutex {
 public:
     void lock() KELD_ANNOTATE(acquire_capability()) { mMutex.lock(); }
     void unlock() KELD_ANNOTATE(release_capability()) { mMutex.unlock(); }
@@ -23,8 +22,7 @@ private:
     std::mutex mMutex;
 };
 
-class KELD_ANNOTATE(scoped_lockable) KeldLock
-{
+class KELD_ANNOTATE(scoped_lockable) KeldLock {
 public:
     explicit KeldLock(KeldMutex &mutex) KELD_ANNOTATE(acquire_capability(mutex)) : mLock(mutex.mMutex) {}
     ~KeldLock() KELD_ANNOTATE(release_capability()) {}

@@ -11,8 +11,7 @@
 #include "keldTranslation.h"
 #include "keldUplink.h"
 
-namespace
-{
+namespace {
 
 // clang-format off
 constexpr Translation kRows[] = {

@@ -10,8 +10,7 @@
 #include <unistd.h>
 #include <utility>
 
-class UniqueFd
-{
+class UniqueFd {
 public:
     UniqueFd() = default;
     explicit UniqueFd(int fd) : mFd(fd) {}

@@ -19,8 +19,7 @@
 #include <exception>
 #include <map>
 
-namespace
-{
+namespace {
 
 constexpr char kModule[] = "apps/keld/keldPageRetireCorrelator";
 

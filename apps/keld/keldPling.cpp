@@ -36,8 +36,7 @@
 #include <sys/un.h>
 #include <vector>
 
-namespace
-{
+namespace {
 
 constexpr std::size_t kIdentityAt = 16;
 constexpr std::size_t kIdentityBytes = 38;
@@ -136,8 +135,7 @@ void Keld_PostProblem(const char *suffix, const char *format, ...)
     va_end(args);
 }
 
-namespace
-{
+namespace {
 
 void Build(int defer, const char *prefix, const char *remainder, const char *format, va_list args)
 {
@@ -251,8 +249,7 @@ int KeldPlingSend(const void *record, std::size_t length)
     return 0;
 }
 
-namespace
-{
+namespace {
 
 // Tries again while the receiver is busy, for as long as the daemon runs.
 int Connect(int fd)

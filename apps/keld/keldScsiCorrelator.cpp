@@ -24,8 +24,7 @@
 #include <set>
 #include <string>
 
-namespace
-{
+namespace {
 
 // ---- Path states and resets -----------------------------------------------------------------------
 
@@ -67,8 +66,7 @@ constexpr const char *kDatastoresUnknown = "Unknown";
 enum class Change { Happened, Added, Removed };
 
 // How often each path was heard of lately.
-class FrequencyCounter
-{
+class FrequencyCounter {
 public:
     // Counts one change. True when it makes them frequent: for the tenth alone, so that a path is
     // reported at most once between two resets.

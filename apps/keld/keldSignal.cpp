@@ -5,8 +5,7 @@
 #include <csignal>
 #include <pthread.h>
 
-namespace
-{
+namespace {
 
 constexpr int kSignals[] = {SIGTERM, SIGINT, SIGPIPE};
 
@@ -40,8 +39,7 @@ bool TakePendingSignal()
 
 int KeldSignalInit()
 {
-    struct sigaction action {
-    };
+    struct sigaction action {};
     action.sa_handler = HandleSignal;
     sigemptyset(&action.sa_mask);
     sigset_t ours;

@@ -38,8 +38,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace
-{
+namespace {
 
 constexpr std::size_t kHistoryBytesMax = 131072;
 constexpr std::size_t kWaitingBytesMax = std::size_t{16} << 20;

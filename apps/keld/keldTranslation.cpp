@@ -1,7 +1,6 @@
 #include "keldTranslation.h"
 
-namespace KeldRow
-{
+namespace KeldRow {
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral" // proved when the row was built

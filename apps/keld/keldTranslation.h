@@ -342,8 +342,7 @@ template <> struct KeldArgOf<'U'> {
     using Type = std::uint64_t;
 };
 
-namespace KeldRow
-{
+namespace KeldRow {
 
 inline int ReadAt(const Kel *kel, int index, const char **out) { return Kel_GetStringArg(kel, index, out); }
 inline int ReadAt(const Kel *kel, int index, std::int32_t *out) { return Kel_GetIntArg(kel, index, out); }

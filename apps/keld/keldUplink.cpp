@@ -25,8 +25,7 @@
 #include <string_view>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 constexpr std::uint32_t kTransitionDelaySeconds = 2;
 constexpr std::uint32_t kLinkStateDelaySeconds = 1;

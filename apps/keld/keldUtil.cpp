@@ -13,8 +13,7 @@
 #include <memory>
 #include <string_view>
 
-namespace
-{
+namespace {
 
 constexpr std::string_view kVolumes = "/dsfs/volumes/";
 

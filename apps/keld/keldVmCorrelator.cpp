@@ -12,8 +12,7 @@
 
 #include "keldTranslation.h"
 
-namespace
-{
+namespace {
 
 constexpr KeldRowOptions kUnreadToo{.unreadToo = true};
 

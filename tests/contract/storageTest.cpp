@@ -12,8 +12,7 @@
 using NodeAdm::Lib::NodeAdmException;
 using testing::ElementsAre;
 
-class StorageContract : public testing::Test
-{
+class StorageContract : public testing::Test {
 protected:
     RunDir runDir;
     const std::unique_ptr<NodeAdm::Host> host = NodeAdm::HostFactory::GetHost();

@@ -9,8 +9,7 @@
 #include <string>
 #include <utility>
 
-namespace
-{
+namespace {
 
 // An observation with numbers, texts and a null text to read.
 Kel *MakeObservation()

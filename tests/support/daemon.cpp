@@ -56,15 +56,18 @@ std::vector<char *> Pointers(std::vector<std::string> &texts)
     return pointers;
 }
 
-bool Accepts(const char *name)
+// True when somebody has the socket bound, and not only left it behind. Asked with a socket of another
+// kind, so that whoever listens is not disturbed.
+bool IsBound(const char *name)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (KltRunDir_Path(name, address.sun_path, sizeof address.sun_path) != 0) return false;
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool accepts = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int result = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    const bool bound = result != 0 && errno == EPROTOTYPE;
     close(fd);
-    return accepts;
+    return bound;
 }
 
 } // namespace
@@ -116,9 +119,9 @@ Daemon::~Daemon()
 // The trace socket is the last that the daemon opens.
 bool Daemon::WaitUntilReady()
 {
-    bool accepts = false;
-    WaitUntil([&] { return (accepts = Accepts("keld-trace.sock")) || !IsRunning(); });
-    return accepts;
+    bool bound = false;
+    WaitUntil([&] { return (bound = IsBound("keld-trace.sock")) || !IsRunning(); });
+    return bound;
 }
 
 int Daemon::Terminate(int signal, std::chrono::milliseconds limit)

@@ -27,8 +27,7 @@ inline const DaemonProgram kHandClockDaemon{KELD_HANDCLOCK_BINARY, ""}; // obeys
 //
 // A daemon that still runs at the end is told to stop, and must then exit with status 0. It is also
 // killed when the test process dies. One thread only. Throws std::runtime_error when it cannot start.
-class Daemon
-{
+class Daemon {
 public:
     explicit Daemon(const DaemonProgram &program, const std::vector<std::string> &arguments = {},
                     const std::vector<std::string> &environment = {});
@@ -36,8 +35,8 @@ public:
     Daemon(const Daemon &) = delete;
     Daemon &operator=(const Daemon &) = delete;
 
-    // Waits until every channel and the trace socket take connections; false when the daemon has ended
-    // or has not got there within the limit. Records may be sent from then on.
+    // Waits until every channel takes records and connections, without making one; false when the daemon
+    // has ended or has not got there within the limit.
     bool WaitUntilReady();
 
     // Sends the signal and waits: the exit status, or 128 and the signal that ended it. A daemon that

@@ -12,8 +12,7 @@
 #include <system_error>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 using Bytes = std::vector<std::byte>;
 

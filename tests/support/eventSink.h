@@ -17,8 +17,7 @@ std::string ToText(const EventRecord &event);
 // backlog until it is fetched.
 //
 // A record that does not decode fails the test. One thread only.
-class EventSink
-{
+class EventSink {
 public:
     // Room for as many connections as nobody has fetched; the system may give less (4096 ordinarily).
     static constexpr int kBacklog = 4096;

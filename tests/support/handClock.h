@@ -15,8 +15,7 @@
 //
 // Any thread may read and wait. One thread moves it, holding none of the waiters' mutexes. A thread
 // that has waited once is expected to come back and wait again, as an alarm thread does.
-class HandClock : public KTimeSource
-{
+class HandClock : public KTimeSource {
 public:
     static constexpr std::uint64_t kStart = 1772366400; // 2026-03-01 12:00:00 UTC
 

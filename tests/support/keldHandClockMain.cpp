@@ -11,8 +11,7 @@
 #include <keldMain.h>
 #include <thread>
 
-namespace
-{
+namespace {
 
 void ObeyCommands(HandClock &clock, int fd)
 {

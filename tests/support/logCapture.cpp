@@ -7,8 +7,7 @@
 #include <sys/mman.h>
 #include <system_error>
 
-namespace
-{
+namespace {
 
 constexpr std::string_view kTimeShape = "0000-00-00T00:00:00.000Z: ";
 

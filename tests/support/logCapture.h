@@ -9,8 +9,7 @@
 #include <vector>
 
 // Text that grows in a file without a name, which other threads and child processes write.
-class CapturedText
-{
+class CapturedText {
 public:
     CapturedText();
     ~CapturedText();
@@ -28,8 +27,7 @@ private:
 
 // Lines of the diagnostic log. Where a program is linked with this, what it gives to vsyslog arrives
 // at the capture that was made last, and nowhere when there is none. Any thread may log.
-class LogCapture
-{
+class LogCapture {
 public:
     // For this process; or for a child process, to which the caller hands Fd() in KELD_LOG_FD.
     enum class Of { ThisProcess, Child };

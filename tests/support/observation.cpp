@@ -15,8 +15,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace
-{
+namespace {
 
 constexpr int kSendBufferBytes = 4 << 20;
 

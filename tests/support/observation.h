@@ -30,8 +30,7 @@ void Send(int context, const char *id, const char *format, ...) __attribute__((f
 
 // A producer at the level of the socket, for what no well-behaved one does. Connects in its
 // constructor. One thread at a time.
-class RawProducer
-{
+class RawProducer {
 public:
     explicit RawProducer(int context);
     ~RawProducer();

@@ -8,8 +8,7 @@
 #include <system_error>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 // A socket's path has 108 bytes, of which the run directory may take 80.
 constexpr std::size_t kBaseBytesMax = 60;

@@ -11,8 +11,7 @@
 //
 // Make it before the first thread starts: it changes the environment. One at a time. Throws
 // std::runtime_error when the directory cannot be made.
-class RunDir
-{
+class RunDir {
 public:
     RunDir();
     ~RunDir();

@@ -14,8 +14,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-namespace VsyslogShim
-{
+namespace VsyslogShim {
 
 constexpr int kFromEnvironment = -2;
 

@@ -5,8 +5,7 @@
 #include <functional>
 #include <sys/socket.h>
 
-namespace
-{
+namespace {
 
 // Uses processor time of this process, as much as somebody who spins would get meanwhile.
 void UseProcessorTime(std::chrono::milliseconds amount)
@@ -21,8 +20,7 @@ void UseProcessorTime(std::chrono::milliseconds amount)
         continue;
 }
 
-class ChannelTest : public SystemTest
-{
+class ChannelTest : public SystemTest {
 protected:
     void SetUp() override { Start(kShippedDaemon); }
 
@@ -115,6 +113,7 @@ TEST_F(ChannelTest, NinthProducerIsClosedAtOnce)
 
 TEST_F(ChannelTest, ProducersThatSendAndLeaveAreHeard)
 {
+    Settle();
     const std::size_t descriptors = daemon->DescriptorCount();
     for (int i = 0; i < 50; ++i) {
         SendReport(kUser, "farewell");

@@ -4,13 +4,11 @@
 
 #include <cstring>
 
-namespace
-{
+namespace {
 
 constexpr std::uint64_t kRetrySeconds = 180;
 
-class EventDeliveryTest : public SystemTest
-{
+class EventDeliveryTest : public SystemTest {
 protected:
     void SetUp() override
     {
@@ -28,8 +26,7 @@ protected:
     }
 };
 
-class Bytes
-{
+class Bytes {
 public:
     Bytes &Word(std::uint64_t value, std::size_t size)
     {

@@ -3,12 +3,10 @@
 
 #include <gtest/gtest.h>
 
-namespace
-{
+namespace {
 
 // An alarm thread in its simplest form.
-class HandClockTest : public testing::Test
-{
+class HandClockTest : public testing::Test {
 protected:
     void SetUp() override
     {

@@ -8,11 +8,9 @@
 #include <thread>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
-class ProcessTest : public SystemTest
-{
+class ProcessTest : public SystemTest {
 protected:
     bool NothingOpened() const
     {
@@ -132,8 +130,7 @@ TEST_F(ProcessTest, ObservationsSentTheMomentTheSocketsAppearAreHandled)
 
 enum class Receiver { Reads, AcceptsWithoutReading, IsFull, IsAway };
 
-class StopTest : public ProcessTest, public testing::WithParamInterface<Receiver>
-{
+class StopTest : public ProcessTest, public testing::WithParamInterface<Receiver> {
 protected:
     void SetUp() override
     {
@@ -146,7 +143,7 @@ protected:
     void Flood()
     {
         for (const int context : {2, 13, kUser})
-            threads.emplace_back([context] {
+            threads.emplace_back([this, context] {
                 RecordBytes batch;
                 for (int i = 0; i < 40; ++i) {
                     const RecordBytes record = Report("controller battery low");
@@ -154,7 +151,7 @@ protected:
                 }
                 RawProducer producer(context);
                 while (producer.Send(batch) == 0)
-                    continue;
+                    ++batchesSent;
             });
         if (GetParam() == Receiver::Reads || GetParam() == Receiver::AcceptsWithoutReading)
             threads.emplace_back([this] {
@@ -179,10 +176,12 @@ protected:
             thread.join();
         threads.clear();
         stopped = false;
+        batchesSent = 0;
     }
 
     std::vector<std::thread> threads;
     std::atomic<bool> stopped = false;
+    std::atomic<int> batchesSent = 0;
 };
 
 TEST_P(StopTest, UnderFullLoadEndsWithStatusZero)
@@ -190,10 +189,7 @@ TEST_P(StopTest, UnderFullLoadEndsWithStatusZero)
     for (int round = 0; round < 13; ++round) {
         Start(kShippedDaemon);
         Flood();
-        // A full receiver holds the very first event: its observation's line and its own are all there is.
-        const int lines = GetParam() == Receiver::IsFull ? 1 + round % 2 : 3 + round;
-        EXPECT_TRUE(
-            daemon->Log().WaitForLines("[GenericCorrelator] ", static_cast<std::size_t>(lines)));
+        EXPECT_TRUE(WaitUntil([&] { return batchesSent > 3 * round; })); // ever deeper into it
         const int status = daemon->Terminate(round % 2 == 0 ? SIGTERM : SIGINT);
         EXPECT_EQ(0, status) << daemon->Output();
         EndFlood();

@@ -17,8 +17,7 @@ using Texts = std::vector<std::string>;
 
 constexpr int kUser = KELPRODUCER_USER_CONTEXT;
 
-class SystemTest : public testing::Test
-{
+class SystemTest : public testing::Test {
 protected:
     void Start(const DaemonProgram &program, const Texts &arguments = {})
     {

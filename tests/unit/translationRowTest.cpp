@@ -93,8 +93,8 @@ TEST_F(TranslationRowTest, NumberThatDoesNotFitIsNotPosted)
 
 TEST_F(TranslationRowTest, UuidIsNineArgumentsAndOneText)
 {
-    Observe(MakeKel("kel.row.uuid", "%s %x-%x-%x-%x%x%x%x%x%x %s", "datastore1", 0xfU,
-                    0xffffffffU, 0xabU, 0U, 1U, 0x10U, 0x7fU, 0x80U, 0xffU, "ro"));
+    Observe(MakeKel("kel.row.uuid", "%s %x-%x-%x-%x%x%x%x%x%x %s", "datastore1", 0xfU, 0xffffffffU, 0xabU,
+                    0U, 1U, 0x10U, 0x7fU, 0x80U, 0xffU, "ro"));
     EXPECT_THAT(Events(),
                 ElementsAre("nox.problem.row.uuid(0000000f-ffffffff-00ab-0001107f80ff, datastore1, ro)"));
 }

@@ -42,8 +42,8 @@ int KelRecord_BuildVA(void *buffer, size_t size, size_t *length, uint64_t timest
 
 /* One argument that is known only at run time. */
 typedef struct KelProducerArg {
-    uint32_t type;      /* the packed area's code: 1 and 3 signed and unsigned 32 bits, 2 and 4 64, 6 text */
-    uint64_t integer;   /* of a signed one: extended to 64 bits */
+    uint32_t type;    /* the packed area's code: 1 and 3 signed and unsigned 32 bits, 2 and 4 64, 6 text */
+    uint64_t integer; /* of a signed one: extended to 64 bits */
     const char *string; /* of a text: null is allowed */
 } KelProducerArg;
 

@@ -15,8 +15,7 @@
 #include <string_view>
 #include <vector>
 
-namespace HostInventory
-{
+namespace HostInventory {
 
 using Path = std::vector<std::string>;
 

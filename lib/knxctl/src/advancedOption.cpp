@@ -5,8 +5,7 @@
 
 #include <utility>
 
-namespace KnxCtl::Adv
-{
+namespace KnxCtl::Adv {
 
 AdvancedIntegerOptionImpl::AdvancedIntegerOptionImpl(std::vector<std::string> path, std::string name)
     : mPath(std::move(path))

@@ -7,11 +7,9 @@
 #include <limits>
 #include <utility>
 
-namespace NodeAdm
-{
+namespace NodeAdm {
 
-namespace
-{
+namespace {
 
 using HostInventory::Path;
 using KnxCtl::Fail;
@@ -22,8 +20,7 @@ Path DevicePath(const std::string &device, const char *entry)
     return {"storage", "devices", device, entry};
 }
 
-template <class Kind> class InventoryLun : public Kind
-{
+template <class Kind> class InventoryLun : public Kind {
 public:
     explicit InventoryLun(std::string name) : mName(std::move(name)) {}
 
@@ -41,8 +38,7 @@ protected:
     const std::string mName;
 };
 
-class InventoryDiskLun : public InventoryLun<Storage::DiskLun>
-{
+class InventoryDiskLun : public InventoryLun<Storage::DiskLun> {
 public:
     using InventoryLun::InventoryLun;
 
@@ -62,8 +58,7 @@ public:
     }
 };
 
-class InventoryStorageInfo : public Storage::StorageInfo
-{
+class InventoryStorageInfo : public Storage::StorageInfo {
 public:
     std::string GetDeviceNameOfPath(const std::string &path) const override
     {
@@ -91,8 +86,7 @@ public:
     }
 };
 
-class InventoryHost : public Host
-{
+class InventoryHost : public Host {
 public:
     std::unique_ptr<Storage::StorageInfo> GetStorageInfo() const override
     {

@@ -4,8 +4,7 @@
 
 #include <memory>
 
-namespace NodeAdm
-{
+namespace NodeAdm {
 
 class Host;
 std::unique_ptr<Host> MakeInventoryHost();

@@ -9,8 +9,7 @@
 #include <string>
 #include <system_error>
 
-namespace KnxCtl
-{
+namespace KnxCtl {
 
 [[noreturn]] inline void Fail(const std::string &what, int error)
 {

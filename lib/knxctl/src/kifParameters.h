@@ -7,8 +7,7 @@
 #include <memory>
 #include <string>
 
-class KifParameters
-{
+class KifParameters {
 public:
     void Add(const std::string &text) { Add(KIF_ParamListAddString, text.c_str()); }
     void Add(std::int64_t value) { Add(KIF_ParamListAddInt, value); }

@@ -5,8 +5,7 @@
 #include <hostInventory.h>
 #include <optional>
 
-namespace NodeAdm::Network
-{
+namespace NodeAdm::Network {
 
 std::unique_ptr<PortGroup> NetworkFactory::GetPortGroupByName(const std::string &name)
 {

@@ -7,8 +7,7 @@
 #include <optional>
 #include <utility>
 
-namespace KnxCtl::Resource
-{
+namespace KnxCtl::Resource {
 
 VirtualMachine::VirtualMachine(std::uint32_t worldId, std::string name)
     : mWorldId(worldId), mName(std::move(name))

@@ -4,14 +4,11 @@
 
 #include <utility>
 
-namespace KnxCtl::Storage
-{
+namespace KnxCtl::Storage {
 
-namespace
-{
+namespace {
 
-class InventoryFileSystem : public FileSystem
-{
+class InventoryFileSystem : public FileSystem {
 public:
     explicit InventoryFileSystem(std::string entry) : mEntry(std::move(entry)) {}
 

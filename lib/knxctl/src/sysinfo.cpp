@@ -2,8 +2,7 @@
 
 #include "kifParameters.h"
 
-namespace KnxCtl::Util
-{
+namespace KnxCtl::Util {
 
 Sysinfo::Sysinfo(KifNode node)
     : mNode(node), mInstance(std::make_unique<KifParameters>()), mInput(std::make_unique<KifParameters>())

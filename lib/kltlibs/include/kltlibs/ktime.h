@@ -12,8 +12,7 @@
 #include <sys/time.h>
 #include <time.h>
 
-class KTimeSource
-{
+class KTimeSource {
 public:
     virtual ~KTimeSource() = default;
     virtual int GetTimeOfDay(timeval *now) = 0; // 0, or -1 with errno

@@ -6,12 +6,10 @@
 #include <string>
 #include <vector>
 
-namespace KnxCtl::Adv
-{
+namespace KnxCtl::Adv {
 
 // One integer option: AdvancedIntegerOptionImpl({"Net"}, "LinkFlappingThreshold").
-class AdvancedIntegerOptionImpl
-{
+class AdvancedIntegerOptionImpl {
 public:
     AdvancedIntegerOptionImpl(std::vector<std::string> path, std::string name);
 

@@ -10,12 +10,10 @@
 #include <string>
 #include <vector>
 
-namespace NodeAdm::Storage
-{
+namespace NodeAdm::Storage {
 
 // A storage device.
-class Lun
-{
+class Lun {
 public:
     virtual ~Lun() = default;
     virtual std::string GetName() const = 0;
@@ -25,15 +23,13 @@ public:
 };
 
 // A device that can carry partitions.
-class DiskLun : public Lun
-{
+class DiskLun : public Lun {
 public:
     // Ascending.
     virtual std::vector<std::int32_t> GetPartitions() const = 0;
 };
 
-class StorageInfo
-{
+class StorageInfo {
 public:
     virtual ~StorageInfo() = default;
 
@@ -51,18 +47,15 @@ public:
 
 } // namespace NodeAdm::Storage
 
-namespace NodeAdm
-{
+namespace NodeAdm {
 
-class Host
-{
+class Host {
 public:
     virtual ~Host() = default;
     virtual std::unique_ptr<Storage::StorageInfo> GetStorageInfo() const = 0;
 };
 
-class HostFactory
-{
+class HostFactory {
 public:
     static std::unique_ptr<Host> GetHost();
 };

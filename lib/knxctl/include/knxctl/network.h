@@ -6,11 +6,9 @@
 #include <string>
 #include <utility>
 
-namespace NodeAdm::Network
-{
+namespace NodeAdm::Network {
 
-class PortGroup
-{
+class PortGroup {
 public:
     explicit PortGroup(std::string virtualSwitchName) : mVirtualSwitchName(std::move(virtualSwitchName)) {}
 
@@ -21,8 +19,7 @@ private:
     std::string mVirtualSwitchName;
 };
 
-class NetworkFactory
-{
+class NetworkFactory {
 public:
     // The port group as it is now; never null. Throws NodeAdm::Lib::NodeAdmException when the host has
     // none of that name. Any thread.

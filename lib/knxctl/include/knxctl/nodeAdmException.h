@@ -20,6 +20,6 @@ private:
     std::string mDetailedMessage;
 };
 
-}  // namespace NodeAdm::Lib
+} // namespace NodeAdm::Lib
 
 #endif

@@ -6,11 +6,9 @@
 #include <memory>
 #include <string>
 
-namespace KnxCtl::Resource
-{
+namespace KnxCtl::Resource {
 
-class VirtualMachine
-{
+class VirtualMachine {
 public:
     VirtualMachine(std::uint32_t worldId, std::string name);
 
@@ -25,8 +23,7 @@ private:
     std::string mName;
 };
 
-class ResourceInfoImpl
-{
+class ResourceInfoImpl {
 public:
     // The virtual machine as it is now; never null. Throws NodeAdm::Lib::NodeAdmException when none of
     // that world ID runs. Any thread.

@@ -6,13 +6,11 @@
 #include <string>
 #include <vector>
 
-namespace KnxCtl::Storage
-{
+namespace KnxCtl::Storage {
 
 // A mounted file system, by the two names that appear under "/dsfs/volumes/". Both throw
 // NodeAdm::Lib::NodeAdmException when the file system cannot report.
-class FileSystem
-{
+class FileSystem {
 public:
     virtual ~FileSystem() = default;
     virtual std::string GetUuid() const = 0;
@@ -20,8 +18,7 @@ public:
 };
 
 // Any thread; asks the host at every call.
-class StorageInfoImpl
-{
+class StorageInfoImpl {
 public:
     // Never null inside; empty when nothing is mounted. Throws NodeAdm::Lib::NodeAdmException.
     std::vector<std::unique_ptr<FileSystem>> GetFileSystems() const;

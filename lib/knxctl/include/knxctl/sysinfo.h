@@ -9,12 +9,10 @@
 
 class KifParameters;
 
-namespace KnxCtl::Util
-{
+namespace KnxCtl::Util {
 
 // One access to a node: name the instance, give the input, set it.
-class Sysinfo
-{
+class Sysinfo {
 public:
     explicit Sysinfo(KifNode node);
     ~Sysinfo();
