@@ -197,7 +197,9 @@ void ListEntry(const HostInventory::Path &path, bool asJson, Output &out)
 // Lists what is below a directory, and the directory itself when nothing is.
 void ListBelow(const HostInventory::Path &path, bool asJson, Output &out)
 {
-    auto names = HostInventory::List(path);
+    int error = 0;
+    auto names = HostInventory::List(path, &error);
+    if (error != 0) Fail(path, error);
     if (names.empty() && !path.empty())
         out.Line(asJson ? JsonLine({{"name", HostName(path)}, {"directory", true}})
                         : Printable(HostName(path)) + "/");
