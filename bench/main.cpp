@@ -5,8 +5,10 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <runDir.h>
+#include <unistd.h>
 
 int main(int argc, char **argv)
 try {
@@ -20,14 +22,16 @@ try {
     if (quick) options = {.keld = options.keld, .rounds = 1, .observations = 200, .idleSeconds = 0.1};
 
     const std::string hostLog = OwnSystemLog();
-    if (!hostLog.empty())
-        std::printf("The log lines go to the host's own system log, if there is one: %s.\n",
-                    hostLog.c_str());
     const RunDir directory;
-    std::vector<Row> rows = MeasureRoad(options);
-    const std::vector<Row> steps = MeasureSteps(quick);
-    rows.insert(rows.end(), steps.begin(), steps.end());
-    PrintTable(rows);
+    double load = 0;
+    (void)getloadavg(&load, 1);
+    std::printf("Medians of %d rounds; %ld processors, %.1f busy at the start; log lines go to %s.\n\n",
+                options.rounds, sysconf(_SC_NPROCESSORS_ONLN), load,
+                hostLog.empty() ? "a receiver of the benchmark's own"
+                                : ("the host's system log, if it has one: " + hostLog).c_str());
+    std::fflush(stdout);
+    const std::vector<Row> road = MeasureRoad(options);
+    PrintTable({{"The road, in the daemon as shipped", road}, {"Its steps", MeasureSteps(quick)}});
     return 0;
 } catch (const std::exception &failure) {
     std::fprintf(stderr, "bench: %s\n", failure.what());

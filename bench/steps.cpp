@@ -201,7 +201,7 @@ std::vector<Row> MeasureSteps(bool quick)
 
     std::vector<Row> rows;
     for (const Step &step : kSteps)
-        rows.push_back(MakeRow(std::string("step: ") + step.what, "ns",
+        rows.push_back(MakeRow(step.what, "ns",
                                {collector.nanoseconds[step.what], collector.nanoseconds[bareName(step)]}));
     return rows;
 }

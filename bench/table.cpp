@@ -6,7 +6,7 @@
 
 namespace {
 
-// Three digits that say something, grouped by nothing: 6.13, 61.3, 613, 6130.
+// Three digits, or all before the point: 6.13, 61.3, 613, 6130.
 std::string Figure(double value)
 {
     char text[32];
@@ -58,14 +58,18 @@ Row MakeRow(std::string what, std::string unit, const Pairs &pairs, Expected exp
     return row;
 }
 
-void PrintTable(const std::vector<Row> &rows)
+void PrintTable(const std::vector<Group> &groups)
 {
-    std::printf("%-50s %-7s %9s %9s %6s  %s\n", "", "", "keld", "floor", "ratio", "expected");
-    for (const Row &row : rows) {
-        char ratio[16] = "";
-        if (row.ratio) std::snprintf(ratio, sizeof ratio, "%.2f", *row.ratio);
-        std::printf("%-50s %-7s %9s %9s %6s  %s%s\n", row.what.c_str(), row.unit.c_str(),
-                    Figure(row.keld).c_str(), Figure(row.floor, "").c_str(), ratio, row.expected.c_str(),
-                    row.met ? "" : "  MISSED");
+    const char *const header = "%-48s %-5s %9s %9s %6s  %s\n";
+    for (const Group &group : groups) {
+        std::printf(header, group.title.c_str(), "", "keld", "floor", "ratio", "expected");
+        for (const Row &row : group.rows) {
+            char ratio[16] = "";
+            if (row.ratio) std::snprintf(ratio, sizeof ratio, "%.2f", *row.ratio);
+            std::printf(header, row.what.c_str(), row.unit.c_str(), Figure(row.keld).c_str(),
+                        Figure(row.floor, "").c_str(), ratio,
+                        (row.expected + (row.met ? "" : "  MISSED")).c_str());
+        }
+        std::printf("\n");
     }
 }

@@ -34,6 +34,11 @@ struct Expected {
 
 Row MakeRow(std::string what, std::string unit, const Pairs &pairs, Expected expected = {});
 
-void PrintTable(const std::vector<Row> &rows);
+// The rows, each group of them under its title.
+struct Group {
+    std::string title;
+    std::vector<Row> rows;
+};
+void PrintTable(const std::vector<Group> &groups);
 
 #endif
