@@ -230,7 +230,7 @@ inline Table MakeTable(const char *handledId, Handler handler)
     Table table{{handledId, handler}};
     for (int i = 1; i < kTableRows; ++i) {
         char id[64];
-        std::snprintf(id, sizeof id, "kel.net.part%d.condition.%02d", i % 7, i);
+        std::snprintf(id, sizeof id, "kel.net.part%d.of.condition.%02d", i % 7, i);
         table.emplace(id, handler);
     }
     return table;

@@ -82,8 +82,9 @@ void Match()
         }
         return made;
     }();
+    const std::string_view id = KelRecord_ID(Record());
     for (const KeldSubscription &subscription : subscriptions)
-        benchmark::DoNotOptimize(KeldSubscriptionMatches(subscription, KelRecord_ID(Record())));
+        benchmark::DoNotOptimize(KeldSubscriptionMatches(subscription, id));
 }
 void MatchBare() { benchmark::DoNotOptimize(Bare::AgentsFor(KelRecord_ID(Record()))); }
 
