@@ -12,7 +12,7 @@
 
 int main(int argc, char **argv)
 try {
-    RoadOptions options{.keld = KELD_BINARY, .rounds = 15, .observations = 20'000, .idleSeconds = 20};
+    RoadOptions options{.keld = KELD_BINARY, .rounds = 40, .observations = 5000, .idleSeconds = 20};
     bool quick = false;
     CLI::App app("Measures the daemon beside the bare system calls and steps that its work needs.");
     app.add_option("--keld", options.keld, "another daemon than the one of this build");
