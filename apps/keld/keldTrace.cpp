@@ -22,6 +22,7 @@
 #include <kltlibs/rundir.h>
 #include <kltlibs/str.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <condition_variable>
@@ -158,10 +159,14 @@ bool AppendArgument(std::string &line, const TracedRecord &record, std::uint32_t
 // The whole line, or an empty one when there is none to show.
 std::string Render(const TracedRecord &record)
 {
-    constexpr std::size_t kBeforeIdBytes = 50, kArgumentBytes = 22;
+    // Room for nearly every line at once. Not for more: an area may be large and its texts small.
+    constexpr std::size_t kBeforeIdBytes = 50, kArgumentBytes = 6, kAreaBytesMax = 1024;
+    const auto areaBytes = static_cast<std::size_t>(static_cast<const char *>(record.end) -
+                                                    static_cast<const char *>(record.argumentArea));
     const std::string_view id = record.id;
     std::string line;
-    line.reserve(kBeforeIdBytes + id.size() + record.argumentCount * kArgumentBytes);
+    line.reserve(kBeforeIdBytes + id.size() + record.argumentCount * kArgumentBytes +
+                 std::min(areaBytes, kAreaBytesMax));
     AppendNow(line);
     line.append(record.direction);
     AppendNumber(line, record.timestamp);
