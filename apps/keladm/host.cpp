@@ -242,7 +242,8 @@ std::string EntryTable()
         table += fmt::format("  {}\n      {}; {}\n", entry.pattern, WhatIsRight(entry), entry.meaning);
     return table + R"(
 Write a "/" inside a name as %2F and a "%" as %25. A running daemon sees a change at
-its next look; the signature, the UUID and the page retirement options it reads once.
+its next look; the signature, the UUID and the page threshold and its interval it reads
+once.
 
 Examples:
   keladm host set storage/paths/vmhba1:C0:T0:L4 naa.600508b1001c4d41
