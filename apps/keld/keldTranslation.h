@@ -200,10 +200,10 @@ consteval KeldArguments Args(std::string_view list) { return {KeldArguments::By:
 consteval KeldArguments Indexed(std::string_view list) { return {KeldArguments::By::Index, list}; }
 consteval KeldArguments ByMessage(const char *text, std::string_view names) { return {text, names}; }
 
-// Which problems an event ends, and the argument by which the two are matched.
+// Which problems an event ends, and the arguments by which the two are matched.
 struct KeldPairing {
     const char *clears = nullptr; // event type IDs, separated by ", "
-    const char *on = nullptr;     // the name of an argument of both; null: by type alone
+    const char *on = nullptr;     // names of arguments of both, likewise; null: by type alone
 };
 
 // A marked text. Its class is read from its own type ID, so the two cannot disagree.
