@@ -143,13 +143,12 @@ protected:
     void Flood()
     {
         for (const int context : {2, 13, kUser})
-            threads.emplace_back([this, context] {
+            threads.emplace_back([this, producer = RawProducer(context)]() mutable {
                 RecordBytes batch;
                 for (int i = 0; i < 40; ++i) {
                     const RecordBytes record = Report("controller battery low");
                     batch.insert(batch.end(), record.begin(), record.end());
                 }
-                RawProducer producer(context);
                 while (producer.Send(batch) == 0)
                     ++batchesSent;
             });
