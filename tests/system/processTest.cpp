@@ -2,9 +2,12 @@
 #include "systemTest.h"
 
 #include <atomic>
+#include <fcntl.h>
 #include <filesystem>
+#include <gmock/gmock.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -107,23 +110,25 @@ TEST_F(ProcessTest, BothSignalsStopItWithTheSameLastLines)
     }
 }
 
-TEST_F(ProcessTest, ObservationsSentTheMomentTheSocketsAppearAreHandled)
+TEST_F(ProcessTest, ObservationsSentBeforeAnyAgentIsThereAreHandled)
 {
-    for (const int context : {0, 9, 21, kUser})
-        for (int round = 0; round < 4; ++round) {
-            daemon.reset();
-            daemon.emplace(kShippedDaemon);
-            std::optional<RawProducer> producer;
-            ASSERT_TRUE(WaitUntil([&] {
-                try {
-                    producer.emplace(context);
-                } catch (const std::exception &) {
-                }
-                return producer.has_value();
-            }));
-            EXPECT_EQ(0, producer->Send(Report("early")));
-            EXPECT_EQ(Reported(Texts{"early"}), receiver.WaitForTexts(1)) << "context " << context;
-        }
+    const std::string gate = host.Path("gate");
+    ASSERT_EQ(0, mkfifo(gate.c_str(), 0600));
+    daemon.emplace(kShippedDaemon, Texts{}, Texts{"KELD_THREAD_GATE=" + gate});
+    ASSERT_TRUE(daemon->WaitUntilReady()) << daemon->Log().Raw() << daemon->Output();
+    Texts messages;
+    for (const int context : {0, 9, 21, kUser}) {
+        messages.push_back("early, context " + std::to_string(context));
+        SendReport(context, messages.back());
+    }
+    // It waits for its agents; otherwise it has read all that was sent, and waits for more.
+    EXPECT_TRUE(WaitUntil([this] { return daemon->IsAsleep(); }));
+
+    const int opened = open(gate.c_str(), O_RDWR | O_CLOEXEC);
+    EXPECT_THAT(receiver.WaitForTexts(messages.size()),
+                testing::UnorderedElementsAreArray(Reported(messages)));
+    EXPECT_EQ(0, daemon->Terminate());
+    close(opened);
 }
 
 // ---- Stopping under full load, whatever the receiver does ---------------------------------------------
