@@ -2,6 +2,7 @@
 #include "systemTest.h"
 
 #include <atomic>
+#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
@@ -59,6 +60,24 @@ TEST_F(ProcessTest, ForeignKernelSignatureIsFatal)
     EXPECT_EQ("Keld - Panic: " + message + "\n", daemon->Output());
     EXPECT_EQ((Texts{"Keld - Panic: ", message}), daemon->Log().Lines());
     EXPECT_TRUE(NothingOpened());
+}
+
+TEST_F(ProcessTest, UnusableRunDirectoryIsAStatusAndALine)
+{
+    const auto reasonFor = [this](const std::string &directory, const Texts &options) {
+        setenv("KALTOR_RUN_DIR", directory.c_str(), 1);
+        daemon.emplace(kShippedDaemon, options);
+        EXPECT_EQ(22, daemon->WaitForExit()) << daemon->Output();
+        setenv("KALTOR_RUN_DIR", host.Path().c_str(), 1);
+        const Texts lines = daemon->Log().Lines();
+        EXPECT_EQ((Texts{lines.at(0), "Exiting. rc:22"}), lines);
+        return lines.at(0);
+    };
+    for (const std::string &unusable : {"/" + std::string(80, 'r'), std::string("run"), std::string()}) {
+        EXPECT_EQ("KALTOR_RUN_DIR must be an absolute path of at most 80 bytes", reasonFor(unusable, {}));
+        EXPECT_EQ("option Misc/KelAsyncEnable cannot be set: Invalid argument",
+                  reasonFor(unusable, {"-e"}));
+    }
 }
 
 TEST_F(ProcessTest, LogLinesCarryPriorityAndTime)
