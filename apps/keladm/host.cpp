@@ -198,7 +198,9 @@ void ListEntry(const HostInventory::Path &path, bool asJson, Output &out)
 // Lists what is below a directory, and the directory itself when nothing is.
 void ListBelow(const HostInventory::Path &path, bool asJson, Output &out)
 {
-    auto names = HostInventory::List(path);
+    int error = 0;
+    auto names = HostInventory::List(path, &error);
+    if (error != 0) Fail(path, error);
     if (names.empty() && !path.empty())
         out.Line(asJson ? JsonLine({{"name", HostName(path)}, {"directory", true}})
                         : Printable(HostName(path)) + "/");
@@ -243,8 +245,8 @@ std::string EntryTable()
         table += fmt::format("  {}\n      {}; {}\n", entry.pattern, WhatIsRight(entry), entry.meaning);
     return table + R"(
 Write a "/" inside a name as %2F and a "%" as %25. A running daemon sees a change at
-its next look; the signature, the UUID and the page retirement options it reads once.
-No daemon need run.
+its next look; the signature, the UUID and the page threshold and its interval it reads
+once. No daemon need run.
 
 Exit status: 0 done; 1 when the entry is absent or cannot be changed; 2 for a name or a
 value that the daemon would not understand, and nothing was changed.
