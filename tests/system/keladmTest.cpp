@@ -34,6 +34,7 @@ struct Launch {
     bool ignoresHangup = false;
     rlim_t fileBytesMax = RLIM_INFINITY;
     std::string input{};
+    std::string temporary{}; // the folder for what it makes
 };
 
 // The program as a process. Its output goes through a pipe, or a terminal, that a test may close.
@@ -63,6 +64,7 @@ public:
             fcntl(alive[1], F_SETFD, 0); // stays with all that it starts
             if (how.terminal && (setsid() < 0 || ioctl(STDOUT_FILENO, TIOCSCTTY, 0) != 0)) _exit(126);
             if (how.ignoresHangup) std::signal(SIGHUP, SIG_IGN);
+            if (!how.temporary.empty()) setenv("TMPDIR", how.temporary.c_str(), 1);
             const rlimit limit{how.fileBytesMax, how.fileBytesMax};
             setrlimit(RLIMIT_FSIZE, &limit);
             execv(argv[0], argv.data());
@@ -486,11 +488,10 @@ TEST_F(KeladmSystemTest, ACheckThatIsInterruptedLeavesNothingBehind)
 {
     const std::string folder = host.Path("t");
     ASSERT_TRUE(std::filesystem::create_directory(folder));
-    setenv("TMPDIR", folder.c_str(), 1);
     const std::string scenario = host.Path("long.kel");
     std::ofstream(scenario) << "observe kel.net.vmnic.linkstate.down vmnic0\npause 10m\n";
     for (int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        Keladm check({"replay", "--check", scenario}, {.terminal = signal == SIGHUP});
+        Keladm check({"replay", "--check", scenario}, {.terminal = signal == SIGHUP, .temporary = folder});
         ASSERT_TRUE(check.WaitForOutput("pause 10m")) << check.Output() << check.Errors();
         EXPECT_FALSE(std::filesystem::is_empty(folder));
         if (signal == SIGHUP)
