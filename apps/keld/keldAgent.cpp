@@ -25,7 +25,7 @@
 #endif
 
 // A cancellation is caught by a reference to no object at all.
-#define KELD_CATCHES_CANCELLATION __attribute__((no_sanitize("null")))
+#define KELD_CATCHES_CANCELLATION __attribute__((noinline, no_sanitize("null")))
 
 namespace {
 

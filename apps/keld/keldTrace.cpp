@@ -3,8 +3,9 @@
 // it, so that a slow client delays nobody.
 //
 // Life of a client: its serve thread gives it the history and a blank line, starts its writer and
-// reads until the connection ends, whoever ended it; it shuts the socket down, so that a writer that
-// is stuck comes back, joins it and closes the descriptor.
+// reads until the connection ends, whoever ended it; it lets the writer give what waits, shuts the
+// socket down if that takes long, so that a writer that is stuck comes back, joins it and closes the
+// descriptor.
 //
 // Memory is bounded on every side: the history and the list of a client that is gone to 128 KiB of
 // text, the list of a client that does not read to 16 MiB.
@@ -43,6 +44,9 @@ namespace {
 
 constexpr std::size_t kHistoryBytesMax = 131072;
 constexpr std::size_t kWaitingBytesMax = std::size_t{16} << 20;
+// What is kept for a client that has ended its connection: the history and the blank line behind it.
+constexpr std::size_t kClosingBytesMax = kHistoryBytesMax + 1;
+constexpr time_t kDrainSecondsMax = 1;
 constexpr int kBacklog = 128;
 constexpr int kAcceptPauseMilliseconds = 10;
 static_assert(kHistoryBytesMax < kWaitingBytesMax, "a client has room for the history that it is given");
@@ -193,7 +197,7 @@ void Trace(const TracedRecord &record)
                 client.closing = true;
                 shutdown(descriptor, SHUT_RDWR);
             }
-            if (client.closing) client.waiting.TrimTo(kHistoryBytesMax);
+            if (client.closing) client.waiting.TrimTo(kClosingBytesMax);
         }
         state.history.Append(std::move(line));
         state.history.TrimTo(kHistoryBytesMax);
@@ -269,7 +273,7 @@ void SetClosing(int descriptor)
         const KeldLock lock(state.traceMutex);
         Client &client = state.clients[descriptor];
         client.closing = true;
-        client.waiting.TrimTo(kHistoryBytesMax);
+        client.waiting.TrimTo(kClosingBytesMax);
     }
     state.linesAvailable.notify_all();
 }
@@ -284,6 +288,17 @@ void ReadUntilEnd(int descriptor)
     while (count > 0 || (count < 0 && errno == EINTR));
 }
 
+// A client that has only ended its own side still gets what waits for it, if it takes it at once.
+void AwaitWriter(pthread_t writer, int descriptor)
+{
+    timespec limit{};
+    (void)clock_gettime(CLOCK_REALTIME, &limit);
+    limit.tv_sec += kDrainSecondsMax;
+    if (pthread_timedjoin_np(writer, nullptr, &limit) == 0) return;
+    shutdown(descriptor, SHUT_RDWR);
+    pthread_join(writer, nullptr);
+}
+
 void *KeldTraceServeMain(void *argument)
 {
     const int descriptor = FromArgument(argument);
@@ -295,8 +310,7 @@ void *KeldTraceServeMain(void *argument)
     else
         KeldLog("pthread_create failed: %s", std::strerror(error));
     SetClosing(descriptor);
-    shutdown(descriptor, SHUT_RDWR);
-    if (error == 0) pthread_join(writer, nullptr);
+    if (error == 0) AwaitWriter(writer, descriptor);
     close(descriptor);
     return nullptr;
 }

@@ -52,7 +52,7 @@ void KeldVmCorrelatorNoSwapResponse(Kel *kel)
     std::uint32_t swapActions = 0;
     std::uint64_t seconds = 0;
     (void)KeldRead<kSwapActions>(kel, &path, &swapActions, &seconds);
-    // KEPT: the receiver's catalogue shows the seconds as a number of 32 bits.
+    // KEPT: receivers take the seconds for a number of 32 bits.
     KeldPost<kNoSwapResponse>(path, swapActions, static_cast<std::uint32_t>(seconds));
 }
 

@@ -28,6 +28,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <poll.h>
 #include <string>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -49,6 +50,7 @@ constexpr int kContexts = KELLIB_ASYNC_CONTEXTS + 1;
 static_assert(KELLIB_USER_CONTEXT == kContexts - 1, "the user-level context follows the asynchronous ones");
 
 constexpr int kBacklog = 128;
+constexpr int kAcceptPauseMilliseconds = 10;
 
 // A producer that sends nothing but rubbish must not keep the caller from its other channels.
 constexpr int kDropsPerReadMax = 4096;
@@ -334,7 +336,10 @@ int OpenContext(int context, KelLibHandle **handle)
 {
     *handle = nullptr;
     char directory[KLT_RUN_PATH_BYTES];
-    if (KltRunDir_Path("", directory, sizeof directory) != 0) return EINVAL;
+    if (KltRunDir_Path("", directory, sizeof directory) != 0) {
+        KltDiagnose("KALTOR_RUN_DIR must be an absolute path of at most %d bytes", KLT_RUN_DIR_BYTES_MAX);
+        return EINVAL;
+    }
     Host &host = TheHost();
     auto &slot = host.handles[static_cast<std::size_t>(context)];
     if (slot != nullptr) return EBUSY;
@@ -358,12 +363,13 @@ int OpenContext(int context, KelLibHandle **handle)
     return 0;
 }
 
-// A connection that cannot be accepted for want of a descriptor would be reported by poll for ever:
-// the spare descriptor lets it in and out again, so that its producer learns of it.
+// A connection that cannot be accepted would be reported by poll at once and for ever: the spare
+// descriptor lets it in and out again, so that its producer learns of it; failing that, a pause.
 void TurnAway(Host &host, int listening)
 {
     host.spare.Reset();
-    UniqueFd(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC)).Reset();
+    if (!UniqueFd(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC)))
+        poll(nullptr, 0, kAcceptPauseMilliseconds);
     host.spare.Reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
@@ -432,7 +438,7 @@ int KelLib_UserContextNewCnx(KelLibHandle *handle, int *fd)
     *fd = accept4(handle->fd.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (*fd >= 0) return 0;
     const int error = errno;
-    if (error == EMFILE || error == ENFILE) TurnAway(TheHost(), handle->fd.Get());
+    if (error != EAGAIN && error != ECONNABORTED) TurnAway(TheHost(), handle->fd.Get());
     return error;
 }
 

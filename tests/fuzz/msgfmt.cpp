@@ -1,0 +1,163 @@
+// Message formats and packed arguments: reading what a stranger packed, and packing and rendering what
+// the system's own printf would render.
+//
+// An input is a format up to its first NUL, then the argument area.
+#include "fuzz.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <kltlibs/msgfmt.h>
+#include <memory>
+#include <vector>
+
+namespace {
+
+using TextPtr = std::unique_ptr<char, void (*)(void *)>;
+
+std::string Render(const char *format, const void *area, std::uint32_t count, const void *end)
+{
+    char *text = nullptr;
+    std::size_t length = 0;
+    FUZZ_CHECK(MsgFmt_Asprintf(&text, &length, format, area, count, end) == 0);
+    const TextPtr owner(text, std::free);
+    FUZZ_CHECK(text[length] == '\0');
+    return {text, length};
+}
+
+// ---- An area from outside ------------------------------------------------------------------------------
+
+void ReadArea(const char *format, std::string_view bytes)
+{
+    // Memory of exactly its size, at an odd address.
+    const std::unique_ptr<char[]> memory(new char[bytes.size() + 1]);
+    char *area = memory.get() + 1;
+    bytes.copy(area, bytes.size());
+    const char *end = area + bytes.size();
+    const auto room = static_cast<std::uint32_t>(bytes.size() / MSGFMT_ENTRY_BYTES);
+
+    const char *text = nullptr;
+    for (std::uint32_t count = 0; count <= room; ++count) {
+        for (std::uint32_t index = 0; index < count; ++index) {
+            if (MsgFmt_GetSwizzledString(area, count, index, end, &text) != 0 || text == nullptr) continue;
+            FUZZ_CHECK(text >= area + std::size_t{count} * MSGFMT_ENTRY_BYTES && text < end);
+            FUZZ_CHECK(std::memchr(text, '\0', static_cast<std::size_t>(end - text)) != nullptr);
+        }
+        FUZZ_CHECK(MsgFmt_GetSwizzledString(area, count, count, end, &text) == EINVAL && text == nullptr);
+        if (count > 4 && count < room) count = room - 1; // the first few, and all of it
+    }
+    FUZZ_CHECK(MsgFmt_GetSwizzledString(area, room + 1, 0, end, &text) == EINVAL);
+    Render(format, area, room, end);
+    FUZZ_CHECK(Render(format, area, 0, end) == Render(format, nullptr, 0, nullptr));
+}
+
+// ---- An area of one's own ------------------------------------------------------------------------------
+
+constexpr std::size_t kConversionsMax = 12;
+constexpr std::size_t kConversionBytesMax = 31; // a longer one is shown as unreadable
+using Arguments = std::array<std::uint64_t, kConversionsMax>;
+
+// False for a format that cannot be packed, or that is of no use here.
+bool ReadTypes(const char *format, std::vector<MsgFmtType> *types)
+{
+    const char *start = nullptr;
+    MsgFmtType type = MSGFMT_TYPE_INVALID;
+    int error = 0;
+    while ((error = MsgFmt_NextConversion(&format, &start, &type)) == 0) {
+        if (types->size() == kConversionsMax || format - start > std::ptrdiff_t{kConversionBytesMax})
+            return false;
+        types->push_back(type);
+    }
+    return error == ENOENT;
+}
+
+int Pack(std::vector<char> *area, std::size_t room, std::uint32_t *count, const char *format, ...)
+{
+    area->resize(room);
+    std::size_t used = 0;
+    va_list args;
+    va_start(args, format);
+    const int error = MsgFmt_GetArgsWithBuf(format, args, area->data(), room, &used, count);
+    va_end(args);
+    FUZZ_CHECK(error != 0 || used <= room);
+    if (error == 0) area->resize(used);
+    return error;
+}
+
+std::string Printed(const char *format, ...)
+{
+    char *text = nullptr;
+    va_list args;
+    va_start(args, format);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    const int length = vasprintf(&text, format, args);
+#pragma GCC diagnostic pop
+    va_end(args);
+    FUZZ_CHECK(length >= 0);
+    const TextPtr owner(text, std::free);
+    return {text, static_cast<std::size_t>(length)};
+}
+
+// Every argument is passed in 64 bits, as the calling conventions of 64-bit machines pass a narrower one
+// and a pointer, too.
+template <std::size_t... kAt>
+void PackAndRender(const char *format, const std::vector<MsgFmtType> &types, const Arguments &args,
+                   std::index_sequence<kAt...>)
+{
+    constexpr std::size_t kRoom = 1 << 16;
+    std::vector<char> area;
+    std::uint32_t count = 0;
+    FUZZ_CHECK(Pack(&area, kRoom, &count, format, args[kAt]...) == 0 && count == types.size());
+    const std::size_t used = area.size();
+    std::vector<char> tight;
+    FUZZ_CHECK(used == 0 || Pack(&tight, used - 1, &count, format, args[kAt]...) == ENOSPC);
+    FUZZ_CHECK(Pack(&tight, used, &count, format, args[kAt]...) == 0);
+
+    const std::string expected = Printed(format, args[kAt]...);
+    FUZZ_CHECK(Render(format, area.data(), count, nullptr) == expected);
+    MsgFmt_SwizzleArgs(area.data(), count);
+    std::vector<char> moved = area;
+    area.clear();
+    FUZZ_CHECK(Render(format, moved.data(), count, moved.data() + moved.size()) == expected);
+    for (std::uint32_t index = 0; index < count; ++index) {
+        const char *text = nullptr;
+        const int error =
+            MsgFmt_GetSwizzledString(moved.data(), count, index, moved.data() + moved.size(), &text);
+        FUZZ_CHECK((error == 0) == (types[index] == MSGFMT_TYPE_STRING));
+        FUZZ_CHECK(error != 0 || std::strcmp(text, reinterpret_cast<const char *>(
+                                                       static_cast<std::uintptr_t>(args[index]))) == 0);
+    }
+}
+
+// The area's bytes are the numbers and, up to their NULs, the texts.
+void PackOwn(const char *format, std::string_view bytes)
+{
+    std::vector<MsgFmtType> types;
+    if (!ReadTypes(format, &types)) return;
+    Arguments args{};
+    std::vector<std::string> texts(types.size());
+    for (std::size_t index = 0; index < types.size(); ++index) {
+        if (types[index] == MSGFMT_TYPE_STRING) {
+            texts[index] = TakeUntil(&bytes, '\0');
+            args[index] = reinterpret_cast<std::uintptr_t>(texts[index].c_str());
+        } else {
+            const std::string_view piece = bytes.substr(0, sizeof args[index]);
+            std::memcpy(&args[index], piece.data(), piece.size());
+            bytes.remove_prefix(piece.size());
+        }
+    }
+    PackAndRender(format, types, args, std::make_index_sequence<kConversionsMax>{});
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    std::string_view bytes = AsText(data, size);
+    const std::string format = TakeUntil(&bytes, '\0');
+    ReadArea(format.c_str(), bytes);
+    PackOwn(format.c_str(), bytes);
+    return 0;
+}
