@@ -27,6 +27,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <poll.h>
 #include <string>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -48,6 +49,7 @@ constexpr int kContexts = KELLIB_ASYNC_CONTEXTS + 1;
 static_assert(KELLIB_USER_CONTEXT == kContexts - 1, "the user-level context follows the asynchronous ones");
 
 constexpr int kBacklog = 128;
+constexpr int kAcceptPauseMilliseconds = 10;
 
 // A producer that sends nothing but rubbish must not keep the caller from its other channels.
 constexpr int kDropsPerReadMax = 4096;
@@ -348,12 +350,15 @@ int OpenContext(int context, KelLibHandle **handle)
     return 0;
 }
 
-// A connection that cannot be accepted for want of a descriptor would be reported by poll for ever:
-// the spare descriptor lets it in and out again, so that its producer learns of it.
+// A connection that cannot be accepted for want of a descriptor or of memory would be reported by poll for
+// ever: the spare descriptor lets it in and out again, so that its producer learns of it. Where that does
+// not help, because others on this host are faster or nothing would, the caller comes back after a pause.
 void TurnAway(Host &host, int listening)
 {
     host.spare.Reset();
-    UniqueFd(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC)).Reset();
+    UniqueFd connection(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
+    if (!connection) poll(nullptr, 0, kAcceptPauseMilliseconds);
+    connection.Reset();
     host.spare.Reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
@@ -422,7 +427,7 @@ int KelLib_UserContextNewCnx(KelLibHandle *handle, int *fd)
     *fd = accept4(handle->fd.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (*fd >= 0) return 0;
     const int error = errno;
-    if (error == EMFILE || error == ENFILE) TurnAway(TheHost(), handle->fd.Get());
+    if (error != EAGAIN && error != ECONNABORTED) TurnAway(TheHost(), handle->fd.Get());
     return error;
 }
 
