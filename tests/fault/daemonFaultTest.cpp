@@ -95,8 +95,14 @@ public:
 
     void Nothing() {}
     void SendReport() { SystemTest::SendReport(0, "stimulus"); }
+    void SendReportAsAService()
+    {
+        service.emplace(kUser);
+        EXPECT_EQ(0, service->Send(Report("stimulus")));
+    }
     void SendLongReport() { SystemTest::SendReport(0, std::string(1500, '.')); }
     void SendSwapLoss() { SendMany("kel.swap.systemSwap.isPDL.removed", 1); }
+    void SendManySwapLosses() { SendMany("kel.swap.systemSwap.isPDL.removed", kMoreThanAPipeHolds); }
     void SendSwapLossForGood() { SendMany("kel.swap.systemSwap.isPDL.cannot.remove", 1); }
     void SendNetNews() { SendMany("kel.net.x", 1); }
     void ConnectTraceClient() { EXPECT_TRUE(TraceClient().WaitUntilClosed()); }
@@ -211,6 +217,7 @@ public:
     static constexpr int kMoreThanAPipeHolds = 2000;
 
     Faults faults{host.Path("faults")};
+    std::optional<RawProducer> service; // stays connected
     std::size_t threads = 0, descriptors = 0;
 };
 
@@ -339,6 +346,7 @@ const GoesOnRow kGoesOnRows[] = {
 
     {"MainPollInterrupted", true, &FaultTest::SendReport, {Seam::Ppoll, EINTR}, "", Outcome::Delivered, ""},
     {"ChannelReadAgain", true, &FaultTest::SendReport, {Seam::Recv, EAGAIN}, "", Outcome::Delivered, ""},
+    {"ServiceRead", true, &FaultTest::SendReportAsAService, {Seam::Recv, EIO}, "", Outcome::Delivered, ""},
     {"AgentPipeFull", true, &FaultTest::SendReport, {Seam::Write, EAGAIN, 1, "keld"}, "", Outcome::Delivered, ""},
     {"Time", true, &FaultTest::SendReport, {Seam::GetTimeOfDay, EFAULT}, "", Outcome::Delivered, ""},
 
@@ -355,7 +363,7 @@ const GoesOnRow kGoesOnRows[] = {
      "Failed to get Kel", Outcome::Dropped, "kel.external.error"},
     {"NetAgentRead", true, &FaultTest::SendNetNews, {Seam::Read, EIO, 1, "Net"},
      "Failed to get Kel", Outcome::NoReport, "kel.net.x"},
-    {"ExceptionInAgent", true, &FaultTest::SendSwapLoss, {Seam::Memory, ENOMEM, 1, "SWAP", "", 72},
+    {"ExceptionInAgent", true, &FaultTest::SendManySwapLosses, {Seam::Memory, ENOMEM, 1, "SWAP", "", 72},
      "Exception (std::bad_alloc) in agent function(0x", Outcome::NoReport, "kel.swap.systemSwap.isPDL.removed"},
 
     {"EventBuffer", true, &FaultTest::SendReport, {Seam::Memory, ENOMEM, 1, "Generic", "", 1171},
@@ -399,6 +407,7 @@ TEST_P(GoesOnTest, CostsNoMoreThanItMust)
         EXPECT_EQ(Reported(Texts{"stimulus"}), WaitForEvents(1));
     }
     ExpectServes(row.lost);
+    service.reset();
     if (row.running) ExpectNothingLeft(*row.lost == '\0' ? 0 : 1);
 }
 
