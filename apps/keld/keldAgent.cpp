@@ -20,12 +20,19 @@
 #include <exception>
 #include <new>
 #include <pthread.h>
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/asan_interface.h>
+#endif
+
+// A cancellation is caught by a reference to no object at all.
+#define KELD_CATCHES_CANCELLATION __attribute__((noinline, no_sanitize("null")))
 
 namespace {
 
 void *AgentTrampoline(void *argument);
 void RunEntry(KeldAgentEntry entry);
 void ReportArrival();
+void ForgetCancelledFrames();
 unsigned CutTo32Bits(KeldAgentEntry entry);
 
 // Main thread only.
@@ -109,6 +116,7 @@ int KeldAgentInit(const std::string &name, const std::vector<std::string> &domai
     return code;
 }
 
+KELD_CATCHES_CANCELLATION
 void KeldAgentRun(const std::string &name, const std::vector<std::string> &domains,
                   const std::vector<std::string> &exactIds, const std::function<void(KeldAgent *)> &loop)
 {
@@ -121,6 +129,7 @@ void KeldAgentRun(const std::string &name, const std::vector<std::string> &domai
     try {
         loop(agent);
     } catch (abi::__forced_unwind &) {
+        ForgetCancelledFrames();
         delete owner.release();
         throw;
     }
@@ -186,6 +195,7 @@ void *AgentTrampoline(void *argument)
     return nullptr;
 }
 
+KELD_CATCHES_CANCELLATION
 void RunEntry(KeldAgentEntry entry)
 try {
     entry();
@@ -203,6 +213,16 @@ void ReportArrival()
     KeldLock lock(arrivals.mutex);
     ++arrivals.count;
     arrivals.changed.notify_all();
+}
+
+// A cancelled frame does not tell the address sanitizer that its variables are gone. They lie below the
+// caller's, and nothing else does.
+void ForgetCancelledFrames()
+{
+#ifdef __SANITIZE_ADDRESS__
+    constexpr std::size_t kBytes = 64 << 10;
+    __asan_unpoison_memory_region(static_cast<char *>(__builtin_frame_address(0)) - kBytes, kBytes);
+#endif
 }
 
 unsigned CutTo32Bits(KeldAgentEntry entry)

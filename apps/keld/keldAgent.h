@@ -32,7 +32,6 @@ struct KeldAgent {
     KeldSubscription subscription;
     KeldStream *stream = nullptr; // the dispatcher's, registered
     KeldAgentName name;
-    std::int32_t fdCount = 1;
     int fd = -1; // the stream's read end
 };
 

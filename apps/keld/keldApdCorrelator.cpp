@@ -19,7 +19,7 @@ constexpr Translation kRows[] = {
      "@&!*@*@(nox.problem.storage.apd.start)Device or filesystem with identifier [%s] has entered the All Paths Down state."},
     {"kel.storage.apd.exit", kIdentifier,
      "@&!*@*@(nox.clear.storage.apd.exit)Device or filesystem with identifier [%s] has exited the All Paths Down state.",
-     {.pairing = {"nox.problem.storage.apd.start", "identifier"}}},
+     {.pairing = {"nox.problem.storage.apd.start, nox.problem.storage.apd.timeout", "identifier"}}},
     {"kel.storage.apd.timeout", Indexed("identifier:%p, seconds:%d"),
      "@&!*@*@(nox.problem.storage.apd.timeout)Device or filesystem with identifier [%s] has entered the All Paths Down Timeout state after being in the All Paths Down state for %d seconds. I/Os will now be fast failed."},
 };

@@ -3,7 +3,8 @@
 // Arrives    parameters of the clock discipline set, its state reset; large steps of the clock;
 //            synchronisation with upstream time servers lost and found.
 // Remembers  for each observation ID, when it was last posted; one map for each of the three handlers.
-// Posts      one problem for each, and for the same ID at most one an hour.
+// Posts      one problem for each, and for the same ID at most one an hour; a loss of synchronisation
+//            lets the next "synchronized" through at once.
 // Time       the hour, which a failed read does not start.
 //
 // The clock that is watched is also the one that is asked: when it is set back, an ID stays silent
@@ -15,6 +16,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -63,7 +65,9 @@ constexpr auto kObservations = []<std::size_t... kRow>(std::index_sequence<kRow.
     return std::array{KeldObservation{kRows[kRow].id,
                                       kRows[kRow].arguments,
                                       kRows[kRow].handler,
-                                      "posted at most once an hour",
+                                      std::string_view(kRows[kRow].id) == kSynchronized
+                                          ? "posted at most once an hour, and at once after a loss"
+                                          : "posted at most once an hour",
                                       {&kRows[kRow].event}}...};
 }
 (std::make_index_sequence<std::size(kRows)>{});

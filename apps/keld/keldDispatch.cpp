@@ -66,9 +66,10 @@ int KeldDispatch(const std::byte *buffer, std::size_t byteCount)
     for (std::size_t at = 0; at < byteCount;) {
         const std::byte *record = buffer + at;
         const std::size_t length = KelRecord_TotalLength(record);
+        const std::string_view id = KelRecord_ID(record);
         KeldTraceIn(record);
         for (const auto &stream : streams.list) {
-            if (!KeldSubscriptionMatches(stream->subscription, KelRecord_ID(record))) continue;
+            if (!KeldSubscriptionMatches(stream->subscription, id)) continue;
             const int error = WriteRecord(stream->writeFd.Get(), record, length);
             if (error == ECANCELED) return 0; // leaving: nobody is handed the rest
             if (error != 0) return error;
@@ -78,16 +79,14 @@ int KeldDispatch(const std::byte *buffer, std::size_t byteCount)
     return 0;
 }
 
-bool KeldSubscriptionMatches(const KeldSubscription &subscription, const char *id)
+bool KeldSubscriptionMatches(const KeldSubscription &subscription, std::string_view id)
 {
-    const std::string_view text = id;
     for (std::int32_t i = 0; i < subscription.prefixCount; ++i) {
         const std::string &prefix = subscription.prefixes[static_cast<std::size_t>(i)];
-        if (text.size() > prefix.size() && text[prefix.size()] == '.' && text.starts_with(prefix))
-            return true;
+        if (id.size() > prefix.size() && id[prefix.size()] == '.' && id.starts_with(prefix)) return true;
     }
     for (std::int32_t i = 0; i < subscription.exactIdCount; ++i)
-        if (Kel_IsID(id, subscription.exactIds[static_cast<std::size_t>(i)].c_str())) return true;
+        if (id == subscription.exactIds[static_cast<std::size_t>(i)]) return true;
     return false;
 }
 

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 inline constexpr int kKeldSubscriptionMax = 10; // prefixes, and exact IDs
@@ -27,7 +28,7 @@ int KeldSubscriptionAddExactId(KeldSubscription *subscription, const std::string
 
 // True for an ID that lies below a prefix ("kel.net.x" for "kel.net", neither "kel.net" nor
 // "kel.network.x"), or is an exact ID.
-bool KeldSubscriptionMatches(const KeldSubscription &subscription, const char *id);
+bool KeldSubscriptionMatches(const KeldSubscription &subscription, std::string_view id);
 
 using KeldAgentName = std::shared_ptr<const std::string>;
 

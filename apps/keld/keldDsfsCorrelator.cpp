@@ -17,7 +17,7 @@ constexpr KeldArguments kVolume = Args("volumeName:%p, volumeUuid:%U");
 constexpr KeldArguments kLockModes =
     Args("volumeName:%p, volumeUuid:%U, lockModeAtOpen:%p, lockModeNow:%p, hostLockMode:%p");
 
-// KEPT: "notsupport" and "intialization"; the receiver's catalogue has it so. An extent that comes back
+// KEPT: "notsupport" and "intialization"; receivers match on this text. An extent that comes back
 // online is posted as a problem: its type ID says so, and receivers wait for that ID.
 // clang-format off
 constexpr Translation kRows[] = {

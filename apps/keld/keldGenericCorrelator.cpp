@@ -24,7 +24,7 @@ constexpr EventText kWarning =
     "@&!*@*@(nox.problem.3rdParty.warning)A 3rd party component, %s, running on NOX has reported a warning related to a problem. Please follow the knowledge base link (%s) to see the steps to remedy the problem as reported by %s. The message reported is: %s.";
 constexpr EventText kError =
     "@&!*@*@(nox.problem.3rdParty.error)A 3rd party component, %s, running on NOX has reported an error. Please follow the knowledge base link (%s) to see the steps to remedy the problem as reported by %s. The message reported is: %s.";
-// KEPT: "remedythe"; the receiver's catalogue has it so. Information is posted as a problem, too.
+// KEPT: "remedythe"; receivers match on this text. Information is posted as a problem, too.
 constexpr EventText kInformation =
     "@&!*@*@(nox.problem.3rdParty.information)A 3rd party component, %s, running on NOX has reported an informational event. If needed, please follow the knowledge base link (%s) to see the steps to remedythe problem as reported by %s. The message reported is: %s.";
 

@@ -95,7 +95,7 @@ constexpr Translation kRows[] = {
      "@&!*@*@(nox.problem.hardware.nvd.health.module.ctlr.fw.error)NVDIMM (handle %#x, idString %s): Controller firmware error detected."},
     {"kel.hardware.nvd.health.module.es.charged", kNvdimm,
      "@&!*@*@(nox.clear.hardware.nvd.health.module.es.charged)NVDIMM (handle %#x, idString %s): Energy Source is sufficiently charged.", kEndsCharging},
-    // KEPT: the tab; the receiver's catalogue has it so.
+    // KEPT: the tab; receivers match on this text.
     {"kel.hardware.nvd.health.module.es.charging", kNvdimm,
      "@&!*@*@(nox.problem.hardware.nvd.health.module.es.charging)NVDIMM (handle %#x, idString %s): Energy Source still charging but does not have sufficient charge to support\ta backup. Persistency is temporarily lost for the device."},
     {"kel.hardware.nvd.health.module.es.fail", kNvdimm,

@@ -161,11 +161,8 @@ int Daemon::Start(bool asyncEnable, bool optionalAgents)
 
 int EnableAsyncObservations()
 {
-    struct Destroy {
-        void operator()(KifParamList *list) const { KIF_ParamListDestroy(list); }
-    };
-    const std::unique_ptr<KifParamList, Destroy> name(KIF_ParamListCreate());
-    const std::unique_ptr<KifParamList, Destroy> value(KIF_ParamListCreate());
+    const KifParamListPtr name(KIF_ParamListCreate());
+    const KifParamListPtr value(KIF_ParamListCreate());
     KnxReturnStatus status = name != nullptr && value != nullptr ? KNX_OK : KNX_NO_MEMORY;
     if (status == KNX_OK) status = KIF_ParamListAddString(name.get(), "Misc");
     if (status == KNX_OK) status = KIF_ParamListAddString(name.get(), "KelAsyncEnable");

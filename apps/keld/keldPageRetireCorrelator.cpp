@@ -87,7 +87,8 @@ void KeldPageRetireCorrelatorNotRetired(Kel *kel)
     std::uint64_t count = 0;
     if (KeldRead<kNotRetiredCount>(kel, &count) != 0 || state.notRetiredPosted) return;
     KeldPost<kNotRetiredHigh>(count);
-    state.notRetiredPosted = true; // KEPT: until the daemon restarts; the count only ever gets higher
+    state.notRetiredPosted =
+        true; // KEPT: once for a run of the daemon, also when the count falls and rises again
 }
 
 // KEPT: unsigned throughout. An interval above 100 percent can take more than there is, and then every

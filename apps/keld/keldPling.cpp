@@ -91,6 +91,8 @@ bool WithinRate(const char *prefix, const char *remainder);
 MallocPtr<std::byte> PackArguments(MallocPtr<std::byte> record, std::size_t total, const char *format,
                                    va_list args, std::size_t *used, std::uint32_t *count);
 int Connect(int fd);
+// The receiver has no room yet, or the daemon was stopped and continued while it waited.
+bool IsBusy(int error) { return error == EAGAIN || error == EINTR; }
 
 template <class T> void Put(std::byte *record, std::size_t at, T value)
 {
@@ -186,8 +188,7 @@ bool WithinRate(const char *prefix, const char *remainder)
 {
     const std::uint64_t now = KeldNowSeconds();
     const std::uint64_t start = gRateWindowStart.load(std::memory_order_relaxed);
-    if (start != 0 &&
-        static_cast<std::int64_t>(now - start) < static_cast<std::int64_t>(kRateWindowSeconds)) {
+    if (start != 0 && now - start < kRateWindowSeconds) { // unsigned: set back counts as a long time
         if (gRateCount.fetch_add(1, std::memory_order_relaxed) + 1 <= kRateEventsMax) return true;
         KeldLog("Event rate limit reached. Dropping pling: %s%s\n", prefix, remainder);
         return false;
@@ -232,8 +233,9 @@ MallocPtr<std::byte> PackArguments(MallocPtr<std::byte> record, std::size_t tota
 
 int KeldPlingSend(const void *record, std::size_t length)
 {
-    if (KeldStopping()) return -1;
-    const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // An event of the daemon's last moments is offered once, and waits for nobody.
+    const int patience = KeldStopping() ? SOCK_NONBLOCK : 0;
+    const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | patience, 0));
     if (fd.Get() < 0) return -1;
     const timeval wait{.tv_sec = 0, .tv_usec = kSendWaitMicroseconds};
     (void)setsockopt(fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
@@ -243,7 +245,7 @@ int KeldPlingSend(const void *record, std::size_t length)
             send(fd.Get(), static_cast<const std::byte *>(record) + sent, length - sent, MSG_NOSIGNAL);
         if (count >= 0)
             sent += static_cast<std::size_t>(count);
-        else if (errno != EAGAIN || KeldStopping())
+        else if (!IsBusy(errno) || KeldStopping())
             return -1;
     }
     return 0;
@@ -259,7 +261,7 @@ int Connect(int fd)
     if (KltRunDir_Path("carad-pling.sock", address.sun_path, sizeof address.sun_path) != 0) return -1;
     static_assert(sizeof address == 110);
     while (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
-        if (errno != EAGAIN || KeldStopping()) return -1;
+        if (!IsBusy(errno) || KeldStopping()) return -1;
     return 0;
 }
 

@@ -1,7 +1,7 @@
 // The in-memory root file system.
 //
 // Arrives    full ramdisks, full file tables, writes to read-only files, and any other failure.
-// Remembers  when each file was last reported, by report; when anything else last failed.
+// Remembers  when each file last failed, by kind of failure; when anything else last failed.
 // Posts      one problem for each file and report, and one for all other failures.
 // Time       300 s of quiet, which each observation renews.
 
@@ -27,7 +27,7 @@ constexpr KeldArguments kInodeTableArguments =
     Args("directory:%p, fileName:%p, application:%p, ramdisk:%p");
 constexpr KeldArguments kRamdiskArguments = Args("file:%p, ramdisk:%p");
 
-// KEPT: two blanks after "full."; the receiver's catalogue has it so.
+// KEPT: two blanks after "full."; receivers match on this text.
 // clang-format off
 constexpr EventText kInodeTableFull{
     "@&!*@*@(nox.problem.quillfs.ramdisk.inodetable.full)The file table of the ramdisk '%s' is full.  As a result, the file %s could not be created by the application '%s'.",
@@ -64,7 +64,7 @@ void KeldQuillfsCorrelatorHandleError(Kel *kel)
 }
 
 constexpr const char *kQuietNote =
-    "becomes a problem, unless the same file was reported within 300 seconds";
+    "becomes a problem, unless another such of the same file came within 300 seconds";
 
 // clang-format off
 constexpr KeldObservation kObservations[] = {

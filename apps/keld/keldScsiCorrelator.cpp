@@ -58,7 +58,7 @@ constexpr EventText kDevicePowerOnResets{
     "device, datastores"};
 // clang-format on
 
-// How many paths a device has left. Nothing is posted about one whose value is unknown.
+// How many paths a device has left.
 enum : std::uint32_t { kUnknown = 0, kNoPath = 1, kSinglePath = 2, kManyPaths = 3 };
 
 constexpr const char *kDatastoresUnknown = "Unknown";
@@ -210,7 +210,7 @@ void KeldScsiCorrelatorPathUp(Kel *kel)
     const std::string datastores = Datastores(*device);
     switch (redundancy) {
     case kNoPath:
-        break; // some other path's state is not known yet
+        break; // the host does not count the path yet
     case kSinglePath:
         KeldPost<kConnectivityRestored>(device->c_str(), datastores.c_str(), path);
         break;
@@ -270,7 +270,7 @@ constexpr KeldObservation kObservations[] = {
     {"kel.scsi.scsipath.remove", kPath, KeldScsiCorrelatorPathListChange<Change::Removed>,
      "forgets the path's state changes"},
     {"kel.scsi.scsipath.por", kPath, KeldScsiCorrelatorPowerOnReset,
-     "counted; posted when ten have come with no quiet minute between", {&kPathPowerOnResets, &kDevicePowerOnResets}},
+     "counted; counts below ten are forgotten about once a minute; posted for the tenth", {&kPathPowerOnResets, &kDevicePowerOnResets}},
 };
 
 // ---- One event for one observation ----------------------------------------------------------------

@@ -3,8 +3,9 @@
 // it, so that a slow client delays nobody.
 //
 // Life of a client: its serve thread gives it the history and a blank line, starts its writer and
-// reads until the connection ends, whoever ended it; it shuts the socket down, so that a writer that
-// is stuck comes back, joins it and closes the descriptor.
+// reads until the connection ends, whoever ended it; it lets the writer give what waits, shuts the
+// socket down if that takes long, so that a writer that is stuck comes back, joins it and closes the
+// descriptor.
 //
 // Memory is bounded on every side: the history and the list of a client that is gone to 128 KiB of
 // text, the list of a client that does not read to 16 MiB.
@@ -21,6 +22,7 @@
 #include <kltlibs/rundir.h>
 #include <kltlibs/str.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <condition_variable>
@@ -42,6 +44,9 @@ namespace {
 
 constexpr std::size_t kHistoryBytesMax = 131072;
 constexpr std::size_t kWaitingBytesMax = std::size_t{16} << 20;
+// What is kept for a client that has ended its connection: the history and the blank line behind it.
+constexpr std::size_t kClosingBytesMax = kHistoryBytesMax + 1;
+constexpr time_t kDrainSecondsMax = 1;
 constexpr int kBacklog = 128;
 constexpr int kAcceptPauseMilliseconds = 10;
 static_assert(kHistoryBytesMax < kWaitingBytesMax, "a client has room for the history that it is given");
@@ -154,10 +159,14 @@ bool AppendArgument(std::string &line, const TracedRecord &record, std::uint32_t
 // The whole line, or an empty one when there is none to show.
 std::string Render(const TracedRecord &record)
 {
-    constexpr std::size_t kBeforeIdBytes = 50, kArgumentBytes = 22;
+    // Room for nearly every line at once. Not for more: an area may be large and its texts small.
+    constexpr std::size_t kBeforeIdBytes = 50, kArgumentBytes = 6, kAreaBytesMax = 1024;
+    const auto areaBytes = static_cast<std::size_t>(static_cast<const char *>(record.end) -
+                                                    static_cast<const char *>(record.argumentArea));
     const std::string_view id = record.id;
     std::string line;
-    line.reserve(kBeforeIdBytes + id.size() + record.argumentCount * kArgumentBytes);
+    line.reserve(kBeforeIdBytes + id.size() + record.argumentCount * kArgumentBytes +
+                 std::min(areaBytes, kAreaBytesMax));
     AppendNow(line);
     line.append(record.direction);
     AppendNumber(line, record.timestamp);
@@ -188,7 +197,7 @@ void Trace(const TracedRecord &record)
                 client.closing = true;
                 shutdown(descriptor, SHUT_RDWR);
             }
-            if (client.closing) client.waiting.TrimTo(kHistoryBytesMax);
+            if (client.closing) client.waiting.TrimTo(kClosingBytesMax);
         }
         state.history.Append(std::move(line));
         state.history.TrimTo(kHistoryBytesMax);
@@ -264,7 +273,7 @@ void SetClosing(int descriptor)
         const KeldLock lock(state.traceMutex);
         Client &client = state.clients[descriptor];
         client.closing = true;
-        client.waiting.TrimTo(kHistoryBytesMax);
+        client.waiting.TrimTo(kClosingBytesMax);
     }
     state.linesAvailable.notify_all();
 }
@@ -279,6 +288,17 @@ void ReadUntilEnd(int descriptor)
     while (count > 0 || (count < 0 && errno == EINTR));
 }
 
+// A client that has only ended its own side still gets what waits for it, if it takes it at once.
+void AwaitWriter(pthread_t writer, int descriptor)
+{
+    timespec limit{};
+    (void)clock_gettime(CLOCK_REALTIME, &limit);
+    limit.tv_sec += kDrainSecondsMax;
+    if (pthread_timedjoin_np(writer, nullptr, &limit) == 0) return;
+    shutdown(descriptor, SHUT_RDWR);
+    pthread_join(writer, nullptr);
+}
+
 void *KeldTraceServeMain(void *argument)
 {
     const int descriptor = FromArgument(argument);
@@ -290,8 +310,7 @@ void *KeldTraceServeMain(void *argument)
     else
         KeldLog("pthread_create failed: %s", std::strerror(error));
     SetClosing(descriptor);
-    shutdown(descriptor, SHUT_RDWR);
-    if (error == 0) pthread_join(writer, nullptr);
+    if (error == 0) AwaitWriter(writer, descriptor);
     close(descriptor);
     return nullptr;
 }

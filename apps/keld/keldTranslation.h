@@ -47,22 +47,29 @@ struct KeldShape {
     std::array<char, kKeldArgumentsMax> at{};
     std::size_t count = 0;
 
-    consteval explicit KeldShape(std::string_view text)
+    // What is read has %p and %U for a text, what is shown has %s.
+    enum class Of { Read, Shown };
+
+    consteval KeldShape(Of kind, std::string_view text)
     {
-        for (std::size_t i = 0; i < text.size();) {
-            if (text[i++] != '%') continue;
-            if (i < text.size() && text[i] == '%') {
+        std::size_t i = 0;
+        const auto take = [&](std::string_view set, std::size_t most) {
+            const std::size_t start = i;
+            while (i < text.size() && i - start < most && set.find(text[i]) != set.npos)
                 ++i;
-                continue;
-            }
-            i = text.find_first_not_of("#0- +123456789.", i);
-            std::size_t longs = 0, shorts = 0;
-            for (; i < text.size() && (text[i] == 'l' || text[i] == 'h'); ++i)
-                text[i] == 'l' ? ++longs : ++shorts;
-            if (i >= text.size()) RowError_UnknownConversion();
-            const char c = text[i++];
+            return i - start;
+        };
+        constexpr std::string_view kDigits = "0123456789";
+        while (i < text.size()) {
+            if (text[i++] != '%' || take("%", 1) == 1) continue;
+            take(" #+-0", 1);
+            take(kDigits, text.npos);
+            if (take(".", 1) == 1) take(kDigits, text.npos);
+            const std::size_t shorts = take("h", 2);
+            const std::size_t longs = shorts == 0 ? take("l", 2) : 0;
+            if (i == text.size()) RowError_UnknownConversion();
             if (count == at.size()) RowError_TooManyArguments();
-            at[count++] = Letter(c, longs, shorts);
+            at[count++] = Letter(kind, text[i++], longs, shorts);
         }
     }
 
@@ -85,18 +92,18 @@ struct KeldShape {
         return count == given.count;
     }
 
-    template <class... Ts> static consteval KeldShape Of()
+    template <class... Ts> static consteval KeldShape OfTypes()
     {
-        KeldShape shape("");
+        KeldShape shape(Of::Shown, "");
         ((shape.at[shape.count++] = LetterOf<Ts>()), ...);
         return shape;
     }
 
-    static consteval char Letter(char c, std::size_t longs, std::size_t shorts)
+    static consteval char Letter(Of kind, char c, std::size_t longs, std::size_t shorts)
     {
         const bool plain = longs == 0 && shorts == 0;
-        if ((c == 's' || c == 'p') && plain) return 's';
-        if (c == 'U' && plain) return 'v';
+        if (c == (kind == Of::Read ? 'p' : 's') && plain) return 's';
+        if (c == 'U' && kind == Of::Read && plain) return 'v';
         if (c == 'c' && plain) return 'c';
         if (c == 'd' || c == 'i') return longs ? 'D' : shorts == 2 ? 'b' : shorts ? 'h' : 'd';
         if (c == 'u' || c == 'x' || c == 'X' || c == 'o')
@@ -149,7 +156,7 @@ struct KeldArguments {
         return changed;
     }
 
-    consteval KeldArguments(By how, std::string_view list) : by(how), shape(list)
+    consteval KeldArguments(By how, std::string_view list) : by(how), shape(KeldShape::Of::Read, list)
     {
         std::size_t length = 0, argument = 0, start = 0;
         const auto append = [&](std::string_view text) {
@@ -170,7 +177,8 @@ struct KeldArguments {
         }
     }
     consteval KeldArguments(const char *text, std::string_view nameList)
-        : by(By::Message), message(text), shape(text), names(SplitNames(nameList, shape.count))
+        : by(By::Message), message(text), shape(KeldShape::Of::Shown, text),
+          names(SplitNames(nameList, shape.count))
     {
     }
 
@@ -192,10 +200,10 @@ consteval KeldArguments Args(std::string_view list) { return {KeldArguments::By:
 consteval KeldArguments Indexed(std::string_view list) { return {KeldArguments::By::Index, list}; }
 consteval KeldArguments ByMessage(const char *text, std::string_view names) { return {text, names}; }
 
-// Which problems an event ends, and the argument by which the two are matched.
+// Which problems an event ends, and the arguments by which the two are matched.
 struct KeldPairing {
     const char *clears = nullptr; // event type IDs, separated by ", "
-    const char *on = nullptr;     // the name of an argument of both; null: by type alone
+    const char *on = nullptr;     // names of arguments of both, likewise; null: by type alone
 };
 
 // A marked text. Its class is read from its own type ID, so the two cannot disagree.
@@ -207,7 +215,7 @@ struct EventText {
     KeldPairing pairing{};
 
     // Within a row, which knows the names.
-    consteval EventText(const char *marked) : format(marked), shape(TextOf(marked))
+    consteval EventText(const char *marked) : format(marked), shape(KeldShape::Of::Shown, TextOf(marked))
     {
         const std::string_view text = marked;
         if (text.substr(8).starts_with("nox.audit."))
@@ -281,13 +289,13 @@ struct Translation {
         for (std::size_t i = 0; i < shown.count; ++i)
             event.names[i] = read.names[shows[i]];
         event.pairing = more.pairing;
-        for (const char *message : more.failed) {
-            if (message == nullptr) continue;
-            const KeldShape shape{std::string_view(message)};
+        for (std::size_t i = 0; i < more.failed.size(); ++i) {
+            if (more.failed[i] == nullptr) continue;
+            const KeldShape shape(KeldShape::Of::Shown, more.failed[i]);
             const bool one = shape.count == 1 && shape.at[0] == 'd';
             const bool two = shape.count == 2 && shape.at[0] == 's' && shape.at[1] == 'd';
-            if (!(read.by == KeldArguments::By::Index ? one || two : two))
-                RowError_FailureMessageMalformed();
+            const bool fits = read.by != KeldArguments::By::Index ? two && i == 0 : one || (two && i > 0);
+            if (!fits) RowError_FailureMessageMalformed();
         }
     }
 };
@@ -360,17 +368,37 @@ template <class T> auto Destinations(T *value)
         return std::tuple(value);
 }
 
+// False for a null text of which the row does not say what it becomes.
+template <class T> bool Settle(const KeldArguments &, std::size_t, T *) { return true; }
+inline bool Settle(const KeldArguments &arguments, std::size_t at, const char **text)
+{
+    if (*text != nullptr) return true;
+    if (at == arguments.nullIndex)
+        *text = arguments.nullText;
+    else if (arguments.nulls == KeldArguments::Nulls::Fail)
+        return false;
+    return true;
+}
+
 // Reads every argument; 0, or the status of the read that failed, whose position goes to *failedAt.
 template <KeldArguments::By kBy, class... Ts>
 int Read(const Kel *kel, const KeldArguments &arguments, std::size_t *failedAt, Ts *...values)
 {
     int status = 0;
+    *failedAt = 0;
+    [[maybe_unused]] std::size_t at = 0;
     if constexpr (sizeof...(Ts) == 0) {
         return 0;
     } else if constexpr (kBy == KeldArguments::By::Index) {
-        int index = 0;
-        (void)(((status = ReadAt(kel, index++, values)) == 0) && ...);
-        *failedAt = static_cast<std::size_t>(index - 1);
+        [[maybe_unused]] const auto readOne = [&](auto *value) {
+            *failedAt = at;
+            status = ReadAt(kel, static_cast<int>(at), value);
+            if (status == 0 && !Settle(arguments, at, value)) status = EINVAL;
+            ++at;
+            return status == 0;
+        };
+        (void)(readOne(values) && ...);
+        return status;
     } else {
         status = std::apply(
             [&](auto *...destinations) {
@@ -380,24 +408,9 @@ int Read(const Kel *kel, const KeldArguments &arguments, std::size_t *failedAt, 
                     return KeldGetArgsByFormat(kel, arguments.message, destinations...);
             },
             std::tuple_cat(Destinations(values)...));
-        *failedAt = 0;
+        if (status != 0) return status;
+        return (Settle(arguments, at++, values) && ...) ? 0 : EINVAL;
     }
-    if (status != 0) return status;
-    std::size_t index = 0;
-    [[maybe_unused]] const auto settle = [&](auto *value) {
-        const std::size_t at = index++;
-        if constexpr (std::is_same_v<decltype(value), const char **>) {
-            if (*value != nullptr) return true;
-            if (at == arguments.nullIndex)
-                *value = arguments.nullText;
-            else if (arguments.nulls == KeldArguments::Nulls::Fail) {
-                *failedAt = kBy == KeldArguments::By::Index ? at : 0;
-                return false;
-            }
-        }
-        return true;
-    };
-    return (settle(values) && ...) ? 0 : EINVAL;
 }
 
 inline const char *Shown(const char *value) { return value; }
@@ -481,7 +494,7 @@ template <const EventText &kText, int kDefer = 0, class... Ts> void KeldPost(Ts.
     static_assert(
         ((std::is_convertible_v<Ts, const char *> || (std::is_integral_v<Ts> && sizeof(Ts) >= 4)) && ...),
         "texts, and numbers of 32 or 64 bits");
-    static_assert(kText.shape.Fits(KeldShape::Of<Ts...>()),
+    static_assert(kText.shape.Fits(KeldShape::OfTypes<Ts...>()),
                   "the values do not fit the conversions of this text");
     KeldPostEvent(kDefer, kText.cls, kText.format, values...);
 }

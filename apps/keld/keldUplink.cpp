@@ -14,12 +14,12 @@
 
 #include <knxctl/advancedOption.h>
 #include <knxctl/network.h>
-#include <knxctl/nodeAdmException.h>
 #include <knxctl/sysinfo.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <fcntl.h>
 #include <optional>
 #include <string_view>
@@ -64,7 +64,7 @@ constexpr EventText kRedundancyRestored(
 constexpr EventText kDvPortConnectivityRestored(
     "@&!*@*@(nox.clear.net.dvport.connectivity.restored)Network connectivity restored on DVPorts: %s. Physical NIC %s is up",
     "dvPorts, nic", EndsEvery("nox.problem.net.dvport.connectivity.lost"));
-// KEPT: "is up recently", here alone; the receiver's catalogue has it so.
+// KEPT: "is up recently", here alone; receivers match on this text.
 constexpr EventText kDvPortRedundancyRestored(
     "@&!*@*@(nox.clear.net.dvport.redundancy.restored)Uplink redundancy restored on DVPorts: %s. Physical NIC %s is up recently",
     "dvPorts, nic", EndsEvery("nox.problem.net.dvport.redundancy.lost"));
@@ -155,7 +155,7 @@ std::string VirtualSwitchOf(const std::vector<PortgroupInfo> &batch)
     try {
         return NodeAdm::Network::NetworkFactory::GetPortGroupByName(batch.front().name)
             ->GetVirtualSwitchName();
-    } catch (const NodeAdm::Lib::NodeAdmException &) {
+    } catch (const std::exception &) {
         return {};
     }
 }
@@ -389,7 +389,7 @@ void CheckLinkFlapping(const std::string &nic, std::uint64_t now)
     std::uint64_t threshold = 0;
     try {
         threshold = KnxCtl::Adv::AdvancedIntegerOptionImpl({"Net"}, "LinkFlappingThreshold").GetValue();
-    } catch (const NodeAdm::Lib::NodeAdmException &) {
+    } catch (const std::exception &) {
         return;
     }
     if (threshold == 0 || threshold >= history.size()) return; // 0: never
@@ -528,7 +528,7 @@ constinit const std::array<KeldObservation, 7> keldUplinkObservations{{
      "posted after 1 second unless an uplink batch carries the news",
      {&kLinkStateUp}},
     {"kel.net.uplink.watchdog.timeout", kNic, KeldNetCorrelatorWatchdog,
-     "holds the NIC's events for 7 seconds; down and up meanwhile are one transient failure",
+     "holds the NIC's events back; down and up within 7 seconds are one transient failure, anything else is posted and holds on until a later timeout is transient",
      {&kWatchdogReset, &kLinkStateDown, &kConnectivityLost, &kRedundancyLost, &kRedundancyDegraded,
       &kDvPortConnectivityLost, &kDvPortRedundancyLost, &kDvPortRedundancyDegraded}},
 }};

@@ -86,7 +86,7 @@ constexpr Translation kRows[] = {
     {"kel.user.scratch.partition.size.small", kDirectoryNeeded,
      "@&!*@*@(nox.problem.scratch.partition.size.small)The scratch partition at %s is too small. At least %d MiB are needed."},
     {"kel.user.scratch.partition.unconfigured", kNone,
-     "@&!*@*@(nox.problem.scratch.partition.unconfigured)No scratch partition has been configured. Temporary files of the host will be lost when it stops."},
+     "@&!*@*@(nox.problem.scratch.partition.unconfigured)No scratch partition has been configured. Temporary files will be lost when the host stops."},
     {"kel.user.iofilter.disabled", Args("filter:%p"),
      "@&!*@*@(nox.problem.iofilter.disabled)I/O filter %s has been disabled on the host."},
     {"kel.user.driver.abnormal", Args("driver:%p, condition:%p"),
@@ -161,7 +161,7 @@ constexpr KeldArguments kLogDirectory = Args("configured:%p, default:%p");
 constexpr EventText kNoExpiry{
     "@&!*@*@(nox.problem.dhclient.lease.offered.noexpiry)No expiry time on offered DHCP lease from %s.",
     "server"};
-// KEPT: the two blanks; the receiver's catalogue has them.
+// KEPT: the two blanks; receivers match on this text.
 constexpr EventText kLogDirectoryInvalid{
     "@&!*@*@(nox.problem.hsyslogd.storage.logdir.invalid)The configured log directory %s cannot be used.  The default directory %s will be used instead.",
     "configured, default"};
@@ -206,8 +206,8 @@ void KeldUserCorrelatorLogDirectoryInvalid(Kel *kel)
 
 // clang-format off
 constexpr KeldObservation kObservations[] = {
-    {"kel.user.dhclient.lease.offered.noexpiry", kLease, KeldUserCorrelatorLeaseNoExpiry, "posted at most every 1201 seconds per server", {&kNoExpiry}},
-    {"kel.user.hsyslogd.storage.logdir.invalid", kLogDirectory, KeldUserCorrelatorLogDirectoryInvalid, "posted at most every 91 seconds per configured directory", {&kLogDirectoryInvalid}},
+    {"kel.user.dhclient.lease.offered.noexpiry", kLease, KeldUserCorrelatorLeaseNoExpiry, "posted, unless an event about the same server came within 1200 seconds", {&kNoExpiry}},
+    {"kel.user.hsyslogd.storage.logdir.invalid", kLogDirectory, KeldUserCorrelatorLogDirectoryInvalid, "posted, unless an event about the same configured directory came within 90 seconds", {&kLogDirectoryInvalid}},
 };
 // clang-format on
 

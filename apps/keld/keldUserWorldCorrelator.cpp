@@ -121,13 +121,16 @@ void KeldUserWorldCorrelatorAllDomainsLevelChanged(Kel *kel)
     if (level != kLevelEnforcing) KeldPost<kAllDomainsLevelChanged>(levelName);
 }
 
-constexpr const char *kCrashNote = "counted, and posted at most once in ten hours per application";
+constexpr const char *kDumpedNote =
+    "counted, and posted at most once in ten hours per application: an application with carad in its name "
+    "as the carad event, delivered with the next retry; one with zuma as the zuma event";
+constexpr const char *kDumpFailedNote = "counted, and posted at most once in ten hours per application";
 constexpr const char *kLevelNote = "posted unless the new level is 1, enforcing";
 
 // clang-format off
 constexpr KeldObservation kObservations[] = {
-    {"kel.uw.core.dumped",                        kDumped,          KeldUserWorldCorrelatorCoreDumped,             kCrashNote, {&kApplicationDumped, &kCaradDumped, &kZumaDumped}},
-    {"kel.uw.core.dumpFailed",                    kDumpFailed,      KeldUserWorldCorrelatorCoreDumpFailed,         kCrashNote, {&kApplicationDumpFailed}},
+    {"kel.uw.core.dumped",                        kDumped,          KeldUserWorldCorrelatorCoreDumped,             kDumpedNote, {&kApplicationDumped, &kCaradDumped, &kZumaDumped}},
+    {"kel.uw.core.dumpFailed",                    kDumpFailed,      KeldUserWorldCorrelatorCoreDumpFailed,         kDumpFailedNote, {&kApplicationDumpFailed}},
     {"kel.uw.secpolicy.domain.level.changed",     kDomainLevel,     KeldUserWorldCorrelatorDomainLevelChanged,     kLevelNote, {&kDomainLevelChanged}},
     {"kel.uw.secpolicy.alldomains.level.changed", kAllDomainsLevel, KeldUserWorldCorrelatorAllDomainsLevelChanged, kLevelNote, {&kAllDomainsLevelChanged}},
 };

@@ -2,14 +2,12 @@
 
 #include "keldUtil.h"
 
-#include "keldLog.h"
-
 #include <kltlibs/ktime.h>
 #include <knxctl/storageInfo.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
-#include <exception>
 #include <memory>
 #include <string_view>
 
@@ -22,7 +20,7 @@ bool GoesBy(const KnxCtl::Storage::FileSystem &fileSystem, std::string_view name
 {
     try {
         return fileSystem.GetUuid() == name || fileSystem.GetName() == name;
-    } catch (const std::exception &) {
+    } catch (...) { // a handler cannot be cancelled: nothing else comes this way
         return false;
     }
 }
@@ -31,57 +29,29 @@ bool GoesBy(const KnxCtl::Storage::FileSystem &fileSystem, std::string_view name
 // width and precision, a string as a pointer. 0, or EINVAL.
 int ConvertFormat(std::string_view text, std::string *format)
 {
-    enum class State { Text, Begun, Width, Precision, SecondLength, Conversion };
-    const auto isOneOf = [](char c, std::string_view set) { return set.find(c) != set.npos; };
     constexpr std::string_view kDigits = "0123456789";
-
-    State state = State::Text;
-    char length = 0;
-    for (const char c : text) {
-        switch (state) { // falls through to whatever may follow
-        case State::Text:
-            if (c == '%') state = State::Begun;
-            continue;
-        case State::Begun:
-            if (c == '%') {
-                state = State::Text;
-                continue;
-            }
-            *format += '%';
-            state = State::Width;
-            if (isOneOf(c, " #+-0")) continue;
-            [[fallthrough]];
-        case State::Width:
-            if (isOneOf(c, kDigits)) continue;
-            if (c == '.') {
-                state = State::Precision;
-                continue;
-            }
-            [[fallthrough]];
-        case State::Precision:
-            if (isOneOf(c, kDigits)) continue;
-            if (isOneOf(c, "hlL")) {
-                *format += length = c;
-                state = c == 'L' ? State::Conversion : State::SecondLength;
-                continue;
-            }
-            [[fallthrough]];
-        case State::SecondLength:
-            if (state == State::SecondLength && c == length) {
-                *format += c;
-                state = State::Conversion;
-                continue;
-            }
-            [[fallthrough]];
-        case State::Conversion:
-            if (!isOneOf(c, "cdiouxsX")) return EINVAL;
-            *format += c == 's' ? 'p' : c == 'X' ? 'x' : c;
-            state = State::Text;
-            continue;
-        }
-        KeldNotReached("apps/keld/keldUtil", 260);
+    const auto take = [&text](std::string_view set, std::size_t most) {
+        const std::size_t end = std::min({text.find_first_not_of(set), text.size(), most});
+        const std::string_view taken = text.substr(0, end);
+        text.remove_prefix(end);
+        return taken;
+    };
+    for (;;) {
+        text.remove_prefix(std::min(text.find('%'), text.size()));
+        if (text.empty()) return 0;
+        text.remove_prefix(1);
+        if (!take("%", 1).empty()) continue;
+        take(" #+-0", 1);
+        take(kDigits, text.npos);
+        if (!take(".", 1).empty()) take(kDigits, text.npos);
+        std::string_view length = take("h", 2);
+        if (length.empty()) length = take("l", 2);
+        if (length.empty()) length = take("L", 1);
+        const std::string_view conversion = take("cdiouxsX", 1);
+        if (conversion.empty()) return EINVAL;
+        (*format += '%') += length;
+        *format += conversion == "s" ? "p" : conversion == "X" ? "x" : conversion;
     }
-    return state == State::Text ? 0 : EINVAL;
 }
 
 } // namespace

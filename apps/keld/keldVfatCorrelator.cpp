@@ -1,7 +1,7 @@
 // Full VFAT file systems.
 //
 // Arrives    one observation for each write that found no room.
-// Remembers  per file system: when it was last reported.
+// Remembers  per file system: when it was last full.
 // Posts      one problem; the host's scratch partition has one of its own.
 // Time       300 s of quiet, which each observation renews.
 
@@ -57,7 +57,7 @@ constexpr KeldObservation kObservations[] = {
     {"kel.vfat.filesystem.full",
      kFileSystem,
      KeldVfatCorrelatorHandleFilesystemFullKel,
-     "becomes a problem, unless the same UUID was reported within 300 seconds",
+     "becomes a problem, unless another such of the same file system came within 300 seconds",
      {&kScratchFull, &kOtherFull}},
 };
 

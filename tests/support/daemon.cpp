@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <kltlibs/rundir.h>
 #include <poll.h>
@@ -155,6 +156,23 @@ void Daemon::Signal(int signal)
     if (mExitStatus < 0) kill(mPid, signal);
 }
 
+void Daemon::StopAndContinue()
+{
+    Signal(SIGSTOP);
+    EXPECT_TRUE(WaitUntil([this] { return State() == 'T'; }));
+    Signal(SIGCONT);
+    EXPECT_TRUE(WaitUntil([this] { return State() != 'T'; }));
+}
+
+// Of the main thread: the word behind its name in parentheses.
+char Daemon::State() const
+{
+    std::ifstream file("/proc/" + std::to_string(mPid) + "/stat");
+    std::string stat;
+    std::getline(file, stat);
+    return stat.at(stat.rfind(')') + 2);
+}
+
 std::chrono::nanoseconds Daemon::ProcessorTime() const
 {
     clockid_t clock;
@@ -172,6 +190,15 @@ std::size_t Daemon::CountEntries(const char *directory) const
 {
     const std::filesystem::directory_iterator entries("/proc/" + std::to_string(mPid) + "/" + directory);
     return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+std::size_t Daemon::StatusBytes(const char *field) const
+{
+    std::ifstream status("/proc/" + std::to_string(mPid) + "/status");
+    std::size_t kilobytes = 0;
+    for (std::string word; status >> word;)
+        if (word == field) status >> kilobytes;
+    return kilobytes * 1024;
 }
 
 void Daemon::Advance(std::uint64_t seconds) { Command("advance " + std::to_string(seconds) + "\n"); }

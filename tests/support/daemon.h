@@ -22,6 +22,13 @@ inline const DaemonProgram kShippedDaemon{KELD_BINARY, KELD_LOGSHIM};
 inline const DaemonProgram kHandClockDaemon{KELD_HANDCLOCK_BINARY, ""}; // obeys Advance and Set
 #endif
 
+// A sanitizer keeps freed memory back, and takes its time.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
 // Starts the daemon in the present run directory (make a RunDir first), with its log and its output
 // caught, and nothing of it left behind at the end.
 //
@@ -48,6 +55,11 @@ public:
     void Signal(int signal);
     pid_t Pid() const { return mPid; }
 
+    // True while its main thread has nothing to do, or waits for another.
+    bool IsAsleep() const { return State() == 'S'; }
+    // Stops all of it, as a debugger or a shell does, and lets it go on.
+    void StopAndContinue();
+
     const LogCapture &Log() const { return mLog; }
 
     // Standard output and standard error, in the order written.
@@ -58,6 +70,10 @@ public:
     std::size_t ThreadCount() const;
     std::size_t DescriptorCount() const;
 
+    // Its memory, now and at its largest: to be compared only where kSanitized is false.
+    std::size_t ResidentBytes() const { return StatusBytes("VmRSS:"); }
+    std::size_t PeakResidentBytes() const { return StatusBytes("VmHWM:"); }
+
     // Moves the clock of the hand-clock daemon, as HandClock does. All alarms that fall due have been
     // handled on return.
     void Advance(std::uint64_t seconds);
@@ -65,7 +81,9 @@ public:
 
 private:
     void Command(const std::string &line);
+    char State() const;
     std::size_t CountEntries(const char *directory) const;
+    std::size_t StatusBytes(const char *field) const;
 
     LogCapture mLog{LogCapture::Of::Child};
     CapturedText mOutput;

@@ -1,11 +1,10 @@
 // The daemon as a process: options, start, signals, stop.
 #include "systemTest.h"
 
-#include <atomic>
+#include <fcntl.h>
 #include <filesystem>
-#include <poll.h>
-#include <sys/socket.h>
-#include <thread>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -58,6 +57,24 @@ TEST_F(ProcessTest, ForeignKernelSignatureIsFatal)
     EXPECT_TRUE(NothingOpened());
 }
 
+TEST_F(ProcessTest, UnusableRunDirectoryIsAStatusAndALine)
+{
+    const auto reasonFor = [this](const std::string &directory, const Texts &options) {
+        setenv("KALTOR_RUN_DIR", directory.c_str(), 1);
+        daemon.emplace(kShippedDaemon, options);
+        EXPECT_EQ(22, daemon->WaitForExit()) << daemon->Output();
+        setenv("KALTOR_RUN_DIR", host.Path().c_str(), 1);
+        const Texts lines = daemon->Log().Lines();
+        EXPECT_EQ((Texts{lines.at(0), "Exiting. rc:22"}), lines);
+        return lines.at(0);
+    };
+    for (const std::string &unusable : {"/" + std::string(80, 'r'), std::string("run"), std::string()}) {
+        EXPECT_EQ("KALTOR_RUN_DIR must be an absolute path of at most 80 bytes", reasonFor(unusable, {}));
+        EXPECT_EQ("option Misc/KelAsyncEnable cannot be set: Invalid argument",
+                  reasonFor(unusable, {"-e"}));
+    }
+}
+
 TEST_F(ProcessTest, LogLinesCarryPriorityAndTime)
 {
     Start(kHandClockDaemon, {});
@@ -107,114 +124,25 @@ TEST_F(ProcessTest, BothSignalsStopItWithTheSameLastLines)
     }
 }
 
-TEST_F(ProcessTest, ObservationsSentTheMomentTheSocketsAppearAreHandled)
+TEST_F(ProcessTest, ObservationsSentBeforeAnyAgentIsThereAreHandled)
 {
-    for (const int context : {0, 9, 21, kUser})
-        for (int round = 0; round < 4; ++round) {
-            daemon.reset();
-            daemon.emplace(kShippedDaemon);
-            std::optional<RawProducer> producer;
-            ASSERT_TRUE(WaitUntil([&] {
-                try {
-                    producer.emplace(context);
-                } catch (const std::exception &) {
-                }
-                return producer.has_value();
-            }));
-            EXPECT_EQ(0, producer->Send(Report("early")));
-            EXPECT_EQ(Reported(Texts{"early"}), receiver.WaitForTexts(1)) << "context " << context;
-        }
+    const std::string gate = host.Path("gate");
+    ASSERT_EQ(0, mkfifo(gate.c_str(), 0600));
+    daemon.emplace(kShippedDaemon, Texts{}, Texts{"KELD_THREAD_GATE=" + gate});
+    ASSERT_TRUE(daemon->WaitUntilReady()) << daemon->Log().Raw() << daemon->Output();
+    Texts messages;
+    for (const int context : {0, 9, 21, kUser}) {
+        messages.push_back("early, context " + std::to_string(context));
+        SendReport(context, messages.back());
+    }
+    // It waits for its agents; otherwise it has read all that was sent, and waits for more.
+    EXPECT_TRUE(WaitUntil([this] { return daemon->IsAsleep(); }));
+
+    const int opened = open(gate.c_str(), O_RDWR | O_CLOEXEC);
+    EXPECT_THAT(receiver.WaitForTexts(messages.size()),
+                testing::UnorderedElementsAreArray(Reported(messages)));
+    EXPECT_EQ(0, daemon->Terminate());
+    close(opened);
 }
-
-// ---- Stopping under full load, whatever the receiver does ---------------------------------------------
-
-enum class Receiver { Reads, AcceptsWithoutReading, IsFull, IsAway };
-
-class StopTest : public ProcessTest, public testing::WithParamInterface<Receiver> {
-protected:
-    void SetUp() override
-    {
-        if (GetParam() != Receiver::Reads) receiver.Stop();
-        if (GetParam() == Receiver::AcceptsWithoutReading) receiver.Start();
-        if (GetParam() == Receiver::IsFull) receiver.Start(0);
-    }
-
-    // Lets three producers send without pause, and serves the receiver, until the daemon is stopped.
-    void Flood()
-    {
-        for (const int context : {2, 13, kUser})
-            threads.emplace_back([this, context] {
-                RecordBytes batch;
-                for (int i = 0; i < 40; ++i) {
-                    const RecordBytes record = Report("controller battery low");
-                    batch.insert(batch.end(), record.begin(), record.end());
-                }
-                RawProducer producer(context);
-                while (producer.Send(batch) == 0)
-                    ++batchesSent;
-            });
-        if (GetParam() == Receiver::Reads || GetParam() == Receiver::AcceptsWithoutReading)
-            threads.emplace_back([this] {
-                std::vector<int> kept;
-                while (!stopped) {
-                    pollfd waiting{receiver.Fd(), POLLIN, 0};
-                    poll(&waiting, 1, 20);
-                    if (GetParam() == Receiver::Reads)
-                        receiver.DrainRaw();
-                    else if (kept.size() < 500)
-                        kept.push_back(accept(receiver.Fd(), nullptr, nullptr));
-                }
-                for (const int fd : kept)
-                    close(fd);
-            });
-    }
-
-    void EndFlood()
-    {
-        stopped = true;
-        for (std::thread &thread : threads)
-            thread.join();
-        threads.clear();
-        stopped = false;
-        batchesSent = 0;
-    }
-
-    std::vector<std::thread> threads;
-    std::atomic<bool> stopped = false;
-    std::atomic<int> batchesSent = 0;
-};
-
-TEST_P(StopTest, UnderFullLoadEndsWithStatusZero)
-{
-    for (int round = 0; round < 13; ++round) {
-        Start(kShippedDaemon);
-        Flood();
-        EXPECT_TRUE(WaitUntil([&] { return batchesSent > 3 * round; })); // ever deeper into it
-        const int status = daemon->Terminate(round % 2 == 0 ? SIGTERM : SIGINT);
-        EXPECT_EQ(0, status) << daemon->Output();
-        EndFlood();
-        if (status != 0) return;
-    }
-}
-
-std::string NameOf(const testing::TestParamInfo<Receiver> &kind)
-{
-    switch (kind.param) {
-    case Receiver::Reads:
-        return "Reads";
-    case Receiver::AcceptsWithoutReading:
-        return "AcceptsWithoutReading";
-    case Receiver::IsFull:
-        return "IsFull";
-    case Receiver::IsAway:
-        break;
-    }
-    return "IsAway";
-}
-
-INSTANTIATE_TEST_SUITE_P(Receiver, StopTest,
-                         testing::Values(Receiver::Reads, Receiver::AcceptsWithoutReading, Receiver::IsFull,
-                                         Receiver::IsAway),
-                         NameOf);
 
 } // namespace

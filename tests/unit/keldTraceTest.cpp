@@ -9,6 +9,7 @@
 #include "logCapture.h"
 #include "observation.h"
 #include "runDir.h"
+#include "traceClient.h"
 #include "waitFor.h"
 
 #include <atomic>
@@ -26,7 +27,6 @@
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <thread>
 #include <vector>
 
@@ -42,51 +42,6 @@ std::size_t CountEntries(const char *directory)
     const auto entries = std::filesystem::directory_iterator(directory);
     return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
-
-// A client that reads when it is told to.
-class TraceClient {
-public:
-    explicit TraceClient(const std::string &path) : mFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        if (connect(mFd.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
-            throw std::runtime_error("connect: " + std::string(std::strerror(errno)));
-    }
-
-    int Fd() const { return mFd.Get(); }
-
-    // The next line without its newline; "(end)" behind the last one, "(nothing)" when none comes.
-    std::string Line()
-    {
-        std::size_t newline;
-        while ((newline = mRead.find('\n', mTaken)) == mRead.npos) {
-            pollfd readable{.fd = Fd(), .events = POLLIN, .revents = 0};
-            if (poll(&readable, 1, 60'000) != 1) return "(nothing)";
-            char bytes[65536];
-            const ssize_t count = read(Fd(), bytes, sizeof bytes);
-            if (count <= 0) return "(end)";
-            mRead.erase(0, std::exchange(mTaken, 0)).append(bytes, static_cast<std::size_t>(count));
-        }
-        const std::string line = mRead.substr(mTaken, newline - mTaken);
-        mTaken = newline + 1;
-        return line;
-    }
-
-    std::vector<std::string> History()
-    {
-        std::vector<std::string> lines;
-        for (std::string line = Line(); !line.empty() && line != "(end)" && line != "(nothing)";
-             line = Line())
-            lines.push_back(line);
-        return lines;
-    }
-
-private:
-    UniqueFd mFd;
-    std::string mRead;
-    std::size_t mTaken = 0;
-};
 
 class TraceTest : public testing::Test {
 protected:

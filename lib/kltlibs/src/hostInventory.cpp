@@ -55,6 +55,21 @@ int ReadWhole(const Path &path, std::string *text)
     }
 }
 
+int ReadNames(const Path &path, std::vector<std::string> *names)
+{
+    std::string directory;
+    if (const int error = FileName(path, &directory); error != 0) return error;
+    const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(directory.c_str()), closedir);
+    if (entries == nullptr) return ErrorOfAccess() == ENOENT ? 0 : errno;
+    for (;;) {
+        errno = 0;
+        const dirent *entry = readdir(entries.get());
+        if (entry == nullptr) return errno;
+        auto name = UnescapeName(entry->d_name);
+        if (name && *name != "." && *name != "..") names->push_back(std::move(*name));
+    }
+}
+
 int WriteWhole(int file, std::string_view text)
 {
     while (!text.empty()) {
@@ -120,17 +135,11 @@ bool IsDirectory(const Path &path)
     return FileName(path, &name) == 0 && stat(name.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-std::vector<std::string> List(const Path &path)
+std::vector<std::string> List(const Path &path, int *error)
 {
     std::vector<std::string> names;
-    std::string directory;
-    if (FileName(path, &directory) != 0) return names;
-    const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(directory.c_str()), closedir);
-    if (entries == nullptr) return names;
-    while (const dirent *entry = readdir(entries.get())) {
-        auto name = UnescapeName(entry->d_name);
-        if (name && *name != "." && *name != "..") names.push_back(std::move(*name));
-    }
+    const int result = ReadNames(path, &names);
+    if (error != nullptr) *error = result;
     std::sort(names.begin(), names.end());
     return names;
 }

@@ -32,8 +32,9 @@ int ParseUnsigned(std::string_view text, std::uint64_t high, std::uint64_t *valu
 
 bool IsDirectory(const Path &path);
 
-// The names in a directory, unescaped, in ascending byte order; none when it is absent.
-std::vector<std::string> List(const Path &path);
+// The names in a directory, unescaped, in ascending byte order; none when it is absent. error,
+// which may be null, gets 0 or the errno of what failed.
+std::vector<std::string> List(const Path &path, int *error = nullptr);
 
 // 0 or an errno value; makes directories as needed, writes text and a newline, and renames.
 int WriteText(const Path &path, std::string_view text);

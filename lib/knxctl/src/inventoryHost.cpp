@@ -13,6 +13,7 @@ namespace {
 
 using HostInventory::Path;
 using KnxCtl::Fail;
+using KnxCtl::ListOrFail;
 using KnxCtl::ReadOrFail;
 
 Path DevicePath(const std::string &device, const char *entry)
@@ -46,7 +47,8 @@ public:
     std::vector<std::int32_t> GetPartitions() const override
     {
         std::vector<std::int32_t> partitions;
-        for (const std::string &name : HostInventory::List(DevicePath(mName, "partitions"))) {
+        for (const std::string &name :
+             ListOrFail(DevicePath(mName, "partitions"), "Partitions of device " + mName)) {
             std::int64_t number = 0;
             if (HostInventory::ParseInteger(name, 0, std::numeric_limits<std::int32_t>::max(), &number) ==
                     0 &&

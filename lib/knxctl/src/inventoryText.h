@@ -8,6 +8,7 @@
 #include <hostInventory.h>
 #include <string>
 #include <system_error>
+#include <vector>
 
 namespace KnxCtl {
 
@@ -22,6 +23,14 @@ inline std::string ReadOrFail(const HostInventory::Path &path, const std::string
     std::optional<std::string> text = HostInventory::ReadText(path, &error);
     if (!text) Fail(what, error);
     return *std::move(text);
+}
+
+inline std::vector<std::string> ListOrFail(const HostInventory::Path &path, const std::string &what)
+{
+    int error = 0;
+    std::vector<std::string> names = HostInventory::List(path, &error);
+    if (error != 0) Fail(what, error);
+    return names;
 }
 
 } // namespace KnxCtl

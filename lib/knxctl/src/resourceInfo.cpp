@@ -1,9 +1,7 @@
 #include "knxctl/resourceInfo.h"
 
-#include "knxctl/nodeAdmException.h"
+#include "inventoryText.h"
 
-#include <cstring>
-#include <hostInventory.h>
 #include <optional>
 #include <utility>
 
@@ -18,9 +16,7 @@ void VirtualMachine::Terminate(bool graceful)
 {
     const std::string world = std::to_string(mWorldId);
     const int error = HostInventory::WriteText({"vms", world, "terminated"}, graceful ? "1" : "0");
-    if (error != 0)
-        throw NodeAdm::Lib::NodeAdmException("Virtual machine " + world +
-                                             " cannot be terminated: " + std::strerror(error));
+    if (error != 0) Fail("Terminating virtual machine " + world, error);
 }
 
 std::unique_ptr<VirtualMachine> ResourceInfoImpl::GetVirtualMachineByWorldId(std::uint32_t worldId) const

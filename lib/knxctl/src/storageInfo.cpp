@@ -29,7 +29,7 @@ private:
 std::vector<std::unique_ptr<FileSystem>> StorageInfoImpl::GetFileSystems() const
 {
     std::vector<std::unique_ptr<FileSystem>> fileSystems;
-    for (std::string &entry : HostInventory::List({"storage", "filesystems"}))
+    for (std::string &entry : ListOrFail({"storage", "filesystems"}, "File systems"))
         fileSystems.push_back(std::make_unique<InventoryFileSystem>(std::move(entry)));
     return fileSystems;
 }

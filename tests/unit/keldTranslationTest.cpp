@@ -135,12 +135,13 @@ TEST_F(TranslationRowTest, FailedReadByIndexHasAMessageOfItsOwn)
     EXPECT_THAT(Events(), ElementsAre("nox.problem.row.index(naa.1, vmhba1:C0:T0:L4, 3)"));
 
     Observe(MakeKel("kel.row.index", "%d", 1));
+    Observe(MakeKel("kel.row.index", "%s", none)); // before what is missing behind it
     Observe(MakeKel("kel.row.index", "%s", "naa.1"));
     Observe(MakeKel("kel.row.index", "%s %s %s", "naa.1", "vmhba1:C0:T0:L4", "three"));
     Observe(MakeKel("kel.row.index", "%s %s %d", "naa.1", none, 3));
     EXPECT_THAT(Events(), IsEmpty());
-    EXPECT_THAT(LogLines(), ElementsAre("No device: 22", "No path of naa.1: 22", "No count of naa.1: 22",
-                                        "No path of naa.1: 22"));
+    EXPECT_THAT(LogLines(), ElementsAre("No device: 22", "No device: 22", "No path of naa.1: 22",
+                                        "No count of naa.1: 22", "No path of naa.1: 22"));
 }
 
 } // namespace

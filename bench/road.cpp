@@ -1,0 +1,286 @@
+#include "road.h"
+
+#include "child.h"
+#include "load.h"
+#include "receiver.h"
+
+#include <array>
+#include <kelproducer.h>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Record = std::vector<char>;
+
+constexpr int kContext = 0;
+constexpr int kBatch = 40; // observations in one datagram: as many as fit the daemon's first buffer
+
+// In the order of the table.
+enum Measure {
+    kUnmatchedCost,
+    kUnmatchedRate,
+    kBatchedCost,
+    kIgnoredCost,
+    kIgnoredRate,
+    kManyIdsCost,
+    kManyIdsFactor,
+    kLimitedCost,
+    kLimitedRate,
+    kPostedCost,
+    kPostedRate,
+    kLatencyMedian,
+    kLatency99,
+    kReady,
+    kFirstEvent,
+    kResident,
+    kLoaded,
+    kGrowth,
+    kWakeups,
+    kMeasures
+};
+using Figures = std::array<std::optional<double>, kMeasures>; // nothing for what a round has not taken
+
+struct Kind {
+    Measure measure;
+    const char *what, *unit;
+    Expected expected;
+};
+constexpr Expected AtMostRatio(double ratio) { return {Expected::Of::Ratio, ratio}; }
+constexpr Expected AtMost(double figure) { return {Expected::Of::Figure, figure}; }
+
+// clang-format off
+const Kind kKinds[] = {
+    {kUnmatchedCost, "unmatched observation: processor time", "ns", {}},
+    {kUnmatchedRate, "unmatched observations", "1/s", {}},
+    {kBatchedCost,   "unmatched, 40 to a datagram: processor time", "ns", {}},
+    {kIgnoredCost,   "ignored observation: processor time", "ns", AtMostRatio(1.25)},
+    {kIgnoredRate,   "ignored observations", "1/s", {}},
+    {kManyIdsCost,   "ignored, of 2500 identifiers: processor time", "ns", AtMostRatio(1.25)},
+    {kManyIdsFactor, "ignored, of 2500 against 25 identifiers", "times", AtMost(1.1)},
+    {kLimitedCost,   "rate-limited observation: processor time", "ns", AtMostRatio(1.25)},
+    {kLimitedRate,   "rate-limited observations", "1/s", {}},
+    {kPostedCost,    "posted event: processor time", "ns", AtMostRatio(1.25)},
+    {kPostedRate,    "posted events, up to the limit", "1/s", {}},
+    {kLatencyMedian, "channel to receiver: median", "us", AtMostRatio(1.3)},
+    {kLatency99,     "channel to receiver: 99th percentile", "us", {}},
+    {kReady,         "start to ready", "ms", AtMost(20)},
+    {kFirstEvent,    "start to first event received", "ms", AtMost(20)},
+    {kResident,      "resident memory, idle", "KiB", AtMost(6 * 1024)},
+    {kLoaded,        "resident memory, loaded", "KiB", AtMost(6 * 1024)},
+    {kGrowth,        "resident memory, growth under ten times the load", "KiB", AtMost(64)},
+    {kWakeups,       "wake-ups in 20 idle seconds", "", AtMost(0)},
+};
+// clang-format on
+static_assert(std::size(kKinds) == kMeasures);
+
+struct Producer {
+    Producer()
+    {
+        if (KelProducer_Open(kContext, &producer) != 0) throw std::runtime_error("no channel");
+    }
+    ~Producer() { KelProducer_Close(producer); }
+    Producer(const Producer &) = delete;
+    Producer &operator=(const Producer &) = delete;
+
+    void Send(const Record &bytes) const
+    {
+        if (KelProducer_Send(producer, bytes.data(), bytes.size()) != 0)
+            throw std::runtime_error("not sent");
+    }
+
+    KelProducer *producer = nullptr;
+};
+
+// An observation of kRecordBytes with two texts.
+Record Observation(const char *id)
+{
+    Record record(2 * Load::kRecordBytes);
+    std::size_t length = 0;
+    std::string padding;
+    for (int pass = 0; pass < 2; ++pass) { // the second fills up what the first has left
+        if (KelRecord_Build(record.data(), record.size(), &length, KELPRODUCER_NOW, id,
+                            "Uplink %s was connected to switch %s.", "vmnic2", padding.c_str()) != 0)
+            throw std::runtime_error(id);
+        if (pass == 0) padding.assign(Load::kRecordBytes - length, 's');
+    }
+    record.resize(length);
+    return record;
+}
+
+std::vector<Record> Ignored(int identifiers)
+{
+    std::vector<Record> records;
+    for (int i = 0; i < identifiers; ++i) {
+        char id[64];
+        std::snprintf(id, sizeof id, Load::kIgnoredIdFormat, i);
+        records.push_back(Observation(id));
+    }
+    return records;
+}
+
+struct LoadRecords {
+    std::vector<Record> unmatched{Observation(Load::kUnmatchedId)};
+    std::vector<Record> batch{Record()};
+    std::vector<Record> ignored = Ignored(25), manyIds = Ignored(2500);
+    std::vector<Record> posted{Observation(Load::kPostedId)};
+
+    LoadRecords()
+    {
+        for (int i = 0; i < kBatch; ++i)
+            batch[0].insert(batch[0].end(), unmatched[0].begin(), unmatched[0].end());
+    }
+};
+
+struct Cost {
+    double nanoseconds; // of processor time for each
+    double perSecond;
+};
+
+double Seconds(std::chrono::nanoseconds time) { return static_cast<double>(time.count()) / 1e9; }
+
+class Round {
+public:
+    Round(const std::string &program, const RoadOptions &options, const LoadRecords &load,
+          const Receiver &receiver)
+        : mOptions(options), mLoad(load), mReceiver(receiver), mStarted(Clock::now()), mChild(program)
+    {
+        mChild.WaitUntilReady();
+        mFigures[kReady] = Seconds(Clock::now() - mStarted) * 1e3;
+        mProducer = std::make_unique<Producer>();
+    }
+
+    // Everything but the latencies: the rate limit does not leave room for both.
+    Figures Costs()
+    {
+        mProducer->Send(mLoad.posted[0]);
+        mReceiver.Take();
+        mFigures[kFirstEvent] = Seconds(Clock::now() - mStarted) * 1e3;
+        mChild.WaitUntilIdle();
+        mFigures[kResident] = static_cast<double>(mChild.ResidentKiB());
+        const int count = mOptions.observations;
+        Put(Stream(mLoad.unmatched, count), kUnmatchedCost, kUnmatchedRate);
+        mFigures[kBatchedCost] = Stream(mLoad.batch, count / kBatch).nanoseconds / kBatch;
+        Put(Stream(mLoad.ignored, count), kIgnoredCost, kIgnoredRate);
+        mFigures[kManyIdsCost] = Stream(mLoad.manyIds, count).nanoseconds;
+        mFigures[kManyIdsFactor] = *mFigures[kManyIdsCost] / *mFigures[kIgnoredCost];
+        Put(Post(Load::kEventsPerWindow - 1), kPostedCost, kPostedRate);
+        Put(Stream(mLoad.posted, count / 2), kLimitedCost, kLimitedRate);
+        return mFigures;
+    }
+
+    // One observation at a time.
+    Figures Latencies()
+    {
+        std::vector<double> microseconds;
+        for (int i = 0; i < Load::kEventsPerWindow; ++i) {
+            const auto sent = Clock::now();
+            mProducer->Send(mLoad.posted[0]);
+            mReceiver.Take();
+            microseconds.push_back(Seconds(Clock::now() - sent) * 1e6);
+        }
+        mFigures[kLatencyMedian] = Median(microseconds);
+        mFigures[kLatency99] = Percentile(std::move(microseconds), 99);
+        return mFigures;
+    }
+
+    // What a tenth of the load has made resident is what all of it needs.
+    Figures Growth()
+    {
+        Costs();
+        const std::uint64_t before = mChild.ResidentKiB();
+        for (int i = 0; i < 9; ++i)
+            for (const auto *records : {&mLoad.unmatched, &mLoad.manyIds, &mLoad.posted})
+                Stream(*records, mOptions.observations);
+        mFigures[kLoaded] = static_cast<double>(mChild.ResidentKiB());
+        mFigures[kGrowth] = *mFigures[kLoaded] - static_cast<double>(before);
+        return mFigures;
+    }
+
+    Figures Idle()
+    {
+        mChild.WaitUntilIdle();
+        const std::uint64_t before = mChild.Wakeups();
+        std::this_thread::sleep_for(std::chrono::duration<double>(mOptions.idleSeconds));
+        mFigures[kWakeups] = static_cast<double>(mChild.Wakeups() - before);
+        return mFigures;
+    }
+
+private:
+    // Sends count datagrams as fast as they are taken, to the end of all that comes of them.
+    Cost Stream(const std::vector<Record> &records, int count)
+    {
+        return Measured(count, [&] {
+            for (int i = 0; i < count; ++i)
+                mProducer->Send(records[static_cast<std::size_t>(i) % records.size()]);
+        });
+    }
+
+    Cost Post(int count)
+    {
+        return Measured(count, [&] {
+            std::thread receiving([&] {
+                for (int i = 0; i < count; ++i)
+                    mReceiver.Take();
+            });
+            for (int i = 0; i < count; ++i)
+                mProducer->Send(mLoad.posted[0]);
+            receiving.join();
+        });
+    }
+
+    template <class Work> Cost Measured(int count, Work work)
+    {
+        const auto used = mChild.ProcessorTime();
+        const auto start = Clock::now();
+        work();
+        const auto end = mChild.WaitUntilIdle();
+        return {Seconds(mChild.ProcessorTime() - used) * 1e9 / count, count / Seconds(end - start)};
+    }
+
+    void Put(Cost cost, Measure nanoseconds, Measure perSecond)
+    {
+        mFigures[nanoseconds] = cost.nanoseconds;
+        mFigures[perSecond] = cost.perSecond;
+    }
+
+    const RoadOptions &mOptions;
+    const LoadRecords &mLoad;
+    const Receiver &mReceiver;
+    Figures mFigures{};
+    Clock::time_point mStarted;
+    Child mChild;
+    std::unique_ptr<Producer> mProducer;
+};
+
+} // namespace
+
+std::vector<Row> MeasureRoad(const RoadOptions &options)
+{
+    const LoadRecords load;
+    const Receiver receiver;
+    std::array<Pairs, kMeasures> pairs;
+    // A round of each in turns, the floor first in every other one.
+    const auto take = [&](int rounds, Figures (Round::*part)()) {
+        for (int i = 0; i < 2 * rounds; ++i) {
+            const bool floor = i % 4 == 0 || i % 4 == 3;
+            const Figures figures =
+                (Round(floor ? KELD_FLOOR_BINARY : options.keld, options, load, receiver).*part)();
+            for (std::size_t measure = 0; measure < kMeasures; ++measure)
+                if (figures[measure])
+                    (floor ? pairs[measure].floor : pairs[measure].keld).push_back(*figures[measure]);
+        }
+    };
+    take(options.rounds, &Round::Costs);
+    take(options.rounds, &Round::Latencies);
+    take(1, &Round::Growth);
+    take(1, &Round::Idle);
+
+    std::vector<Row> rows;
+    for (const Kind &kind : kKinds)
+        rows.push_back(MakeRow(kind.what, kind.unit, pairs[kind.measure], kind.expected));
+    return rows;
+}

@@ -1,0 +1,5 @@
+// Refused: RowError_UnknownConversion
+// A text is read as a pointer into the observation.
+#include "keldTranslation.h"
+
+constexpr Translation kRow{"kel.net.gone", Args("nic:%s"), "@&!*@*@(nox.problem.net.gone)NIC %s is gone."};

@@ -1,0 +1,150 @@
+// What the documents promise, against what the programs do.
+#include "systemTest.h"
+
+#include <filesystem>
+#include <fstream>
+#include <host.h>
+#include <kltlibs/rundir.h>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string ReadAll(const fs::path &file)
+{
+    std::stringstream text;
+    text << std::ifstream(file).rdbuf();
+    EXPECT_FALSE(text.str().empty()) << file;
+    return text.str();
+}
+
+std::string Document(const std::string &name) { return ReadAll(fs::path(KELD_SOURCE_DIR) / "docs" / name); }
+
+// The first fenced block behind a heading.
+std::string Example(const std::string &document, const std::string &heading)
+{
+    const std::size_t section = document.find("\n## " + heading + "\n");
+    const std::size_t start = document.find("```\n", section) + 4;
+    const std::size_t end = document.find("```", start);
+    EXPECT_NE(std::string::npos, section) << heading;
+    EXPECT_NE(std::string::npos, end) << heading;
+    return end == std::string::npos ? "" : document.substr(start, end - start);
+}
+
+// The bytes of a dump: where they are, the bytes in hexadecimal, and behind a ";" what they mean.
+RecordBytes Dump(const std::string &text)
+{
+    RecordBytes bytes;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line.substr(0, line.find(';')));
+        std::size_t at = 0;
+        words >> at;
+        EXPECT_EQ(bytes.size(), at) << line;
+        for (std::string byte; words >> byte;)
+            bytes.push_back(static_cast<std::byte>(std::stoi(byte, nullptr, 16)));
+    }
+    return bytes;
+}
+
+class DocumentTest : public SystemTest {
+protected:
+    const std::string formats = Document("formats.md");
+};
+
+TEST_F(DocumentTest, TheExampleIsWhatTheEncoderBuilds)
+{
+    EXPECT_EQ(MakeRecord("kel.net.portset.port.full", "Portset %s is full (%d ports)", "vSwitch0", 128),
+              Dump(Example(formats, "The observation record")));
+}
+
+TEST_F(DocumentTest, TheExampleBecomesTheEventAndTheTraceLinesBelowIt)
+{
+    host.Host("kernel/nodes/system/systemUuid", "4c4c4544-0042-3510-8053-b7c04f533232");
+    Start(kHandClockDaemon);
+    ASSERT_EQ(0, RawProducer(2).Send(Dump(Example(formats, "The observation record"))));
+    const auto events = receiver.WaitForRaw(1);
+    ASSERT_EQ(1U, events.size());
+    EXPECT_EQ(Dump(Example(formats, "The event record")), events[0]);
+
+    const std::string expected = Example(formats, "Trace lines") + "\n";
+    const int trace = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    ASSERT_EQ(0, KltRunDir_Path("keld-trace.sock", address.sun_path, sizeof address.sun_path));
+    ASSERT_EQ(0, connect(trace, reinterpret_cast<const sockaddr *>(&address), sizeof address));
+    std::string lines(expected.size(), '\0');
+    EXPECT_EQ(static_cast<ssize_t>(lines.size()), recv(trace, lines.data(), lines.size(), MSG_WAITALL));
+    EXPECT_EQ(expected, lines);
+    close(trace);
+}
+
+TEST_F(DocumentTest, TheScenarioComesOutAsItSays)
+{
+    const std::string file = host.Path("documented.kel");
+    std::ofstream(file) << Example(formats, "Scenarios");
+    const std::string check =
+        std::string(KELADM_BINARY " replay --check --daemon " KELD_BINARY " ") + file + " >/dev/null";
+    EXPECT_EQ(0, std::system(check.c_str()));
+}
+
+TEST_F(DocumentTest, TheInventoryIsTheOneThatKeladmKnows)
+{
+    std::set<std::string> known;
+    for (const HostEntry &entry : HostEntries())
+        known.insert(std::string(entry.pattern));
+    std::set<std::string> documented;
+    const std::size_t section = formats.find("\n## The host inventory\n");
+    const std::string table = formats.substr(section, formats.find("\n## ", section + 1) - section);
+    const std::regex row("\n\\| `([^`]+)`");
+    for (std::sregex_iterator match(table.begin(), table.end(), row), end; match != end; ++match)
+        documented.insert((*match)[1]);
+    EXPECT_EQ(known, documented);
+}
+
+// Literals of the daemon and the library that go to the log.
+std::set<std::string> LogFormats()
+{
+    const std::regex call(
+        R"re((?:KeldLog|Panic|KltDiagnose|\.failed = )[({]+\s*((?:"(?:[^"\\]|\\.)*"[,\s]*)+))re");
+    const std::regex literal(R"re("((?:[^"\\]|\\.)*)"(,?))re");
+    std::set<std::string> formats;
+    for (const char *folder : {"apps/keld", "lib/kltlibs/src", "lib/knxctl/src"})
+        for (const auto &file : fs::directory_iterator(fs::path(KELD_SOURCE_DIR) / folder)) {
+            if (file.path().extension() != ".cpp") continue;
+            const std::string source = ReadAll(file);
+            for (std::sregex_iterator found(source.begin(), source.end(), call), end; found != end;
+                 ++found) {
+                const std::string literals = (*found)[1];
+                std::string text;
+                for (std::sregex_iterator part(literals.begin(), literals.end(), literal); part != end;
+                     ++part) {
+                    text += (*part)[1];
+                    if ((*part)[2] == "" && std::next(part) != end) continue; // goes on in the next one
+                    formats.insert(std::regex_replace(text, std::regex(R"( *\\n$)"), ""));
+                    text.clear();
+                }
+            }
+        }
+    return formats;
+}
+
+TEST_F(DocumentTest, EveryLineOfTheLogIsExplained)
+{
+    const std::string operations = Document("operations.md");
+    const auto logged = LogFormats();
+    EXPECT_LT(40U, logged.size());
+    for (std::string format : logged) {
+        format = std::regex_replace(format, std::regex(R"(\\")"), "\"");
+        if (format == "%s") continue; // another's text
+        EXPECT_NE(std::string::npos, operations.find("`" + format)) << format;
+    }
+}
+
+} // namespace
