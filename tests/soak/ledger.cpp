@@ -191,7 +191,11 @@ void Ledger::TakeEvent(const EventRecord &event)
     mOutstanding.erase(found);
 }
 
-void Ledger::Settle() { mEven = Unsettled().empty(); }
+void Ledger::Settle()
+{
+    mEven = Unsettled().empty();
+    ++mSettled;
+}
 
 std::string Ledger::Unsettled() const
 {

@@ -43,6 +43,7 @@ public:
     // True when nothing is owed any more: all that was sent was taken in, all that was posted has come,
     // waits or was abandoned. Any thread may ask.
     bool IsEven() const { return mEven; }
+    std::uint64_t Settled() const { return mSettled; } // how often that was looked at
     void Settle();
 
     bool HasFailed() const { return mFailures != 0; }
@@ -95,6 +96,7 @@ private:
     std::atomic<std::uint64_t> mTakenIn = 0, mPosted = 0, mDropped = 0, mDisconnected = 0;
     std::atomic<int> mFailures = 0;
     std::atomic<bool> mEven = false;
+    std::atomic<std::uint64_t> mSettled = 0;
 };
 
 #endif
