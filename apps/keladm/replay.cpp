@@ -165,7 +165,7 @@ private:
     std::vector<WaitingEvent>::iterator FindEvent(const ExpectAction &expect)
     {
         return std::ranges::find_if(mWaiting, [&](const WaitingEvent &event) {
-            return !Difference(expect, event.type, event.arguments);
+            return Meets(expect, event.type, event.arguments);
         });
     }
 

@@ -67,4 +67,10 @@ std::vector<ScenarioStep> ParseScenario(std::string_view text);
 std::optional<std::string> Difference(const ExpectAction &expected, const std::string &type,
                                       const std::vector<std::string> &arguments);
 
+inline bool Meets(const ExpectAction &expected, const std::string &type,
+                  const std::vector<std::string> &arguments)
+{
+    return !Difference(expected, type, arguments);
+}
+
 #endif

@@ -36,7 +36,7 @@ std::string FormatOf(const Observation &observation)
 
 bool MeetsEvent(const std::string &expectation, const std::vector<std::string> &arguments)
 {
-    return !Difference(Only<ExpectAction>(expectation), "nox.problem.net.vmnic.linkstate.down", arguments);
+    return Meets(Only<ExpectAction>(expectation), "nox.problem.net.vmnic.linkstate.down", arguments);
 }
 
 } // namespace
