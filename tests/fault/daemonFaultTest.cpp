@@ -371,7 +371,8 @@ class GoesOnTest : public FaultTest, public testing::WithParamInterface<std::tup
 
 TEST_P(GoesOnTest, CostsNoMoreThanItMust)
 {
-    const auto &[row, times] = GetParam();
+    const GoesOnRow &row = std::get<GoesOnRow>(GetParam()); // clang captures no binding
+    const Times times = std::get<Times>(GetParam());
     if (!CanFail(row.fault.seam)) GTEST_SKIP();
     if (row.running) LaunchAndCount();
     faults.Arm(row.fault, times);
