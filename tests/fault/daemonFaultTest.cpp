@@ -74,6 +74,7 @@ public:
     void SendSwapLoss() { SendMany("kel.swap.systemSwap.isPDL.removed", 1); }
     void SendManySwapLosses() { SendMany("kel.swap.systemSwap.isPDL.removed", kMoreThanAPipeHolds); }
     void SendSwapLossForGood() { SendMany("kel.swap.systemSwap.isPDL.cannot.remove", 1); }
+    void SendNews() { SendMany("kel.external.x", 1); }
     void SendNetNews() { SendMany("kel.net.x", 1); }
     void ConnectTraceClient() { ExpectEnd(TraceClient(host.Path("keld-trace.sock"))); }
     void Stop() { daemon->Signal(SIGTERM); }
@@ -331,8 +332,9 @@ const GoesOnRow kGoesOnRows[] = {
 
     {"AgentPollInterrupted", true, &FaultTest::SendReport, {Seam::Poll, EINTR, 1, "Generic"},
      "", Outcome::Delivered, ""},
-    {"AgentPoll", true, &FaultTest::SendReport, {Seam::Poll, ENOMEM, 1, "Generic"},
-     "Failed to poll - Cannot allocate memory", Outcome::Delivered, "kel.external.error"},
+    // Before its agent sees the news, or behind that: it may still be on its way back to its poll.
+    {"AgentPoll", true, &FaultTest::SendNews, {Seam::Poll, ENOMEM, 1, "Generic"},
+     "Failed to poll - Cannot allocate memory", Outcome::NoReport, "kel.external.error"},
     {"NetAgentPoll", true, &FaultTest::SendNetNews, {Seam::Poll, ENOMEM, 1, "Net"},
      "Failed to poll - Cannot allocate memory", Outcome::NoReport, "kel.net.x"},
     {"AgentReadAgain", true, &FaultTest::SendReport, {Seam::Read, EAGAIN, 1, "Generic"}, "", Outcome::Delivered, ""},
@@ -371,7 +373,8 @@ class GoesOnTest : public FaultTest, public testing::WithParamInterface<std::tup
 
 TEST_P(GoesOnTest, CostsNoMoreThanItMust)
 {
-    const auto &[row, times] = GetParam();
+    const GoesOnRow &row = std::get<GoesOnRow>(GetParam()); // clang captures no binding
+    const Times times = std::get<Times>(GetParam());
     if (!CanFail(row.fault.seam)) GTEST_SKIP();
     if (row.running) LaunchAndCount();
     faults.Arm(row.fault, times);
