@@ -4,6 +4,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <system_error>
 
@@ -32,7 +33,10 @@ std::string_view WithoutPrefixes(std::string_view line)
 
 CapturedText::CapturedText() : mFd(memfd_create("captured", MFD_CLOEXEC))
 {
-    if (mFd < 0) throw std::system_error(errno, std::generic_category(), "memfd_create");
+    // Appending: the system moves such a file's position without a lock, and of two threads that write at
+    // the same moment one would overwrite the other.
+    if (mFd < 0 || fcntl(mFd, F_SETFL, O_APPEND) != 0)
+        throw std::system_error(errno, std::generic_category(), "memfd_create");
 }
 
 CapturedText::~CapturedText() { close(mFd); }
