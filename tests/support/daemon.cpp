@@ -15,7 +15,6 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -57,18 +56,16 @@ std::vector<char *> Pointers(std::vector<std::string> &texts)
     return pointers;
 }
 
-// True when somebody has the socket bound, and not only left it behind. Asked with a socket of another
-// kind, so that whoever listens is not disturbed.
-bool IsBound(const char *name)
+// True when somebody listens there, asked without making a connection. A socket that is bound and does not
+// listen yet refuses whoever comes.
+bool IsListening(const char *name)
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (KltRunDir_Path(name, address.sun_path, sizeof address.sun_path) != 0) return false;
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const int result = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
-    const bool bound = result != 0 && errno == EPROTOTYPE;
-    close(fd);
-    return bound;
+    char path[KLT_RUN_PATH_BYTES];
+    if (KltRunDir_Path(name, path, sizeof path) != 0) return false;
+    std::ifstream sockets("/proc/net/unix");
+    for (std::string line; std::getline(sockets, line);)
+        if (line.ends_with(std::string(" ") + path) && line.find(" 00010000 ") != line.npos) return true;
+    return false;
 }
 
 } // namespace
@@ -120,9 +117,9 @@ Daemon::~Daemon()
 // The trace socket is the last that the daemon opens.
 bool Daemon::WaitUntilReady()
 {
-    bool bound = false;
-    WaitUntil([&] { return (bound = IsBound("keld-trace.sock")) || !IsRunning(); });
-    return bound;
+    bool ready = false;
+    WaitUntil([&] { return (ready = IsListening("keld-trace.sock")) || !IsRunning(); });
+    return ready;
 }
 
 int Daemon::Terminate(int signal, std::chrono::milliseconds limit)
