@@ -3,13 +3,28 @@
 #include "keldAlarm.h"
 
 #include "handClock.h"
+#include "waitFor.h"
 
+#include <atomic>
 #include <climits>
 #include <gtest/gtest.h>
 #include <kltlibs/ktime.h>
 #include <string>
+#include <utility>
 
 namespace {
+
+class WatchedClock : public HandClock {
+public:
+    void WaitUntil(std::condition_variable &condition, std::unique_lock<std::mutex> &lock,
+                   std::optional<std::uint64_t> wallSeconds) override
+    {
+        waitedFor = wallSeconds.value_or(0);
+        HandClock::WaitUntil(condition, lock, wallSeconds);
+    }
+
+    std::atomic<std::uint64_t> waitedFor{1}; // 0 without a limit
+};
 
 class AlarmTest : public testing::Test {
 protected:
@@ -28,12 +43,11 @@ protected:
     static void NoteA() { Note("a"); }
     static void NoteB() { Note("b"); }
 
-    // What fires in the seconds after: "a10 b12 ".
+    // What has fired when so many seconds have passed: "a10 b12 ".
     std::string After(std::uint64_t seconds)
     {
-        fired.clear();
         clock.Advance(seconds);
-        return fired;
+        return std::exchange(fired, "");
     }
     static std::uint32_t SetAndTellRemaining(int alarm, std::uint32_t seconds)
     {
@@ -43,7 +57,7 @@ protected:
     }
 
     static inline AlarmTest *test = nullptr;
-    HandClock &clock = *new HandClock; // outlives the alarm thread
+    WatchedClock &clock = *new WatchedClock; // outlives the alarm thread
     const int a = KeldAlarmRegister(NoteA);
     const int b = KeldAlarmRegister(NoteB);
     std::string fired; // written on the alarm thread, while Advance waits for it
@@ -82,12 +96,28 @@ TEST_F(AlarmTest, SettingTellsWhatThePreviousSettingHadLeft)
     EXPECT_EQ(0U, SetAndTellRemaining(a, 0));
 }
 
+// A clock that nobody moves wakes nobody: the thread is told of every setting.
+TEST_F(AlarmTest, TheThreadWaitsForWhatWasSetLast)
+{
+    const auto waitsFor = [this](std::uint64_t moment) {
+        return WaitUntil([=, this] { return clock.waitedFor == moment; });
+    };
+    EXPECT_TRUE(waitsFor(0));
+    EXPECT_EQ(0, KeldAlarmSet(a, kKeldAlarmOneShot, 180));
+    EXPECT_TRUE(waitsFor(HandClock::kStart + 180));
+    EXPECT_EQ(0, KeldAlarmSet(b, kKeldAlarmOneShot, 5));
+    EXPECT_TRUE(waitsFor(HandClock::kStart + 5));
+    EXPECT_EQ(0, KeldAlarmSet(b, kKeldAlarmOneShot, 0));
+    EXPECT_TRUE(waitsFor(HandClock::kStart + 180));
+}
+
 TEST_F(AlarmTest, APeriodicAlarmCountsFromTheMomentItFired)
 {
     EXPECT_EQ(0, KeldAlarmSet(a, kKeldAlarmPeriodic, 5));
     EXPECT_EQ("a5 a10 ", After(12));
     clock.Set(HandClock::kStart + 28); // what the clock leaps over is not made up for
-    EXPECT_EQ("a28 a33 ", After(6));
+    EXPECT_EQ("a28 ", After(0));
+    EXPECT_EQ("a33 ", After(6));
     EXPECT_EQ(4U, SetAndTellRemaining(a, 0));
     EXPECT_EQ("", After(100));
 }
