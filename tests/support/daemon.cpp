@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <kltlibs/rundir.h>
 #include <poll.h>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 #include <sys/prctl.h>
@@ -57,18 +58,22 @@ std::vector<char *> Pointers(std::vector<std::string> &texts)
     return pointers;
 }
 
-// True when somebody has the socket bound, and not only left it behind. Asked with a socket of another
-// kind, so that whoever listens is not disturbed.
-bool IsBound(const char *name)
+// True when somebody listens on the socket: bound alone, it would still refuse. Read from the system's
+// table, so that whoever listens is not disturbed.
+bool IsListening(const char *name)
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (KltRunDir_Path(name, address.sun_path, sizeof address.sun_path) != 0) return false;
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const int result = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
-    const bool bound = result != 0 && errno == EPROTOTYPE;
-    close(fd);
-    return bound;
+    constexpr unsigned long kAcceptsConnections = 0x10000;
+    char path[KLT_RUN_PATH_BYTES];
+    if (KltRunDir_Path(name, path, sizeof path) != 0) return false;
+    std::ifstream sockets("/proc/net/unix");
+    for (std::string line; std::getline(sockets, line);) {
+        std::istringstream fields(line);
+        std::string address, references, protocol, flags, type, state, inode, where;
+        fields >> address >> references >> protocol >> flags >> type >> state >> inode >> where;
+        if (where == path && (std::strtoul(flags.c_str(), nullptr, 16) & kAcceptsConnections) != 0)
+            return true;
+    }
+    return false;
 }
 
 } // namespace
@@ -120,9 +125,9 @@ Daemon::~Daemon()
 // The trace socket is the last that the daemon opens.
 bool Daemon::WaitUntilReady()
 {
-    bool bound = false;
-    WaitUntil([&] { return (bound = IsBound("keld-trace.sock")) || !IsRunning(); });
-    return bound;
+    bool listening = false;
+    WaitUntil([&] { return (listening = IsListening("keld-trace.sock")) || !IsRunning(); });
+    return listening;
 }
 
 int Daemon::Terminate(int signal, std::chrono::milliseconds limit)
