@@ -4,6 +4,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <system_error>
 
@@ -32,7 +33,10 @@ std::string_view WithoutPrefixes(std::string_view line)
 
 CapturedText::CapturedText() : mFd(memfd_create("captured", MFD_CLOEXEC))
 {
-    if (mFd < 0) throw std::system_error(errno, std::generic_category(), "memfd_create");
+    // Without O_APPEND, writes of two threads at once may take the same place: such a file's position
+    // is not locked.
+    if (mFd < 0 || fcntl(mFd, F_SETFL, O_APPEND) != 0)
+        throw std::system_error(errno, std::generic_category(), "memfd_create");
 }
 
 CapturedText::~CapturedText() { close(mFd); }
