@@ -252,8 +252,8 @@ Exit status: 0 done; 1 when the entry is absent or cannot be changed; 2 for a na
 value that the daemon would not understand, and nothing was changed.
 
 Examples:
-  keladm host set storage/paths/vmhba1:C0:T0:L4 naa.600508b1001c4d41
-  keladm host set "net/portgroups/VM Network" vSwitch0
+  keladm host set storage/paths/hba1:C0:T0:L4 naa.600508b1001c4d41
+  keladm host set "net/portgroups/Production" vSwitch0
   keladm host mkdir kernel/nodes/net/pNics/vmnic2
   keladm host list storage)";
 }
@@ -272,7 +272,7 @@ HostInventory::Path ParseHostName(std::string_view name)
                                                   Quoted(part)));
         if (unescaped->empty() || *unescaped == "." || *unescaped == "..")
             throw Failure(kExitUsage,
-                          fmt::format("{}: {} is no name; write it like storage/paths/vmhba1:C0:T0:L4",
+                          fmt::format("{}: {} is no name; write it like storage/paths/hba1:C0:T0:L4",
                                       Quoted(name), Quoted(part)));
         path.push_back(std::move(*unescaped));
     }
@@ -391,7 +391,7 @@ void AddHostCommand(CLI::App &app, Command *chosen)
     get->add_option("NAME", options->name, "The entry")->required();
     get->add_flag("--json", options->asJson, "A JSON object");
     addChange("set", "Write an entry, making directories as needed",
-              "storage/paths/vmhba1:C0:T0:L4 naa.600508b1001c4d41", HostVerb::Set)
+              "storage/paths/hba1:C0:T0:L4 naa.600508b1001c4d41", HostVerb::Set)
         ->add_option("VALUE", options->value, "Its value")
         ->required();
     addChange("mkdir", "Make a directory", "kernel/nodes/net/pNics/vmnic2", HostVerb::MakeDirectory);

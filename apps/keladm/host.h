@@ -32,7 +32,7 @@ struct HostChange {
     std::string value; // of Set
 };
 
-// "net/portgroups/VM Network" as its parts; a "/" inside a part is written %2F, a "%" %25. Throws Failure.
+// "net/portgroups/Production" as its parts; a "/" inside a part is written %2F, a "%" %25. Throws Failure.
 HostInventory::Path ParseHostName(std::string_view name);
 std::string HostName(const HostInventory::Path &path);
 

@@ -65,7 +65,7 @@ const Expected &ExpectedObservations()
         {"kel.tests.async.withStringParams",      "vmnic2 vmnic3 vmnic4.", 3, 0},
         {"kel.tests.async.withLongStringParam",   Long('l') + ".", 1, 0},
         {"kel.tests.async.withLongStringParams",  Long('l') + " " + Long('m') + ".", 2, 0},
-        {"kel.tests.async.withMixedParams",       "vmhba1:C0:T0:L4 4 1000000.", 1, 2},
+        {"kel.tests.async.withMixedParams",       "hba1:C0:T0:L4 4 1000000.", 1, 2},
     }};
     // clang-format on
     return expected;

@@ -103,7 +103,7 @@ TEST_F(HostTest, AnAbsentEntryIsToldFromOneThatCannotBeRead)
         return error;
     };
     Write("storage/file", "x");
-    EXPECT_EQ(ENOENT, errorOf({"storage", "paths", "vmhba1:C0:T0:L4"}));
+    EXPECT_EQ(ENOENT, errorOf({"storage", "paths", "hba1:C0:T0:L4"}));
     EXPECT_EQ(ENOENT, errorOf({"storage", "file", "below"})) << "a file has nothing below it";
     EXPECT_EQ(ENOENT, errorOf({"storage", std::string(300, 'x')})) << "no name is so long";
     EXPECT_EQ(EISDIR, errorOf({"storage"}));

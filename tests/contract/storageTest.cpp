@@ -21,9 +21,9 @@ protected:
 
 TEST_F(StorageContract, PathLeadsToItsDevice)
 {
-    EXPECT_THROW((void)storage->GetDeviceNameOfPath("vmhba1:C0:T0:L4"), NodeAdmException);
-    runDir.Host("storage/paths/vmhba1:C0:T0:L4", "naa.60a98000");
-    EXPECT_EQ("naa.60a98000", storage->GetDeviceNameOfPath("vmhba1:C0:T0:L4"));
+    EXPECT_THROW((void)storage->GetDeviceNameOfPath("hba1:C0:T0:L4"), NodeAdmException);
+    runDir.Host("storage/paths/hba1:C0:T0:L4", "naa.60a98000");
+    EXPECT_EQ("naa.60a98000", storage->GetDeviceNameOfPath("hba1:C0:T0:L4"));
     runDir.Host("storage/paths/fc.20%2F1", "naa.1");
     EXPECT_EQ("naa.1", storage->GetDeviceNameOfPath("fc.20/1"));
 }

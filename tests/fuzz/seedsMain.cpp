@@ -43,7 +43,7 @@ void WriteObservations()
     constexpr unsigned short kShort = 513;
     constexpr unsigned char kByte = 255;
     const RecordBytes path = MakeRecord("kel.scsi.scsipath.pathstate.dead",
-                                        "Path %s changed its state from %s", "vmhba1:C0:T0:L4", "on");
+                                        "Path %s changed its state from %s", "hba1:C0:T0:L4", "on");
     const RecordBytes signs =
         MakeRecord("kel.x", "%d %u %ld %lu %hd %hhx %c%% %s", -1, ~0U, -1L, ~0UL, kBelow, kByte, 'k', "");
     WriteObservation(path);
@@ -94,7 +94,7 @@ constexpr const char *kInventoryEntries[] = {
     "storage/devices/naa.60a98000572d54724a34642d71325763/pathRedundancy\n3",
     "storage/devices/naa.6/partitions/1\nds-gold",
     "vms/4711/name\nweb01",
-    "net/portgroups/VM Network\nvSwitch0",
+    "net/portgroups/Production\nvSwitch0",
     "a/../b\n",
 };
 

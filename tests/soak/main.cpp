@@ -49,7 +49,7 @@ protected:
             const std::string n = number;
             host.Host("net/portgroups/PG-" + n, "vSwitch0");
             host.HostDirectory("kernel/nodes/net/pNics/vmnic" + n);
-            host.Host("storage/paths/vmhba1:C0:T0:L" + n, "naa.6000" + n);
+            host.Host("storage/paths/hba1:C0:T0:L" + n, "naa.6000" + n);
             host.Host("storage/devices/naa.6000" + n + "/pathRedundancy", n);
             host.Host("storage/devices/naa.6000" + n + "/partitions/1", "datastore" + n);
         }

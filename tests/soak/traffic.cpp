@@ -106,7 +106,7 @@ struct Values {
         const std::string number = std::to_string(dice.Below(4));
         if (name == "nic") return "vmnic" + number;
         if (name == "portGroup") return "PG-" + number;
-        if (name == "path") return "vmhba1:C0:T0:L" + number;
+        if (name == "path") return "hba1:C0:T0:L" + number;
         return std::string(name) + "-" + number;
     }
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-// "nox.problem.net.connectivity.lost(vmnic2, VM Network)": one event as one line to compare.
+// "nox.problem.net.connectivity.lost(vmnic2, Production)": one event as one line to compare.
 std::string ToText(const EventRecord &event);
 
 // Listens on carad-pling.sock in the run directory. The daemon connects, sends and closes in one go,

@@ -23,7 +23,7 @@ public:
     std::string Path(const std::string &name) const { return mPath + "/" + name; }
 
     // Writes, reads, makes and removes one entry of the host, named as on disk under host/:
-    // Host("storage/paths/vmhba1:C0:T0:L4", "naa.60003ff44dc75adc"). Throw std::runtime_error on failure.
+    // Host("storage/paths/hba1:C0:T0:L4", "naa.60003ff44dc75adc"). Throw std::runtime_error on failure.
     void Host(std::string_view entry, std::string_view text);
     void HostDirectory(std::string_view entry);
     void RemoveHost(std::string_view entry);

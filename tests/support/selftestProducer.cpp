@@ -31,7 +31,7 @@ std::vector<RecordBytes> SelftestObservations()
         MakeRecord("kel.tests.async.withLongStringParam", "%s.", longText.c_str()),
         MakeRecord("kel.tests.async.withLongStringParams", "%s %s.", longText.c_str(),
                    otherLongText.c_str()),
-        MakeRecord("kel.tests.async.withMixedParams", "%s %u %d.", "vmhba1:C0:T0:L4", 4U, 1000000),
+        MakeRecord("kel.tests.async.withMixedParams", "%s %u %d.", "hba1:C0:T0:L4", 4U, 1000000),
     };
 }
 

@@ -120,7 +120,7 @@ TEST_F(SelftestTest, ChangedObservationFailsAndHoldsUpItsRow)
 
 TEST_F(SelftestTest, ArgumentsAreCheckedBehindTheMessage)
 {
-    script.back() = MakeRecord("kel.tests.async.withMixedParams", "%s 4 %d.", "vmhba1:C0:T0:L4", 1000000);
+    script.back() = MakeRecord("kel.tests.async.withMixedParams", "%s 4 %d.", "hba1:C0:T0:L4", 1000000);
     EXPECT_EQ(2, Run());
     EXPECT_THAT(Verdict(), ElementsAre("FAIL: Kel_GetIntArg returned 22 @ i = 2",
                                        "FAIL: No. of tests = 21, but received only 20 kels.",

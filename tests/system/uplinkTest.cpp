@@ -15,7 +15,7 @@ protected:
     void SetUp() override
     {
         host.Host("net/portgroups/Production", "vSwitch0");
-        host.Host("net/portgroups/vMotion", "vSwitch0");
+        host.Host("net/portgroups/Migration", "vSwitch0");
         Start(kShippedDaemon);
     }
 
@@ -34,20 +34,20 @@ protected:
 TEST_F(UplinkSystemTest, TwoNicsThatFailAndRecoverAreReportedInOrder)
 {
     PortGroup("down", "vmnic0", "Production", 0);
-    PortGroup("down", "vmnic0", "vMotion", 1);
+    PortGroup("down", "vmnic0", "Migration", 1);
     DvPort("down", "vmnic0", "17", 1);
     PortGroup("down", "vmnic1", "Production", 0);
     EXPECT_EQ((Texts{"nox.problem.net.connectivity.lost(vSwitch0, vmnic0, Production)",
-                     "nox.problem.net.redundancy.lost(vSwitch0, vmnic0, vMotion)",
+                     "nox.problem.net.redundancy.lost(vSwitch0, vmnic0, Migration)",
                      "nox.problem.net.dvport.redundancy.lost(dvs-storage/17, vmnic0)",
                      "nox.problem.net.connectivity.lost(vSwitch0, vmnic1, Production)"}),
               receiver.WaitForTexts(4));
 
     PortGroup("up", "vmnic0", "Production", 1);
-    PortGroup("up", "vmnic0", "vMotion", 2);
+    PortGroup("up", "vmnic0", "Migration", 2);
     DvPort("up", "vmnic0", "17", 2);
     EXPECT_EQ((Texts{"nox.clear.net.connectivity.restored(vSwitch0, Production, vmnic0)",
-                     "nox.clear.net.redundancy.restored(vSwitch0, vMotion, vmnic0)",
+                     "nox.clear.net.redundancy.restored(vSwitch0, Migration, vmnic0)",
                      "nox.clear.net.dvport.redundancy.restored(dvs-storage/17, vmnic0)"}),
               receiver.WaitForTexts(3));
 

@@ -80,10 +80,10 @@ TEST_F(KeladmCommandTest, WrongUsageAndAMissingDaemonHaveStatusesOfTheirOwn)
 
 TEST_F(KeladmCommandTest, TheHostIsReadBackAsItWasWritten)
 {
-    EXPECT_EQ("0 vSwitch0\nnet/portgroups/VM Network = vSwitch0\n",
-              Run("$KELADM host set 'net/portgroups/VM Network' vSwitch0 && "
-                  "$KELADM host get 'net/portgroups/VM Network' && $KELADM host list"));
-    EXPECT_EQ("0 {\"name\":\"net/portgroups/VM Network\",\"value\":\"vSwitch0\"}\n",
+    EXPECT_EQ("0 vSwitch0\nnet/portgroups/Production = vSwitch0\n",
+              Run("$KELADM host set 'net/portgroups/Production' vSwitch0 && "
+                  "$KELADM host get 'net/portgroups/Production' && $KELADM host list"));
+    EXPECT_EQ("0 {\"name\":\"net/portgroups/Production\",\"value\":\"vSwitch0\"}\n",
               Run("$KELADM host list --json net"));
 }
 

@@ -31,15 +31,15 @@ std::string Set(const std::string &name, const std::string &value)
 TEST(KeladmHostTest, AChangeReachesTheFileThatTheDaemonReads)
 {
     RunDir run;
-    ApplyHostChange(MakeHostChange(HostVerb::Set, "storage/paths/vmhba1:C0:T0:L4", "naa.60003ff44dc75adc"));
+    ApplyHostChange(MakeHostChange(HostVerb::Set, "storage/paths/hba1:C0:T0:L4", "naa.60003ff44dc75adc"));
     ApplyHostChange(MakeHostChange(HostVerb::Set, "net/portgroups/VM%2FNet 10%25", "vSwitch0"));
     ApplyHostChange(MakeHostChange(HostVerb::MakeDirectory, "kernel/nodes/net/pNics/vmnic2"));
-    EXPECT_EQ("naa.60003ff44dc75adc", run.HostText("storage/paths/vmhba1:C0:T0:L4"));
+    EXPECT_EQ("naa.60003ff44dc75adc", run.HostText("storage/paths/hba1:C0:T0:L4"));
     EXPECT_EQ("vSwitch0", run.HostText("net/portgroups/VM%2FNet 10%25"));
     EXPECT_TRUE(HostInventory::IsDirectory({"kernel", "nodes", "net", "pNics", "vmnic2"}));
 
     ApplyHostChange(MakeHostChange(HostVerb::Remove, "storage"));
-    EXPECT_EQ(std::nullopt, run.HostText("storage/paths/vmhba1:C0:T0:L4"));
+    EXPECT_EQ(std::nullopt, run.HostText("storage/paths/hba1:C0:T0:L4"));
     EXPECT_THROW(ApplyHostChange(MakeHostChange(HostVerb::Remove, "storage")), Failure);
 }
 

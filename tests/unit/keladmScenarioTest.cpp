@@ -74,8 +74,8 @@ TEST(KeladmScenarioTest, RepeatsHoldTheirStepsAndEachOther)
 
 TEST(KeladmScenarioTest, HostChangesAreCheckedBeforeAnythingIsPlayed)
 {
-    auto change = Only<HostChange>("host set 'net/portgroups/VM Network' vSwitch0");
-    EXPECT_EQ((HostInventory::Path{"net", "portgroups", "VM Network"}), change.path);
+    auto change = Only<HostChange>("host set 'net/portgroups/Production' vSwitch0");
+    EXPECT_EQ((HostInventory::Path{"net", "portgroups", "Production"}), change.path);
     EXPECT_THAT(
         FailureOf("\nhost set storage/devices/naa.6/pathRedundancy 4"),
         StartsWith("line 2: storage/devices/naa.6/pathRedundancy: \"4\" is not an integer from 0 to 3"));

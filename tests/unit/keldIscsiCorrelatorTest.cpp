@@ -12,7 +12,7 @@ protected:
     // The login status as the event shows it.
     std::string Shown(const char *id, unsigned status)
     {
-        Observe(MakeKel(id, "%s %s %u", "iqn.2001-04.com.example:disk1", "vmhba64", status));
+        Observe(MakeKel(id, "%s %s %u", "iqn.2001-04.com.example:disk1", "hba64", status));
         const Lines posted = Events();
         if (posted.size() != 1) return "nothing";
         const std::string &event = posted.front();
@@ -35,15 +35,15 @@ TEST_F(IscsiTest, Kept_LongLoginStatusIsCutToItsFirstFourDigits)
 
 TEST_F(IscsiTest, FailuresNameBothSidesInTheOrderRead)
 {
-    Observe(MakeKel("kel.iscsi.target.login.error", "%s %s %u", "iqn.2001-04.com.example:disk1", "vmhba64",
+    Observe(MakeKel("kel.iscsi.target.login.error", "%s %s %u", "iqn.2001-04.com.example:disk1", "hba64",
                     0x201));
-    Observe(MakeKel("kel.iscsi.isns.discovery.error", "%s %s %s %s", "10.0.0.7", "vmhba64", "timeout",
+    Observe(MakeKel("kel.iscsi.isns.discovery.error", "%s %s %s %s", "10.0.0.7", "hba64", "timeout",
                     "no reply"));
     EXPECT_THAT(
         Events(),
         ElementsAre(
-            "nox.problem.storage.iscsi.target.login.error(iqn.2001-04.com.example:disk1, vmhba64, 0201)",
-            "nox.problem.storage.iscsi.isns.discovery.error(10.0.0.7, vmhba64, timeout, no reply)"));
+            "nox.problem.storage.iscsi.target.login.error(iqn.2001-04.com.example:disk1, hba64, 0201)",
+            "nox.problem.storage.iscsi.isns.discovery.error(10.0.0.7, hba64, timeout, no reply)"));
 }
 
 TEST_F(IscsiTest, WhatTheInitiatorMendsAndWhatIsUnknownLeaveNothing)
@@ -51,8 +51,8 @@ TEST_F(IscsiTest, WhatTheInitiatorMendsAndWhatIsUnknownLeaveNothing)
     for (const char *id :
          {"kel.iscsi.connection.started", "kel.iscsi.connection.stopped", "kel.iscsi.connection.error",
           "kel.iscsi.session.recovery.timeout", "kel.iscsi.target.async.event", "kel.iscsi.unheard.of"})
-        Observe(MakeKel(id, "%s %s", "iqn.2001-04.com.example:disk1", "vmhba64"));
-    Observe(MakeKel("kel.iscsi.target.login.error", "%s %s", "iqn.2001-04.com.example:disk1", "vmhba64"));
+        Observe(MakeKel(id, "%s %s", "iqn.2001-04.com.example:disk1", "hba64"));
+    Observe(MakeKel("kel.iscsi.target.login.error", "%s %s", "iqn.2001-04.com.example:disk1", "hba64"));
     EXPECT_THAT(Events(), IsEmpty());
     EXPECT_THAT(LogLines(), IsEmpty());
 }

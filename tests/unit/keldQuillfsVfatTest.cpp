@@ -48,7 +48,7 @@ protected:
     void ObserveInodeTableFull(const char *directory, const char *name)
     {
         Observe(
-            MakeKel("kel.quillfs.ramdisk.inodetable.full", "%s %s %s %s", directory, name, "hostd", "var"));
+            MakeKel("kel.quillfs.ramdisk.inodetable.full", "%s %s %s %s", directory, name, "snmpd", "var"));
     }
     void ObserveRamdiskFull(const char *file)
     {
@@ -61,23 +61,23 @@ protected:
 
 TEST_F(QuillfsCorrelatorTest, ReportsNameTheRamdiskFirstAndTheWholePath)
 {
-    ObserveInodeTableFull("/var/run", "hostd.pid");
+    ObserveInodeTableFull("/var/run", "snmpd.pid");
     ObserveRamdiskFull("/tmp/bundle.tgz");
     EXPECT_THAT(Events(),
-                ElementsAre("nox.problem.quillfs.ramdisk.inodetable.full(var, /var/run/hostd.pid, hostd)",
+                ElementsAre("nox.problem.quillfs.ramdisk.inodetable.full(var, /var/run/snmpd.pid, snmpd)",
                             "nox.problem.quillfs.ramdisk.full(tmp, /tmp/bundle.tgz)"));
 }
 
 TEST_F(QuillfsCorrelatorTest, EachReportIsQuietFor300Seconds)
 {
-    ExpectQuietPeriod([this] { ObserveInodeTableFull("/var/run", "hostd.pid"); });
+    ExpectQuietPeriod([this] { ObserveInodeTableFull("/var/run", "snmpd.pid"); });
     ExpectQuietPeriod([this] { ObserveRamdiskFull("/tmp/bundle.tgz"); });
     ExpectQuietPeriod([this] { ObserveFailure(); });
 }
 
 TEST_F(QuillfsCorrelatorTest, Kept_WhatKeepsFailingIsReportedOnce)
 {
-    ExpectRenewal([this] { ObserveInodeTableFull("/var/run", "hostd.pid"); });
+    ExpectRenewal([this] { ObserveInodeTableFull("/var/run", "snmpd.pid"); });
     ExpectRenewal([this] { ObserveRamdiskFull("/tmp/bundle.tgz"); });
     ExpectRenewal([this] { ObserveFailure(); });
 }
@@ -93,8 +93,8 @@ TEST_F(QuillfsCorrelatorTest, FilesAreReportedApart)
 
 TEST_F(QuillfsCorrelatorTest, OneFileIsOneHoweverItsPathIsCut)
 {
-    ObserveInodeTableFull("/var", "run/hostd.pid");
-    ObserveInodeTableFull("/var/run", "hostd.pid");
+    ObserveInodeTableFull("/var", "run/snmpd.pid");
+    ObserveInodeTableFull("/var/run", "snmpd.pid");
     EXPECT_THAT(Events(), SizeIs(1));
 }
 
@@ -119,7 +119,7 @@ TEST_F(QuillfsCorrelatorTest, WhatCannotBeReadBeginsNoQuietPeriod)
 {
     Observe(MakeKel("kel.quillfs.ramdisk.full", "%s", "/tmp/bundle.tgz"));
     ObserveRamdiskFull(none);
-    ObserveInodeTableFull(none, "hostd.pid");
+    ObserveInodeTableFull(none, "snmpd.pid");
     EXPECT_THAT(Events(), IsEmpty());
     ObserveRamdiskFull("/tmp/bundle.tgz");
     EXPECT_THAT(Events(), SizeIs(1));

@@ -102,7 +102,7 @@ TEST_F(TranslationRowTest, NullTextFailsUnlessTheRowSaysWhatItBecomes)
 {
     Observe(MakeKel("kel.row.nullas", "%s %s", "naa.1", none));
     EXPECT_THAT(Events(), ElementsAre("nox.problem.row.nullas(naa.1, (none))"));
-    Observe(MakeKel("kel.row.nullas", "%s %s", none, "vmhba1:C0:T0:L4"));
+    Observe(MakeKel("kel.row.nullas", "%s %s", none, "hba1:C0:T0:L4"));
     Observe(MakeKel("kel.row.inorder", "%s %u %d", none, 2U, 0));
     EXPECT_THAT(Events(), IsEmpty());
     EXPECT_THAT(LogLines(), IsEmpty()) << "a row without a failure message fails silently";
@@ -110,9 +110,9 @@ TEST_F(TranslationRowTest, NullTextFailsUnlessTheRowSaysWhatItBecomes)
 
 TEST_F(TranslationRowTest, MessageTextIsItsOwnFormat)
 {
-    Observe(MakeKel("kel.row.message", "%lu %s", 77UL, "vm.vswp"));
-    Observe(MakeKel("kel.row.message", "%s %lu", "vm.vswp", 77UL));
-    EXPECT_THAT(Events(), ElementsAre("nox.problem.row.message(77, vm.vswp)"));
+    Observe(MakeKel("kel.row.message", "%lu %s", 77UL, "vm.swp"));
+    Observe(MakeKel("kel.row.message", "%s %lu", "vm.swp", 77UL));
+    EXPECT_THAT(Events(), ElementsAre("nox.problem.row.message(77, vm.swp)"));
 }
 
 TEST_F(TranslationRowTest, FailedReadOfAFormatNamesTheObservationAndTheStatus)
@@ -128,13 +128,13 @@ TEST_F(TranslationRowTest, FailedReadOfAFormatNamesTheObservationAndTheStatus)
 
 TEST_F(TranslationRowTest, FailedReadByIndexHasAMessageOfItsOwn)
 {
-    Observe(MakeKel("kel.row.index", "%s %s %d", "naa.1", "vmhba1:C0:T0:L4", 3));
-    EXPECT_THAT(Events(), ElementsAre("nox.problem.row.index(naa.1, vmhba1:C0:T0:L4, 3)"));
+    Observe(MakeKel("kel.row.index", "%s %s %d", "naa.1", "hba1:C0:T0:L4", 3));
+    EXPECT_THAT(Events(), ElementsAre("nox.problem.row.index(naa.1, hba1:C0:T0:L4, 3)"));
 
     Observe(MakeKel("kel.row.index", "%d", 1));
     Observe(MakeKel("kel.row.index", "%s", none)); // before what is missing behind it
     Observe(MakeKel("kel.row.index", "%s", "naa.1"));
-    Observe(MakeKel("kel.row.index", "%s %s %s", "naa.1", "vmhba1:C0:T0:L4", "three"));
+    Observe(MakeKel("kel.row.index", "%s %s %s", "naa.1", "hba1:C0:T0:L4", "three"));
     Observe(MakeKel("kel.row.index", "%s %s %d", "naa.1", none, 3));
     EXPECT_THAT(Events(), IsEmpty());
     EXPECT_THAT(LogLines(), ElementsAre("No device: 22", "No device: 22", "No path of naa.1: 22",

@@ -4,7 +4,7 @@
 // running daemon. Writers write a temporary file and rename it. Callable from every thread; writes of
 // the same entry are the caller's to order.
 //
-// Every path is given as its parts ("storage", "paths", "vmhba1:C0:T0:L4"); a "/" or "%" inside a
+// Every path is given as its parts ("storage", "paths", "hba1:C0:T0:L4"); a "/" or "%" inside a
 // part is written %2F and %25 on disk and comes back as it was.
 #ifndef KLTLIBS_STANDALONE_HOSTINVENTORY_H
 #define KLTLIBS_STANDALONE_HOSTINVENTORY_H
