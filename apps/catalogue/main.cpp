@@ -10,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -70,7 +71,7 @@ public:
             Add(correlator.domain);
         for (const ordered_json &event : mEvents)
             for (const std::string &ended : event.value("clears", std::vector<std::string>{}))
-                EventOf(ended)["clearedBy"].push_back(event["type"]);
+                Pair(event, ended);
     }
 
     ordered_json Json() const
@@ -91,24 +92,32 @@ private:
             ordered_json becomes = ordered_json::array();
             for (const EventText *event : row.posts)
                 if (event != nullptr) becomes.push_back(AddEvent(*event));
-            AddObservation(row.id, row.arguments, becomes, row.note);
+            AddObservation(domain, row.id, row.arguments, becomes, row.note);
         }
         for (const Translation &row : domain.translations.rows)
-            AddObservation(row.id, row.arguments, {AddEvent(row.event)}, "");
+            AddObservation(domain, row.id, row.arguments, {AddEvent(row.event)}, "");
         if (domain.defaultPosts != nullptr)
             mAgents.back()["otherwiseBecomes"] = {AddEvent(*domain.defaultPosts)};
     }
 
-    void AddObservation(const char *id, const KeldArguments &arguments, const ordered_json &becomes,
-                        const char *note)
+    void AddObservation(const KeldDomain &domain, const char *id, const KeldArguments &arguments,
+                        const ordered_json &becomes, const char *note)
     {
         ordered_json entry = {{"id", id},
-                              {"domain", mAgents.back()["domains"][0]},
+                              {"domain", DomainOf(domain, id)},
                               {"agent", mAgents.back()["name"]},
                               {"arguments", ArgumentList(arguments.shape, arguments.names)},
                               {"becomes", becomes}};
         if (*note != '\0') entry["note"] = note;
         mObservations.push_back(std::move(entry));
+    }
+
+    // The one of the agent's domains that the ID belongs to.
+    static std::string DomainOf(const KeldDomain &domain, const std::string &id)
+    {
+        for (const char *name : domain.domains)
+            if (name != nullptr && id.starts_with(fmt::format("kel.{}.", name))) return name;
+        throw std::runtime_error(fmt::format("{} is of no domain that its agent subscribes to", id));
     }
 
     // Its type ID; an event that several observations lead to is listed once.
@@ -137,12 +146,28 @@ private:
                                     [&](const ordered_json &event) { return event["type"] == type; });
     }
 
-    ordered_json &EventOf(const std::string &type)
+    // Says on both sides of a pair on which arguments it is matched.
+    void Pair(const ordered_json &clear, const std::string &ended)
     {
-        const auto found = Find(type);
-        if (found == mEvents.end())
-            throw std::runtime_error(fmt::format("{} is said to be cleared, but is no event", type));
-        return *found;
+        const auto problem = Find(ended);
+        if (clear["class"] != "clear" || problem == mEvents.end() || (*problem)["class"] != "problem")
+            throw std::runtime_error(
+                fmt::format("{} cannot end {}", clear["type"].get<std::string>(), ended));
+        for (const ordered_json &name : clear["pairedOn"])
+            if (!HasArgument(clear, name) || !HasArgument(*problem, name))
+                throw std::runtime_error(fmt::format("{} and {} do not both have the argument {}",
+                                                     clear["type"].get<std::string>(), ended,
+                                                     name.get<std::string>()));
+        if (problem->value("pairedOn", clear["pairedOn"]) != clear["pairedOn"])
+            throw std::runtime_error(fmt::format("{} is ended on different arguments", ended));
+        (*problem)["clearedBy"].push_back(clear["type"]);
+        (*problem)["pairedOn"] = clear["pairedOn"];
+    }
+
+    static bool HasArgument(const ordered_json &event, const ordered_json &name)
+    {
+        return std::ranges::any_of(event["arguments"],
+                                   [&](const ordered_json &argument) { return argument["name"] == name; });
     }
 
     ordered_json mAgents = ordered_json::array();
@@ -193,13 +218,16 @@ std::string Markdown(const ordered_json &catalogue)
         for (const ordered_json &event : catalogue["events"]) {
             if (event["class"] != cls) continue;
             std::string pairing;
-            if (event.contains("clears")) {
+            if (event.contains("clears"))
                 pairing = "ends " + CodeList(event["clears"]);
-                if (!event["pairedOn"].empty())
-                    pairing += " of the same " + event["pairedOn"][0].get<std::string>();
-            } else if (event.contains("clearedBy")) {
+            else if (event.contains("clearedBy"))
                 pairing = "ended by " + CodeList(event["clearedBy"]);
-            }
+            if (event.contains("pairedOn"))
+                pairing += event["pairedOn"].empty()
+                               ? ", whatever the arguments"
+                               : fmt::format(
+                                     " of the same {}",
+                                     fmt::join(event["pairedOn"].get<std::vector<std::string>>(), " and "));
             page +=
                 fmt::format("| `{}` | {} | {} | {} |\n", event["type"].get<std::string>(),
                             Cell(event["text"].get<std::string>()), NameList(event["arguments"]), pairing);

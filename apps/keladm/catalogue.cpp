@@ -53,7 +53,13 @@ CatalogueObservation ReadObservation(const json &entry)
             ReadArgumentList(entry), entry.value("becomes", Texts{}), entry.value("note", "")};
 }
 
-// Reads every entry of one of the two lists.
+CatalogueAgent ReadAgent(const json &entry)
+{
+    return {entry.at("name").get<std::string>(), entry.at("domains").get<Texts>(),
+            entry.at("otherwise").get<std::string>(), entry.value("otherwiseBecomes", Texts{})};
+}
+
+// Reads every entry of one of the lists.
 template <typename Entry>
 std::vector<Entry> ReadList(const json &document, const char *name, Entry (*read)(const json &))
 {
@@ -92,10 +98,13 @@ Catalogue ParseCatalogue(std::string_view text)
         json document = json::parse(text);
         if (document.at("version") != 1)
             throw Failure(kExitFailed, "version is not 1, the only one that is known");
-        return {ReadList(document, "events", ReadEvent),
+        return {document.contains("agents") ? ReadList(document, "agents", ReadAgent)
+                                            : std::vector<CatalogueAgent>(),
+                ReadList(document, "events", ReadEvent),
                 ReadList(document, "observations", ReadObservation)};
     } catch (const json::exception &error) {
-        throw Failure(kExitFailed, error.what());
+        std::string_view what = error.what(); // behind the library's own "[json.exception...] "
+        throw Failure(kExitFailed, fmt::format("not a catalogue: {}", what.substr(what.find("] ") + 2)));
     }
 }
 

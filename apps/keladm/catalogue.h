@@ -1,14 +1,18 @@
 // The catalogue of all observations and events: a JSON file, written when the daemon is built.
 //
 //     {"version": 1,
+//      "agents": [{"name": "NetCorrelator", "domains": ["net"], "otherwise": "ignored",
+//                  "otherwiseBecomes": ["nox..."]}],
 //      "events": [{"type": "nox.problem.net...", "class": "problem", "text": "NIC %s is down.",
 //                  "arguments": [{"name": "nic", "type": "string"}],
-//                  "clears": ["nox..."], "pairedOn": ["nic"], "clearedBy": ["nox..."]}],
+//                  "clears": ["nox..."], "clearedBy": ["nox..."], "pairedOn": ["nic"]}],
 //      "observations": [{"id": "kel.net...", "domain": "net", "arguments": [...],
 //                        "becomes": ["nox..."], "note": "..."}]}
 //
-// Argument types are string, int32, uint32, int64 and uint64. An event's clears, clearedBy and pairedOn
-// and an observation's becomes and note may be absent; other keys are passed over.
+// Argument types are string, int32, uint32, int64 and uint64. pairedOn names the arguments by which a
+// problem and its clear are matched; when it is empty, the clear ends every problem of the type. The
+// agents, an agent's otherwiseBecomes, an event's clears, clearedBy and pairedOn and an observation's
+// becomes and note may be absent; other keys are passed over.
 #ifndef KELADM_CATALOGUE_H
 #define KELADM_CATALOGUE_H
 
@@ -29,7 +33,7 @@ struct CatalogueEvent {
     std::vector<CatalogueArgument> arguments;
     std::vector<std::string> clears;
     std::vector<std::string> clearedBy;
-    std::vector<std::string> pairedOn;
+    std::vector<std::string> pairedOn; // of either
 };
 
 struct CatalogueObservation {
@@ -40,7 +44,16 @@ struct CatalogueObservation {
     std::string note;
 };
 
+// What becomes of the observations of its domains that are not listed.
+struct CatalogueAgent {
+    std::string name;
+    std::vector<std::string> domains;
+    std::string otherwise;
+    std::vector<std::string> becomes;
+};
+
 struct Catalogue {
+    std::vector<CatalogueAgent> agents;
     std::vector<CatalogueEvent> events;
     std::vector<CatalogueObservation> observations;
 

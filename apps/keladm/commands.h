@@ -2,7 +2,10 @@
 #ifndef KELADM_COMMANDS_H
 #define KELADM_COMMANDS_H
 
+#include <chrono>
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -37,6 +40,11 @@ void AddTraceCommand(CLI::App &app, Command *chosen);
 void AddEventsCommand(CLI::App &app, Command *chosen);
 void AddHostCommand(CLI::App &app, Command *chosen);
 void AddCompletionCommand(CLI::App &app, Command *chosen);
+
+// Options that several subcommands have, in one form.
+void AddCountOption(CLI::App &command, std::uint64_t *count, const std::string &what); // at least 1
+void AddTimeoutOption(CLI::App &command, std::optional<std::chrono::milliseconds> *timeout);
+void AddCatalogueOption(CLI::App &command, std::string *file);
 
 // The whole program.
 int RunKeladm(int argc, char **argv);

@@ -22,8 +22,11 @@ StopSignal::StopSignal()
 {
     sigset_t stopping;
     sigemptyset(&stopping);
-    sigaddset(&stopping, SIGINT);
-    sigaddset(&stopping, SIGTERM);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction present {};
+        if (sigaction(signal, nullptr, &present) == 0 && present.sa_handler != SIG_IGN)
+            sigaddset(&stopping, signal);
+    }
     sigprocmask(SIG_BLOCK, &stopping, &mBefore);
     mFd = Fd(signalfd(-1, &stopping, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!mFd) throw std::system_error(errno, std::generic_category(), "cannot watch for signals");
@@ -38,10 +41,12 @@ StopSignal::~StopSignal()
     sigprocmask(SIG_SETMASK, &mBefore, nullptr);
 }
 
-Output::Output(int fd, int stopFd) : mFd(fd), mStopFd(stopFd)
+Output::Output(int fd, int stopFd) : mFd(fd), mStopFd(stopFd), mTerminal(isatty(fd) == 1) {}
+
+bool Output::Colour() const
 {
     const char *noColour = std::getenv("NO_COLOR");
-    mColour = isatty(fd) == 1 && (noColour == nullptr || *noColour == '\0');
+    return mTerminal && (noColour == nullptr || *noColour == '\0');
 }
 
 void Output::Text(std::string_view text) { mWaiting += text; }
@@ -65,7 +70,7 @@ void Output::Flush()
         ssize_t written = write(mFd, mWaiting.data() + done, count);
         if (written >= 0)
             done += static_cast<size_t>(written);
-        else if (errno == EPIPE)
+        else if (errno == EPIPE || (errno == EIO && mTerminal)) // hung up
             throw OutputClosed{};
         else if (errno != EINTR && errno != EAGAIN)
             throw Failure(kExitFailed, fmt::format("cannot write the output: {}", std::strerror(errno)));

@@ -32,9 +32,10 @@ private:
 
 // Thrown where a program ends without having failed.
 struct OutputClosed {}; // nobody reads standard output any more
-struct Stopped {};      // SIGINT or SIGTERM
+struct Stopped {};      // SIGINT, SIGTERM or SIGHUP
 
-// While it lives, SIGINT and SIGTERM arrive through a descriptor and interrupt nothing.
+// While it lives, SIGINT, SIGTERM and SIGHUP arrive through a descriptor and interrupt nothing. Those
+// that this program's starter has ignored (nohup, a script's background) stay ignored.
 class StopSignal {
 public:
     StopSignal();
@@ -55,7 +56,7 @@ public:
     // stopFd, when there is one, is a StopSignal's.
     explicit Output(int fd, int stopFd = -1);
 
-    bool Colour() const { return mColour; } // a terminal, and NO_COLOR is not set
+    bool Colour() const; // a terminal, and NO_COLOR is not set
     void Text(std::string_view text);
     void Line(std::string_view text);
     void Flush(); // throws OutputClosed, Stopped, Failure
@@ -66,7 +67,7 @@ public:
 private:
     int mFd;
     int mStopFd;
-    bool mColour;
+    bool mTerminal;
     std::string mWaiting;
 };
 

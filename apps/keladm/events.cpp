@@ -51,13 +51,21 @@ std::string Block(const std::string &name,
     return block;
 }
 
+// The other side of a pair, and what the two have in common.
+std::string Paired(const std::vector<std::string> &others, const std::vector<std::string> &pairedOn)
+{
+    if (others.empty()) return "";
+    return List(others) + (pairedOn.empty()
+                               ? " (whatever the arguments)"
+                               : fmt::format(" (of the same {})", fmt::join(pairedOn, " and ")));
+}
+
 std::string Readable(const CatalogueEvent &event)
 {
     return Block(event.type, {{"text", event.text},
                               {"arguments", ArgumentsText(event.arguments)},
-                              {"clears", List(event.clears)},
-                              {"paired on", List(event.pairedOn)},
-                              {"cleared by", List(event.clearedBy)}});
+                              {"clears", Paired(event.clears, event.pairedOn)},
+                              {"cleared by", Paired(event.clearedBy, event.pairedOn)}});
 }
 
 std::string Readable(const CatalogueObservation &observation)
@@ -66,6 +74,13 @@ std::string Readable(const CatalogueObservation &observation)
                                   {"arguments", ArgumentsText(observation.arguments)},
                                   {"becomes", List(observation.becomes)},
                                   {"note", observation.note}});
+}
+
+// The agent's observations that are not listed, in one of its domains.
+std::string Readable(const CatalogueAgent &agent, const std::string &name)
+{
+    return Block(name, {{"any other", fmt::format("{} (by {})", agent.otherwise, agent.name)},
+                        {"becomes", List(agent.becomes)}});
 }
 
 json ToJson(const CatalogueEvent &event)
@@ -77,7 +92,7 @@ json ToJson(const CatalogueEvent &event)
               {"arguments", ArgumentsJson(event.arguments)}};
     if (!event.clears.empty()) line["clears"] = event.clears;
     if (!event.clearedBy.empty()) line["clearedBy"] = event.clearedBy;
-    if (!event.pairedOn.empty()) line["pairedOn"] = event.pairedOn;
+    if (!event.clears.empty() || !event.clearedBy.empty()) line["pairedOn"] = event.pairedOn;
     return line;
 }
 
@@ -90,6 +105,15 @@ json ToJson(const CatalogueObservation &observation)
               {"becomes", observation.becomes}};
     if (!observation.note.empty()) line["note"] = observation.note;
     return line;
+}
+
+json ToJson(const CatalogueAgent &agent, const std::string &name)
+{
+    return {{"kind", "other observations"},
+            {"id", name},
+            {"agent", agent.name},
+            {"becomes", agent.becomes},
+            {"note", agent.otherwise}};
 }
 
 const std::string &NameOf(const CatalogueEvent &event) { return event.type; }
@@ -115,6 +139,15 @@ int Events(const EventsOptions &options)
         }
     };
     show(catalogue->observations);
+    bool listed = shown > 0; // else the ID of an observation that is not may be meant
+    for (const CatalogueAgent &agent : catalogue->agents)
+        for (const std::string &domain : agent.domains) {
+            std::string name = fmt::format("kel.{}.*", domain);
+            bool meant = GlobMatches(options.match, name) || (!listed && GlobMatches(name, options.match));
+            if (!meant || options.names) continue;
+            shown++;
+            out.Line(options.asJson ? JsonLine(ToJson(agent, name)) : Readable(agent, name));
+        }
     show(catalogue->events);
     out.Flush();
     if (shown == 0)
@@ -131,10 +164,16 @@ void AddEventsCommand(CLI::App &app, Command *chosen)
 
     CLI::App *events = app.add_subcommand("events", "List what is observed and what becomes of it");
     events->add_option("GLOB", options->match, "Only IDs that match, * and ? being wild cards");
-    events->add_option("--catalogue", options->catalogue, "The catalogue")->type_name("FILE");
+    AddCatalogueOption(*events, &options->catalogue);
     auto asJson = events->add_flag("--json", options->asJson, "One JSON object a line");
     events->add_flag("--names", options->names, "Only the IDs")->excludes(asJson);
     events->footer(R"(
+The names and types of arguments are those of the observation, then of the event. A
+problem shows what clears it, and on which argument the two are matched; each domain,
+as "kel.net.*", what becomes of any other observation.
+
+Exit status: 1 when nothing matches, and without a catalogue.
+
 Examples:
   keladm events
   keladm events 'nox.problem.net.*'

@@ -80,7 +80,7 @@ std::string Nearest(const HostInventory::Path &path)
     size_t most = 0;
     for (const HostEntry &entry : kHostEntries)
         most = std::max(most, PartsMatched(PatternParts(entry.pattern), path));
-    if (most == 0) return " listed by \"keladm host --help\"";
+    if (most == 0) return " \"keladm host --help\" lists them";
     std::string list;
     for (const HostEntry &entry : kHostEntries)
         if (PartsMatched(PatternParts(entry.pattern), path) == most)
@@ -133,7 +133,8 @@ bool IsUuid(std::string_view text)
 
 [[noreturn]] void Fail(const HostInventory::Path &path, int error)
 {
-    throw Failure(kExitFailed, fmt::format("{}: {}", HostName(path), std::strerror(error)));
+    throw Failure(kExitFailed,
+                  fmt::format("{}: {}", HostName(path), error == ENOENT ? "absent" : std::strerror(error)));
 }
 
 const HostEntry &KnownEntry(const HostInventory::Path &path)
@@ -142,8 +143,8 @@ const HostEntry &KnownEntry(const HostInventory::Path &path)
     if (IsInnerDirectory(path))
         throw Failure(kExitUsage,
                       fmt::format("{}: a directory; it holds:{}", HostName(path), Nearest(path)));
-    throw Failure(kExitUsage, fmt::format("{}: not an entry that the daemon knows; those are:{}",
-                                          HostName(path), Nearest(path)));
+    throw Failure(kExitUsage,
+                  fmt::format("{}: not an entry that the daemon knows:{}", HostName(path), Nearest(path)));
 }
 
 struct HostOptions {
@@ -223,8 +224,10 @@ int List(const HostOptions &options)
         ListBelow(path, options.asJson, out);
     else if (HostInventory::ReadText(path, &error))
         ListEntry(path, options.asJson, out);
-    else if (!path.empty())
+    else if (!path.empty()) {
+        if (!IsInnerDirectory(path)) KnownEntry(path);
         Fail(path, error);
+    }
     out.Flush();
     return kExitOk;
 }
@@ -243,7 +246,10 @@ std::string EntryTable()
     return table + R"(
 Write a "/" inside a name as %2F and a "%" as %25. A running daemon sees a change at
 its next look; the signature, the UUID and the page threshold and its interval it reads
-once.
+once. No daemon need run.
+
+Exit status: 0 done; 1 when the entry is absent or cannot be changed; 2 for a name or a
+value that the daemon would not understand, and nothing was changed.
 
 Examples:
   keladm host set storage/paths/vmhba1:C0:T0:L4 naa.600508b1001c4d41
@@ -366,28 +372,32 @@ void AddHostCommand(CLI::App &app, Command *chosen)
     host->require_subcommand(1);
     host->footer(EntryTable());
 
-    auto add = [&](const char *name, const char *description, std::function<int(const HostOptions &)> run) {
+    auto add = [&](const char *name, const char *description, const char *example,
+                   std::function<int(const HostOptions &)> run) {
         CLI::App *verb = host->add_subcommand(name, description);
-        verb->footer("\nThe names are listed by keladm host --help.");
+        verb->footer(fmt::format(
+            "\n\"keladm host --help\" lists the names.\n\nExample:\n  keladm host {} {}", name, example));
         verb->callback([options, chosen, run] { *chosen = [options, run] { return run(*options); }; });
         return verb;
     };
-    auto addChange = [&](const char *name, const char *description, HostVerb verb) {
-        CLI::App *change =
-            add(name, description, [verb](const HostOptions &given) { return Change(verb, given); });
+    auto addChange = [&](const char *name, const char *description, const char *example, HostVerb verb) {
+        CLI::App *change = add(name, description, example,
+                               [verb](const HostOptions &given) { return Change(verb, given); });
         change->add_option("NAME", options->name, "The entry")->required();
         return change;
     };
 
-    CLI::App *get = add("get", "Print an entry's value", Get);
+    CLI::App *get = add("get", "Print an entry's value", "vms/4711/name", Get);
     get->add_option("NAME", options->name, "The entry")->required();
     get->add_flag("--json", options->asJson, "A JSON object");
-    addChange("set", "Write an entry, making directories as needed", HostVerb::Set)
+    addChange("set", "Write an entry, making directories as needed",
+              "storage/paths/vmhba1:C0:T0:L4 naa.600508b1001c4d41", HostVerb::Set)
         ->add_option("VALUE", options->value, "Its value")
         ->required();
-    addChange("mkdir", "Make a directory", HostVerb::MakeDirectory);
-    addChange("remove", "Remove an entry, or a directory with all that is in it", HostVerb::Remove);
-    CLI::App *list = add("list", "List all entries, or those below a directory", List);
+    addChange("mkdir", "Make a directory", "kernel/nodes/net/pNics/vmnic2", HostVerb::MakeDirectory);
+    addChange("remove", "Remove an entry, or a directory with all that is in it", "vms/4711",
+              HostVerb::Remove);
+    CLI::App *list = add("list", "List all entries, or those below a directory", "--json storage", List);
     list->add_option("NAME", options->name, "The directory, or one entry");
     list->add_flag("--json", options->asJson, "One JSON object a line");
 }

@@ -83,7 +83,8 @@ DaemonProcess::DaemonProcess(const std::string &program, const std::string &erro
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
-        std::signal(SIGPIPE, SIG_DFL);
+        for (int signal : {SIGPIPE, SIGXFSZ}) // what this program ignores
+            std::signal(signal, SIG_DFL);
         dup2(errors.Get(), STDOUT_FILENO);
         dup2(errors.Get(), STDERR_FILENO);
         execl(program.c_str(), program.c_str(), static_cast<char *>(nullptr));
@@ -155,7 +156,7 @@ std::string FindDaemon(const std::string &named)
     std::string asked = !named.empty() ? named : variable != nullptr ? variable : "";
     if (!asked.empty()) {
         if (IsProgram(asked)) return asked;
-        throw Failure(kExitUsage, fmt::format("{}: no program that can be started", asked));
+        throw Failure(kExitFailed, fmt::format("{}: no program that can be started", asked));
     }
 
     fs::path folder = ExecutableFolder();

@@ -47,7 +47,7 @@ std::string Coloured(const char *code, const std::string &text, bool colour)
     return colour ? fmt::format("\x1b[{}m{}\x1b[0m", code, text) : text;
 }
 
-// The file of --output: whole lines only. The first that cannot be written is reported, and is the last.
+// The file of --output: whole lines only. The first that cannot be written is reported, and ends it.
 class EventFile {
 public:
     explicit EventFile(const std::string &path) : mPath(path)
@@ -68,7 +68,9 @@ public:
             if (written >= 0) {
                 done += static_cast<size_t>(written);
             } else if (errno != EINTR) {
-                fmt::print(stderr, "{}: {}; nothing more is kept there\n", mPath, std::strerror(errno));
+                fmt::print(stderr,
+                           "keladm receive: {}: {}; nothing more is kept there, events are still shown\n",
+                           mPath, std::strerror(errno));
                 mFailed = true;
                 if (regular && ftruncate(mFd.Get(), before.st_size) != 0) return; // half a line stays
                 return;
@@ -87,31 +89,26 @@ private:
 struct ReceiveOptions {
     bool asJson = false;
     std::uint64_t count = 0; // 0: no end
+    std::optional<std::chrono::milliseconds> timeout;
     std::string output;
-    std::string timeout;
     std::string catalogue;
 };
 
 int Receive(const ReceiveOptions &options)
 {
     auto catalogue = FindCatalogue(options.catalogue);
-    auto until = Clock::time_point::max();
-    if (!options.timeout.empty()) {
-        auto duration = ParseDuration(options.timeout);
-        if (!duration)
-            throw Failure(kExitUsage,
-                          fmt::format("--timeout {}: use 5s, 500ms, 2m", Quoted(options.timeout)));
-        until = Clock::now() + *duration;
-    }
-
+    auto until = options.timeout ? Clock::now() + *options.timeout : Clock::time_point::max();
+    EventFile file(options.output); // may be a pipe that waits for its reader: interruptible still
     StopSignal stop;
     Output out(STDOUT_FILENO, stop.Get());
     Ends ends(stop, out);
-    EventFile file(options.output);
     EventListener listener;
+    if (!catalogue)
+        fmt::print(stderr,
+                   "keladm receive: no catalogue, so events come without their texts; name one with "
+                   "--catalogue or KELD_CATALOGUE\n");
     if (isatty(STDERR_FILENO) == 1)
-        fmt::print(stderr, "Listening on {}{}; end with Ctrl-C.\n", listener.Path(),
-                   catalogue ? "" : " without a catalogue of texts");
+        fmt::print(stderr, "Listening on {}; end with Ctrl-C.\n", listener.Path());
 
     std::uint64_t shown = 0;
     auto show = [&](const std::vector<ReceivedRecord> &records) {
@@ -133,7 +130,7 @@ int Receive(const ReceiveOptions &options)
         // What a sender has handed over already is not lost with the listener.
         show(listener.Wait(Clock::now(), {}));
     } else if (shown < options.count) {
-        fmt::print(stderr, "{} of {} events came\n", shown, options.count);
+        fmt::print(stderr, "keladm receive: {} of {} events came\n", shown, options.count);
         return kExitFailed;
     }
     return file.Failed() ? kExitFailed : kExitOk;
@@ -194,16 +191,20 @@ void AddReceiveCommand(CLI::App &app, Command *chosen)
 
     CLI::App *receive = app.add_subcommand("receive", "Show the events that the daemon sends");
     receive->add_flag("--json", options->asJson, "One JSON object a line");
-    receive->add_option("-n,--count", options->count, "End after N events")->type_name("N");
+    AddCountOption(*receive, &options->count, "events");
+    AddTimeoutOption(*receive, &options->timeout);
     receive->add_option("-o,--output", options->output, "Append the events to FILE as JSON lines, too")
         ->type_name("FILE");
-    receive->add_option("-t,--timeout", options->timeout, "End after this time, such as 5s or 500ms")
-        ->type_name("S");
-    receive->add_option("--catalogue", options->catalogue, "The catalogue of texts")->type_name("FILE");
+    AddCatalogueOption(*receive, &options->catalogue);
     receive->footer(R"(
-Stands in for the host management agent, in whose place it listens. SIGINT and SIGTERM
-end it with status 0; a --timeout that comes before --count events, with status 1.
-A malformed record is shown with its bytes and does not count.
+Stands in for the host management agent, in whose place it listens; the texts come from
+the catalogue. A malformed record is shown with the reason and its bytes, and does not
+count. When FILE cannot be written any more (a full disk), that is said once, the line
+that failed is taken back, and the events are still shown.
+
+Exit status: 0 when --count events came, on SIGINT, SIGTERM and SIGHUP, and when nobody
+reads the output any more; 1 when --timeout came before --count events, and when FILE
+could not be written; 3 when another receiver listens already.
 
 Examples:
   keladm receive

@@ -7,6 +7,7 @@
 #include "text.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <cmath>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -48,8 +49,19 @@ struct WaitingEvent {
 class Player {
 public:
     Player(const ReplayOptions &options, const StopSignal &stop, CheckedHost *host)
-        : mOptions(options), mHost(host), mStop(stop), mOut(STDOUT_FILENO, stop.Get())
+        : mOptions(options), mHost(host), mStop(stop), mOut(STDOUT_FILENO, stop.Get()), mSender(stop.Get())
     {
+    }
+
+    // Finds the daemon before anything is changed.
+    void Connect(std::span<const ScenarioStep> steps)
+    {
+        for (const ScenarioStep &step : steps) {
+            if (auto observation = std::get_if<Observation>(&step.action))
+                mSender.Connect(observation->context);
+            else if (auto repeat = std::get_if<RepeatAction>(&step.action))
+                Connect(repeat->steps);
+        }
     }
 
     void Play(std::span<const ScenarioStep> steps)
@@ -79,9 +91,9 @@ public:
             if (trouble) line["daemon"] = *trouble;
             mOut.Line(JsonLine(line));
         } else if (mHost != nullptr) {
-            if (trouble) mOut.Line("FAILED    " + *trouble);
+            if (trouble) mOut.Line(Failed() + "    " + *trouble);
             mOut.Line(
-                fmt::format("{}: {} of {} expectations met", good ? "ok" : "FAILED", mMet, mMet + mFailed));
+                fmt::format("{}: {} of {} expectations met", good ? "ok" : Failed(), mMet, mMet + mFailed));
         }
         mOut.Flush();
         return good;
@@ -131,11 +143,11 @@ private:
             found = FindEvent(expect);
         }
         if (found == mWaiting.end()) {
-            Result(step, false, fmt::format("did not come within {}", DurationText(expect.within)),
+            Result(step, expect, false, fmt::format("did not come within {}", DurationText(expect.within)),
                    mWaiting);
             return;
         }
-        Result(step, true, "", {*found});
+        Result(step, expect, true, "", {*found});
         mWaiting.erase(found);
     }
 
@@ -147,7 +159,7 @@ private:
             unwanted.push_back(std::move(*found));
             mWaiting.erase(found);
         }
-        Result(step, unwanted.empty(), "came all the same", unwanted);
+        Result(step, expect, unwanted.empty(), "came all the same", unwanted);
     }
 
     std::vector<WaitingEvent>::iterator FindEvent(const ExpectAction &expect)
@@ -202,7 +214,7 @@ private:
     }
 
     // events: the one that met the expectation, or those that came instead of it.
-    void Result(const ScenarioStep &step, bool met, const std::string &what,
+    void Result(const ScenarioStep &step, const ExpectAction &expect, bool met, const std::string &what,
                 const std::vector<WaitingEvent> &events)
     {
         (met ? mMet : mFailed)++;
@@ -210,21 +222,31 @@ private:
             json list = json::array();
             for (const WaitingEvent &event : events)
                 list.push_back({{"type", event.type}, {"arguments", event.arguments}});
-            mOut.Line(JsonLine({{"line", step.line},
-                                {"after", Elapsed()},
-                                {"action", step.source},
-                                {"result", met ? "met" : "failed"},
-                                {"events", list}}));
+            json line{{"line", step.line},
+                      {"after", Elapsed()},
+                      {"action", step.source},
+                      {"result", met ? "met" : "failed"}};
+            if (!met) line["reason"] = what;
+            line["events"] = std::move(list);
+            mOut.Line(JsonLine(line));
         } else if (met) {
             mOut.Line(fmt::format("{:8.3f}  {}", Elapsed(), step.source));
         } else {
-            mOut.Line(fmt::format("FAILED    line {}: {}\n            {}{}", step.line, step.source, what,
-                                  events.empty() ? "; no other event came" : ":"));
-            for (const WaitingEvent &event : events)
-                mOut.Line("              " + event.ToText());
+            mOut.Line(fmt::format("{}    line {}: {}\n            {}{}", Failed(), step.line, step.source,
+                                  what,
+                                  expect.none      ? ":"
+                                  : events.empty() ? "; no other event came"
+                                                   : "; what came and was not expected yet:"));
+            for (const WaitingEvent &event : events) {
+                std::string difference = Difference(expect, event.type, event.arguments).value_or("");
+                mOut.Line("              " + event.ToText() +
+                          (difference.empty() ? "" : "\n                " + difference));
+            }
         }
         mOut.Flush();
     }
+
+    std::string Failed() const { return mOut.Colour() ? "\x1b[31mFAILED\x1b[0m" : "FAILED"; }
 
     double Elapsed() const
     {
@@ -275,13 +297,12 @@ int PlayChecked(const ReplayOptions &options, std::span<const ScenarioStep> step
 
 int Replay(const ReplayOptions &options)
 {
-    if (!(options.speed > 0) || !std::isfinite(options.speed))
-        throw Failure(kExitUsage, "--speed takes a number above 0, such as 2 or 0.5");
     auto steps = ReadScenario(options.file);
     try {
         if (options.check) return PlayChecked(options, steps);
         StopSignal stop;
         Player player(options, stop, nullptr);
+        player.Connect(steps);
         player.Play(steps);
         return player.Finish(std::nullopt) ? kExitOk : kExitFailed;
     } catch (const Stopped &) {
@@ -299,7 +320,14 @@ void AddReplayCommand(CLI::App &app, Command *chosen)
     replay->add_option("FILE", options->file, "The scenario; - for standard input")->required();
     replay->add_option("--speed", options->speed, "Divide the pauses by this")
         ->type_name("X")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check([](const std::string &text) -> std::string {
+            double speed = 0;
+            const char *end = text.data() + text.size();
+            auto [stop, status] = std::from_chars(text.data(), end, speed);
+            if (status == std::errc() && stop == end && speed > 0 && std::isfinite(speed)) return "";
+            return fmt::format("{} is not a number above 0, such as 2 or 0.5", Quoted(text));
+        });
     replay->add_flag("--check", options->check,
                      "With a daemon of its own, compare the events with those expected");
     replay->add_option("--daemon", options->daemon, "The daemon that --check starts")->type_name("FILE");
@@ -319,10 +347,14 @@ One action a line:
 A word with blanks stands between quotes: "..." with \" \\ \n \t, or '...' as it is.
 An expected argument is compared as text; * matches any, a last ... all that follow.
 
+The whole scenario is read before anything is played, also from standard input.
 Without --check, the daemon that serves the run directory is played to and expectations
 are not compared. With it, host lines that come first are in place before the daemon
 starts, and nothing is left behind; the daemon is KELD_DAEMON, or keld beside keladm, in
 ../keld or ../sbin, or in PATH.
+
+Exit status: 0 played, and all expectations met; 1 not met, the daemon ended badly, or
+interrupted by a signal; 2 for a line that is wrong, and nothing was played; 3 no daemon.
 
 Examples:
   keladm replay scenarios/uplink-failure.kel

@@ -275,14 +275,23 @@ std::vector<ScenarioStep> ParseScenario(std::string_view text)
     return builder.Finish();
 }
 
-bool Meets(const ExpectAction &expected, const std::string &type, const std::vector<std::string> &arguments)
+std::optional<std::string> Difference(const ExpectAction &expected, const std::string &type,
+                                      const std::vector<std::string> &arguments)
 {
-    if (!GlobMatches(expected.type, type)) return false;
-    if (!expected.argumentsMatter) return true;
+    if (!GlobMatches(expected.type, type)) return "";
+    if (!expected.argumentsMatter) return std::nullopt;
     size_t count = expected.arguments.size();
-    if (expected.moreAllowed ? arguments.size() < count : arguments.size() != count) return false;
-    return std::equal(expected.arguments.begin(), expected.arguments.end(), arguments.begin(),
-                      [](const ArgumentWord &pattern, const std::string &text) {
-                          return pattern.quoted ? pattern.text == text : GlobMatches(pattern.text, text);
-                      });
+    if (expected.moreAllowed ? arguments.size() < count : arguments.size() != count)
+        return fmt::format("{} arguments, not {}{}", arguments.size(), count,
+                           expected.moreAllowed ? " or more" : "");
+    std::string different;
+    for (size_t i = 0; i < count; i++) {
+        const ArgumentWord &pattern = expected.arguments[i];
+        if (pattern.quoted ? pattern.text == arguments[i] : GlobMatches(pattern.text, arguments[i]))
+            continue;
+        different += fmt::format("{}argument {} is {}, not {}", different.empty() ? "" : "; ", i + 1,
+                                 Quoted(arguments[i]), Quoted(pattern.text));
+    }
+    if (different.empty()) return std::nullopt;
+    return different;
 }

@@ -27,6 +27,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -61,8 +62,15 @@ struct ScenarioStep {
 // Throws Failure, "line 12: ...", for the first line that is wrong.
 std::vector<ScenarioStep> ParseScenario(std::string_view text);
 
-// True when the event is one of those that are meant.
-bool Meets(const ExpectAction &expected, const std::string &type,
-           const std::vector<std::string> &arguments);
+// What keeps the event from being the one that is meant: nothing when it is; "" when its type is another;
+// else the arguments, such as "argument 2 is \"vmnic0\", not vmnic1".
+std::optional<std::string> Difference(const ExpectAction &expected, const std::string &type,
+                                      const std::vector<std::string> &arguments);
+
+inline bool Meets(const ExpectAction &expected, const std::string &type,
+                  const std::vector<std::string> &arguments)
+{
+    return !Difference(expected, type, arguments);
+}
 
 #endif

@@ -1,6 +1,7 @@
 #include "send.h"
 
 #include "commands.h"
+#include "console.h"
 #include "runDirectory.h"
 #include "text.h"
 
@@ -199,18 +200,7 @@ Observation MakeObservation(int context, const std::string &id, const std::optio
 
 void Sender::Send(const Observation &observation)
 {
-    int context = observation.context;
-    auto found = mProducers.find(context);
-    if (found == mProducers.end()) {
-        KelProducer *producer = nullptr;
-        int error = KelProducer_Open(context, &producer);
-        if (error == ENOENT || error == ECONNREFUSED) throw Failure(kExitNoPeer, NoDaemonText());
-        if (error != 0)
-            throw Failure(kExitFailed, fmt::format("cannot reach context {} of the daemon in {}: {}",
-                                                   context, RunDirectoryPath(""), std::strerror(error)));
-        found = mProducers.emplace(context, ProducerPtr(producer, KelProducer_Close)).first;
-    }
-
+    KelProducer *producer = Producer(observation.context);
     std::vector<char> record = observation.record;
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -218,14 +208,34 @@ void Sender::Send(const Observation &observation)
         static_cast<std::uint64_t>(now.tv_sec) * 1000000 + static_cast<std::uint64_t>(now.tv_nsec) / 1000;
     std::memcpy(record.data(), &timestamp, sizeof timestamp);
 
-    int error = KelProducer_Send(found->second.get(), record.data(), record.size());
+    if (mStopFd >= 0) {
+        pollfd fds[] = {{KelProducer_Fd(producer), POLLOUT, 0}, {mStopFd, POLLIN, 0}};
+        while (fds[0].revents == 0) {
+            PollUntil(fds, Clock::time_point::max());
+            if (fds[1].revents != 0) throw Stopped{};
+        }
+    }
+    int error = KelProducer_Send(producer, record.data(), record.size());
     if (error == 0) return;
-    mProducers.erase(found);
+    mProducers.erase(observation.context);
     bool gone = error == EPIPE || error == ECONNREFUSED || error == ECONNRESET || error == ENOENT;
     throw Failure(gone ? kExitNoPeer : kExitFailed,
-                  fmt::format("{}: not sent to context {}: {}{}", KelRecord_ID(record.data()), context,
-                              std::strerror(error),
+                  fmt::format("{}: not sent to context {}: {}{}", KelRecord_ID(record.data()),
+                              observation.context, std::strerror(error),
                               gone ? "; the daemon has ended, or serves eight producers" : ""));
+}
+
+KelProducer *Sender::Producer(int context)
+{
+    if (auto found = mProducers.find(context); found != mProducers.end()) return found->second.get();
+    KelProducer *producer = nullptr;
+    int error = KelProducer_Open(context, &producer);
+    if (error == ENOENT || error == ECONNREFUSED) throw Failure(kExitNoPeer, NoDaemonText());
+    if (error != 0)
+        throw Failure(kExitFailed, fmt::format("cannot reach context {} of the daemon in {}: {}", context,
+                                               RunDirectoryPath(""), std::strerror(error)));
+    mProducers.emplace(context, ProducerPtr(producer, KelProducer_Close));
+    return producer;
 }
 
 void AddSendCommand(CLI::App &app, Command *chosen)
@@ -251,6 +261,9 @@ void AddSendCommand(CLI::App &app, Command *chosen)
 Without a format, decimal and 0x numbers are sent as the narrowest of %d %u %ld %lu
 that holds them, and everything else as %s. Write -- before the first argument when one
 of them begins with a dash and a letter.
+
+Exit status: 0 sent; 2 for an ID, context, format or argument that is wrong, and nothing
+was sent; 3 when no daemon serves the run directory. A daemon that is busy is waited for.
 
 Examples:
   keladm send kel.net.vmnic.linkstate.down vmnic0

@@ -50,12 +50,21 @@ Observation MakeObservation(int context, const std::string &id, const std::optio
 // Keeps the connection to each context that was used.
 class Sender {
 public:
-    // Stamps a copy with the present time and sends it. Throws Failure.
+    // stopFd, when there is one, is a StopSignal's: it ends a wait for a daemon that takes nothing.
+    explicit Sender(int stopFd = -1) : mStopFd(stopFd) {}
+
+    // Throws Failure when no daemon serves the context.
+    void Connect(int context) { Producer(context); }
+
+    // Stamps a copy with the present time and sends it. Throws Failure, Stopped.
     void Send(const Observation &observation);
 
 private:
+    KelProducer *Producer(int context);
+
     using ProducerPtr = std::unique_ptr<KelProducer, decltype(&KelProducer_Close)>;
     std::map<int, ProducerPtr> mProducers;
+    int mStopFd;
 };
 
 #endif

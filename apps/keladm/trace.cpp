@@ -144,6 +144,7 @@ struct TraceOptions {
     bool in = false, out = false, history = false, asJson = false, raw = false;
     std::string match = "*";
     std::uint64_t count = 0; // 0: no end
+    std::optional<std::chrono::milliseconds> timeout;
 };
 
 Fd ConnectToTrace()
@@ -177,6 +178,7 @@ std::optional<std::string> Shown(const std::string &text, const TraceOptions &op
 
 int Trace(const TraceOptions &options)
 {
+    auto until = options.timeout ? Clock::now() + *options.timeout : Clock::time_point::max();
     StopSignal stop;
     Output out(STDOUT_FILENO, stop.Get());
     Ends ends(stop, out);
@@ -188,10 +190,14 @@ int Trace(const TraceOptions &options)
     char buffer[64 * 1024];
     for (;;) {
         pollfd fds[] = {{trace.Get(), POLLIN, 0}, ends.fds[0], ends.fds[1]};
-        PollUntil(fds, Clock::time_point::max());
+        PollUntil(fds, until);
         ends.fds[0] = fds[1];
         ends.fds[1] = fds[2];
         if (ends.Stopping()) return kExitOk;
+        if (Clock::now() >= until) {
+            if (options.count == 0) return kExitOk;
+            throw Failure(kExitFailed, fmt::format("{} of {} lines came", shown, options.count));
+        }
         if (fds[0].revents == 0) continue;
 
         ssize_t count = read(trace.Get(), buffer, sizeof buffer);
@@ -278,15 +284,18 @@ void AddTraceCommand(CLI::App &app, Command *chosen)
     trace->add_option("--match", options->match, "Only IDs that match, * and ? being wild cards")
         ->type_name("GLOB");
     trace->add_flag("--history", options->history, "Begin with what the daemon remembers");
-    trace->add_option("-n,--count", options->count, "End after N lines")->type_name("N");
+    AddCountOption(*trace, &options->count, "lines");
+    AddTimeoutOption(*trace, &options->timeout);
     auto asJson = trace->add_flag("--json", options->asJson, "One JSON object a line");
     trace->add_flag("--raw", options->raw, "The lines as the daemon writes them")->excludes(asJson);
     trace->footer(R"(
-SIGINT and SIGTERM end it with status 0.
+Exit status: 0 when --count lines came, on SIGINT, SIGTERM and SIGHUP, and when nobody
+reads the output any more; 1 when --timeout came before --count lines; 3 when no daemon
+serves the run directory, and when the daemon ends the trace.
 
 Examples:
   keladm trace
   keladm trace --out --match 'nox.problem.*'
-  keladm trace --history --json --count 10)");
+  keladm trace --history --json --timeout 1s)");
     trace->callback([options, chosen] { *chosen = [options] { return Trace(*options); }; });
 }

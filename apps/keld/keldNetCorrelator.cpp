@@ -19,7 +19,7 @@ constexpr Translation kRows[] = {
      "@&!*@*@(nox.problem.net.portset.unsupported.psclass)%s is not a Kaltor supported portset class, the relevant module must be unloaded."},
     {"kel.net.lacp.lag.transition.up", Args("lag:%p, switch:%p"),
      "@&!*@*@(nox.clear.net.lacp.lag.transition.up)LAG %s on QSW %s is up.",
-     {.pairing = {.clears = "nox.problem.net.lacp.lag.transition.down", .on = "lag"}}},
+     {.pairing = {.clears = "nox.problem.net.lacp.lag.transition.down", .on = "lag, switch"}}},
     {"kel.net.lacp.lag.transition.down", Args("lag:%p, switch:%p"),
      "@&!*@*@(nox.problem.net.lacp.lag.transition.down)LAG %s on QSW %s is down."},
     // KEPT: no "uplink" in the type ID, and ".2" behind it; receivers subscribe to that name.

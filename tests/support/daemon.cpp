@@ -56,15 +56,17 @@ std::vector<char *> Pointers(std::vector<std::string> &texts)
     return pointers;
 }
 
-// True when somebody listens there, asked without making a connection. A socket that is bound and does not
-// listen yet refuses whoever comes.
+// True when somebody listens on the socket, and has not only bound it or left it behind. Asked of the
+// system's list, so that whoever listens is not disturbed.
 bool IsListening(const char *name)
 {
     char path[KLT_RUN_PATH_BYTES];
     if (KltRunDir_Path(name, path, sizeof path) != 0) return false;
-    std::ifstream sockets("/proc/net/unix");
+    const std::string end = std::string(" ") + path;
+    std::ifstream sockets(
+        "/proc/net/unix"); // address, references, protocol, flags, type, state, inode, path
     for (std::string line; std::getline(sockets, line);)
-        if (line.ends_with(std::string(" ") + path) && line.find(" 00010000 ") != line.npos) return true;
+        if (line.ends_with(end) && line.find(" 00010000 ") != line.npos) return true;
     return false;
 }
 
@@ -117,9 +119,9 @@ Daemon::~Daemon()
 // The trace socket is the last that the daemon opens.
 bool Daemon::WaitUntilReady()
 {
-    bool ready = false;
-    WaitUntil([&] { return (ready = IsListening("keld-trace.sock")) || !IsRunning(); });
-    return ready;
+    bool listening = false;
+    WaitUntil([&] { return (listening = IsListening("keld-trace.sock")) || !IsRunning(); });
+    return listening;
 }
 
 int Daemon::Terminate(int signal, std::chrono::milliseconds limit)

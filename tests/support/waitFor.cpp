@@ -1,5 +1,6 @@
 #include "waitFor.h"
 
+#include <ctime>
 #include <thread>
 
 bool WaitUntil(const std::function<bool()> &condition, std::chrono::milliseconds limit)
@@ -10,4 +11,16 @@ bool WaitUntil(const std::function<bool()> &condition, std::chrono::milliseconds
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+void UseProcessorTime(std::chrono::milliseconds amount)
+{
+    const auto used = [] {
+        timespec now;
+        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+        return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    };
+    const auto end = used() + amount;
+    while (used() < end)
+        continue;
 }

@@ -11,4 +11,7 @@ constexpr std::chrono::seconds kWaitLimit{60};
 // True as soon as condition() holds, false when limit has passed without.
 bool WaitUntil(const std::function<bool()> &condition, std::chrono::milliseconds limit = kWaitLimit);
 
+// Uses processor time of this process, as much as somebody who spins would get meanwhile.
+void UseProcessorTime(std::chrono::milliseconds amount);
+
 #endif

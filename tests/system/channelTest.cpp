@@ -1,24 +1,10 @@
 // The channels against producers that are well-behaved, careless, hostile or gone.
 #include "systemTest.h"
 
-#include <ctime>
 #include <functional>
 #include <sys/socket.h>
 
 namespace {
-
-// Uses processor time of this process, as much as somebody who spins would get meanwhile.
-void UseProcessorTime(std::chrono::milliseconds amount)
-{
-    const auto used = [] {
-        timespec now;
-        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-        return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
-    };
-    const auto end = used() + amount;
-    while (used() < end)
-        continue;
-}
 
 class ChannelTest : public SystemTest {
 protected:

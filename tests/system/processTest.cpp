@@ -1,15 +1,10 @@
 // The daemon as a process: options, start, signals, stop.
 #include "systemTest.h"
 
-#include <atomic>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -149,96 +144,5 @@ TEST_F(ProcessTest, ObservationsSentBeforeTheirAgentIsThereAreHandled)
     EXPECT_EQ(0, daemon->Terminate());
     close(opened);
 }
-
-// ---- Stopping under full load, whatever the receiver does ---------------------------------------------
-
-enum class Receiver { Reads, AcceptsWithoutReading, IsFull, IsAway };
-
-class StopTest : public ProcessTest, public testing::WithParamInterface<Receiver> {
-protected:
-    void SetUp() override
-    {
-        if (GetParam() != Receiver::Reads) receiver.Stop();
-        if (GetParam() == Receiver::AcceptsWithoutReading) receiver.Start();
-        if (GetParam() == Receiver::IsFull) receiver.Start(0);
-    }
-
-    // Lets three producers send without pause, and serves the receiver, until the daemon is stopped.
-    void Flood()
-    {
-        for (const int context : {2, 13, kUser})
-            threads.emplace_back([this, context] {
-                RecordBytes batch;
-                for (int i = 0; i < 40; ++i) {
-                    const RecordBytes record = Report("controller battery low");
-                    batch.insert(batch.end(), record.begin(), record.end());
-                }
-                RawProducer producer(context);
-                while (producer.Send(batch) == 0)
-                    ++batchesSent;
-            });
-        if (GetParam() == Receiver::Reads || GetParam() == Receiver::AcceptsWithoutReading)
-            threads.emplace_back([this] {
-                std::vector<int> kept;
-                while (!stopped) {
-                    pollfd waiting{receiver.Fd(), POLLIN, 0};
-                    poll(&waiting, 1, 20);
-                    if (GetParam() == Receiver::Reads)
-                        receiver.DrainRaw();
-                    else if (kept.size() < 500)
-                        kept.push_back(accept(receiver.Fd(), nullptr, nullptr));
-                }
-                for (const int fd : kept)
-                    close(fd);
-            });
-    }
-
-    void EndFlood()
-    {
-        stopped = true;
-        for (std::thread &thread : threads)
-            thread.join();
-        threads.clear();
-        stopped = false;
-        batchesSent = 0;
-    }
-
-    std::vector<std::thread> threads;
-    std::atomic<bool> stopped = false;
-    std::atomic<int> batchesSent = 0;
-};
-
-TEST_P(StopTest, UnderFullLoadEndsWithStatusZero)
-{
-    for (int round = 0; round < 13; ++round) {
-        Start(kShippedDaemon);
-        Flood();
-        EXPECT_TRUE(WaitUntil([&] { return batchesSent > 3 * round; })); // ever deeper into it
-        const int status = daemon->Terminate(round % 2 == 0 ? SIGTERM : SIGINT);
-        EXPECT_EQ(0, status) << daemon->Output();
-        EndFlood();
-        if (status != 0) return;
-    }
-}
-
-std::string NameOf(const testing::TestParamInfo<Receiver> &kind)
-{
-    switch (kind.param) {
-    case Receiver::Reads:
-        return "Reads";
-    case Receiver::AcceptsWithoutReading:
-        return "AcceptsWithoutReading";
-    case Receiver::IsFull:
-        return "IsFull";
-    case Receiver::IsAway:
-        break;
-    }
-    return "IsAway";
-}
-
-INSTANTIATE_TEST_SUITE_P(Receiver, StopTest,
-                         testing::Values(Receiver::Reads, Receiver::AcceptsWithoutReading, Receiver::IsFull,
-                                         Receiver::IsAway),
-                         NameOf);
 
 } // namespace

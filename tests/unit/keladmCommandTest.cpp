@@ -56,6 +56,16 @@ TEST_F(KeladmCommandTest, WrongUsageAndAMissingDaemonHaveStatusesOfTheirOwn)
 {
     EXPECT_THAT(Run("$KELADM"), StartsWith("2 keladm: A subcommand is required"));
     EXPECT_THAT(Run("$KELADM recieve"), StartsWith("2 keladm: \"recieve\" is no subcommand"));
+    EXPECT_THAT(Run("$KELADM host list --all"),
+                StartsWith("2 keladm host list: The following argument was not expected: --all\n"
+                           "Try \"keladm host list --help\"."));
+    EXPECT_THAT(Run("$KELADM host lst"), StartsWith("2 keladm host: \"lst\" is no subcommand"));
+    EXPECT_THAT(Run("$KELADM receive --count -1"),
+                StartsWith("2 keladm receive: --count: \"-1\" is not a number from 1 up"));
+    EXPECT_THAT(Run("$KELADM trace --timeout 5x"),
+                StartsWith("2 keladm trace: --timeout: \"5x\" is no time such as 5s"));
+    EXPECT_THAT(Run("$KELADM replay --speed 0 -"),
+                StartsWith("2 keladm replay: --speed: \"0\" is not a number above 0"));
     EXPECT_THAT(Run("$KELADM send kel.x -m %d ten"), StartsWith("2 keladm send: argument 1"));
     EXPECT_THAT(Run("$KELADM send kel.x"), StartsWith("3 keladm send: no daemon serves "));
     EXPECT_THAT(Run("$KELADM trace"), StartsWith("3 keladm trace: no daemon serves "));
@@ -91,7 +101,8 @@ TEST_F(KeladmCommandTest, AReceiverEndsWellWithoutItsReaderAndOnASignal)
         "0 ",
         Run("$KELADM receive & while [ ! -S carad-pling.sock ]; do :; done; kill -TERM $!; wait $! && "
             "[ ! -e carad-pling.sock ]"));
-    EXPECT_THAT(Run("$KELADM receive --count 1 --timeout 1ms"), StartsWith("1 0 of 1 events came"));
+    EXPECT_THAT(Run("$KELADM receive --count 1 --timeout 1ms"),
+                StartsWith("1 keladm receive: 0 of 1 events came"));
     EXPECT_EQ("0 ", Run("$KELADM receive --timeout 1ms"));
 }
 
@@ -126,7 +137,8 @@ TEST_F(KeladmCommandTest, ADifferenceIsShownWithWhatCameInstead)
                                "expect within 0s nox.problem.net.vmnic.linkstate.down vmnic1\n");
     EXPECT_THAT(Run("$KELADM replay --check link.scenario"),
                 testing::AllOf(StartsWith("1 "), HasSubstr("FAILED    line 4: expect within 0s"),
-                               HasSubstr("\n              nox.problem.net.vmnic.linkstate.down vmnic0\n"),
+                               HasSubstr("\n              nox.problem.net.vmnic.linkstate.down vmnic0\n"
+                                         "                argument 1 is \"vmnic0\", not \"vmnic1\"\n"),
                                HasSubstr("FAILED: 1 of 2 expectations met")));
 }
 

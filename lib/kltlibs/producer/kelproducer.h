@@ -65,6 +65,9 @@ int KelProducer_Open(int context, KelProducer **producer);
  * producer's, at once); SIGPIPE is not raised. */
 int KelProducer_Send(KelProducer *producer, const void *records, size_t length);
 
+/* For a poll: writable when a batch will be taken without waiting. The producer's own; not to be closed. */
+int KelProducer_Fd(const KelProducer *producer);
+
 /* Builds one record with the present time and sends it. */
 int KelProducer_Emit(KelProducer *producer, const char *id, const char *format, ...)
     __attribute__((format(printf, 3, 4)));

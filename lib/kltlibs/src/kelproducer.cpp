@@ -168,6 +168,8 @@ int KelProducer_Send(KelProducer *producer, const void *records, size_t length)
     return 0;
 }
 
+int KelProducer_Fd(const KelProducer *producer) { return producer->fd; }
+
 int KelProducer_Emit(KelProducer *producer, const char *id, const char *format, ...)
 {
     char small[kEmitBytes];
