@@ -124,18 +124,18 @@ TEST_F(ProcessTest, BothSignalsStopItWithTheSameLastLines)
     }
 }
 
-TEST_F(ProcessTest, ObservationsSentBeforeAnyAgentIsThereAreHandled)
+TEST_F(ProcessTest, ObservationsSentBeforeTheirAgentIsThereAreHandled)
 {
-    const std::string gate = host.Path("gate");
+    const std::string gate = host.Path("GenericCorrelat");
     ASSERT_EQ(0, mkfifo(gate.c_str(), 0600));
-    daemon.emplace(kShippedDaemon, Texts{}, Texts{"KELD_THREAD_GATE=" + gate});
+    daemon.emplace(kShippedDaemon, Texts{}, Texts{"KELD_THREAD_GATES=" + host.Path()});
     ASSERT_TRUE(daemon->WaitUntilReady()) << daemon->Log().Raw() << daemon->Output();
     Texts messages;
     for (const int context : {0, 9, 21, kUser}) {
         messages.push_back("early, context " + std::to_string(context));
         SendReport(context, messages.back());
     }
-    // It waits for its agents; otherwise it has read all that was sent, and waits for more.
+    // It waits for the last of its agents; otherwise it has read all that was sent, and waits for more.
     EXPECT_TRUE(WaitUntil([this] { return daemon->IsAsleep(); }));
 
     const int opened = open(gate.c_str(), O_RDWR | O_CLOEXEC);
