@@ -25,10 +25,10 @@ try {
     const RunDir directory;
     double load = 0;
     (void)getloadavg(&load, 1);
+    const std::string log = hostLog.empty() ? "a receiver of the benchmark's own"
+                                            : "the host's log, if it has one (no own one: " + hostLog + ")";
     std::printf("Medians of %d rounds; %ld processors, %.1f busy at the start; log lines go to %s.\n\n",
-                options.rounds, sysconf(_SC_NPROCESSORS_ONLN), load,
-                hostLog.empty() ? "a receiver of the benchmark's own"
-                                : ("the host's system log, if it has one: " + hostLog).c_str());
+                options.rounds, sysconf(_SC_NPROCESSORS_ONLN), load, log.c_str());
     std::fflush(stdout);
     const std::vector<Row> road = MeasureRoad(options);
     PrintTable({{"The road, in the daemon as shipped", road}, {"Its steps", MeasureSteps(quick)}});

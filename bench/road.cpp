@@ -269,7 +269,7 @@ std::vector<Row> MeasureRoad(const RoadOptions &options)
             const bool floor = i % 4 == 0 || i % 4 == 3;
             const Figures figures =
                 (Round(floor ? KELD_FLOOR_BINARY : options.keld, options, load, receiver).*part)();
-            for (int measure = 0; measure < kMeasures; ++measure)
+            for (std::size_t measure = 0; measure < kMeasures; ++measure)
                 if (figures[measure])
                     (floor ? pairs[measure].floor : pairs[measure].keld).push_back(*figures[measure]);
         }

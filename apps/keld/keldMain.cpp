@@ -30,6 +30,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <getopt.h>
 #include <memory>
 #include <new>
@@ -138,7 +139,9 @@ int Daemon::Start(bool asyncEnable, bool optionalAgents)
         if ((error = KeldChannelOpen(&channel, &fd)) != 0) return error;
         mPoll.Append(fd);
     }
-    mPoll.Append(KeldTraceOpen(nullptr));
+    const int traceListener = KeldTraceOpen(nullptr);
+    if (traceListener < 0) KeldLog("Trace socket cannot be opened: %s\n", std::strerror(errno));
+    mPoll.Append(traceListener); // without one, the slot stays empty
 
     if ((error = KeldDispatchInit()) != 0) return error;
     for (const KeldCorrelatorEntry &correlator : keldCorrelators)

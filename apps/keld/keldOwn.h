@@ -4,40 +4,10 @@
 
 #include <kltlibs/kel.h>
 #include <kltlibs/kif.h>
+#include <kltlibs/uniquefd.h>
 
 #include <cstdlib>
 #include <memory>
-#include <unistd.h>
-#include <utility>
-
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : mFd(fd) {}
-    UniqueFd(UniqueFd &&other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
-    UniqueFd &operator=(UniqueFd &&other) noexcept
-    {
-        if (this != &other) {
-            (void)Close();
-            mFd = std::exchange(other.mFd, -1);
-        }
-        return *this;
-    }
-    ~UniqueFd() { (void)Close(); }
-
-    int Get() const { return mFd; }
-    int Release() { return std::exchange(mFd, -1); }
-
-    // 0, or -1 with errno; the descriptor is gone either way.
-    int Close()
-    {
-        const int fd = Release();
-        return fd < 0 ? 0 : close(fd);
-    }
-
-private:
-    int mFd = -1;
-};
 
 struct FreeDeleter {
     void operator()(void *memory) const { std::free(memory); }

@@ -130,14 +130,12 @@ using KeldNames = std::array<std::string_view, kKeldArgumentsMax>;
 // The pseudo-conversion %U is a volume UUID: nine numbers read, one text shown.
 struct KeldArguments {
     enum class By { Format, Index, Message };
-    enum class Nulls { Fail, Keep };
 
     By by;
     std::array<char, 160> format{}; // what the library is asked for
     const char *message = nullptr;  // By::Message
     KeldShape shape;
     KeldNames names{};
-    Nulls nulls = Nulls::Fail;
     std::size_t nullIndex = kKeldArgumentsMax;
     const char *nullText = nullptr; // what a null text at nullIndex becomes
 
@@ -147,12 +145,6 @@ struct KeldArguments {
         KeldArguments changed = *this;
         changed.nullIndex = index;
         changed.nullText = text;
-        return changed;
-    }
-    consteval KeldArguments NullsKept() const
-    {
-        KeldArguments changed = *this;
-        changed.nulls = Nulls::Keep;
         return changed;
     }
 
@@ -372,12 +364,8 @@ template <class T> auto Destinations(T *value)
 template <class T> bool Settle(const KeldArguments &, std::size_t, T *) { return true; }
 inline bool Settle(const KeldArguments &arguments, std::size_t at, const char **text)
 {
-    if (*text != nullptr) return true;
-    if (at == arguments.nullIndex)
-        *text = arguments.nullText;
-    else if (arguments.nulls == KeldArguments::Nulls::Fail)
-        return false;
-    return true;
+    if (*text == nullptr && at == arguments.nullIndex) *text = arguments.nullText;
+    return *text != nullptr;
 }
 
 // Reads every argument; 0, or the status of the read that failed, whose position goes to *failedAt.

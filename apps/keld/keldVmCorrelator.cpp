@@ -39,7 +39,7 @@ constexpr EventText kNoSwapResponse(
     "path, swapActions, seconds");
 
 constexpr KeldArguments kSwapFile =
-    ByMessage("The virtual machine using the configuration file %s could not fault in a page from the swap file at %s. The virtual machine has been powered off.", "path, swapFile").NullsKept();
+    ByMessage("The virtual machine using the configuration file %s could not fault in a page from the swap file at %s. The virtual machine has been powered off.", "path, swapFile");
 constexpr EventText kFaultFailure(
     "@&!*@*@(nox.problem.vm.kill.unexpected.fault.failure.2)%s could not fault in a guest physical page from the hypervisor level swap file on %s. The VM is terminated as further progress is impossible.",
     "path, datastore");

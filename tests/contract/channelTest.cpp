@@ -342,6 +342,19 @@ TEST_F(ChannelTest, ADatagramIsNeverSplit)
     EXPECT_EQ(std::vector<std::string>(), mLog.Lines());
 }
 
+TEST_F(ChannelTest, AsManyComeTogetherAsFitWhateverTheirSizes)
+{
+    const int fd = FdOf(Open(0));
+    RawProducer producer(0);
+    for (const unsigned size : {100U, 100U, 60U, 60U, 100U})
+        ASSERT_EQ(0, producer.Send(RecordOf(size)));
+    EXPECT_EQ("kel.a kel.a kel.a", Read(fd, 270)) << "the small one fits where another large one would not";
+    EXPECT_EQ("kel.a", Read(fd, 159));
+    EXPECT_EQ(POLLIN, Events(fd)) << "the large one waits though a small one came before it";
+    EXPECT_EQ("kel.a", Read(fd, 100));
+    EXPECT_EQ(0, Events(fd));
+}
+
 TEST_F(ChannelTest, WhatHasToWaitIsReportedByPollWhateverTheQueueHolds)
 {
     const int fd = FdOf(Open(0));

@@ -27,9 +27,9 @@ void CheckExpectation(const ExpectAction &expect)
     std::vector<std::string> arguments;
     for (const ArgumentWord &word : expect.arguments)
         arguments.push_back(word.text);
-    FUZZ_CHECK(Meets(expect, expect.type, arguments));
+    FUZZ_CHECK(!Difference(expect, expect.type, arguments));
     arguments.emplace_back("more");
-    FUZZ_CHECK(Meets(expect, expect.type, arguments) == (expect.moreAllowed || !expect.argumentsMatter));
+    FUZZ_CHECK(!Difference(expect, expect.type, arguments) == (expect.moreAllowed || !expect.argumentsMatter));
 }
 
 // The steps as lines, which end in a blank, as one may end in a carriage return. Line numbers ascend.

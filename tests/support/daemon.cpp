@@ -155,6 +155,23 @@ void Daemon::Signal(int signal)
     if (mExitStatus < 0) kill(mPid, signal);
 }
 
+void Daemon::StopAndContinue()
+{
+    Signal(SIGSTOP);
+    EXPECT_TRUE(WaitUntil([this] { return State() == 'T'; }));
+    Signal(SIGCONT);
+    EXPECT_TRUE(WaitUntil([this] { return State() != 'T'; }));
+}
+
+// Of the main thread: the word behind its name in parentheses.
+char Daemon::State() const
+{
+    std::ifstream file("/proc/" + std::to_string(mPid) + "/stat");
+    std::string stat;
+    std::getline(file, stat);
+    return stat.at(stat.rfind(')') + 2);
+}
+
 std::chrono::nanoseconds Daemon::ProcessorTime() const
 {
     clockid_t clock;

@@ -55,6 +55,11 @@ public:
     void Signal(int signal);
     pid_t Pid() const { return mPid; }
 
+    // True while its main thread has nothing to do, or waits for another.
+    bool IsAsleep() const { return State() == 'S'; }
+    // Stops all of it, as a debugger or a shell does, and lets it go on.
+    void StopAndContinue();
+
     const LogCapture &Log() const { return mLog; }
 
     // Standard output and standard error, in the order written.
@@ -76,6 +81,7 @@ public:
 
 private:
     void Command(const std::string &line);
+    char State() const;
     std::size_t CountEntries(const char *directory) const;
     std::size_t StatusBytes(const char *field) const;
 

@@ -33,8 +33,7 @@ std::string_view WithoutPrefixes(std::string_view line)
 
 CapturedText::CapturedText() : mFd(memfd_create("captured", MFD_CLOEXEC))
 {
-    // Without O_APPEND, writes of two threads at once may take the same place: such a file's position
-    // is not locked.
+    // Appending: the offset of such a file is not guarded, and two threads would write over each other.
     if (mFd < 0 || fcntl(mFd, F_SETFL, O_APPEND) != 0)
         throw std::system_error(errno, std::generic_category(), "memfd_create");
 }

@@ -137,6 +137,20 @@ TEST_F(EventDeliveryTest, AnEventQueuedLaterSharesTheAlarmThatIsArmed)
     EXPECT_EQ(Reported(Texts{"one", "two"}), receiver.DrainTexts());
 }
 
+TEST_F(EventDeliveryTest, StoppedAndContinuedItGoesOnWaitingForABusyReceiver)
+{
+    receiver.Stop();
+    receiver.Start(0);
+    const Texts messages{"one", "two", "three"};
+    for (const std::string &message : messages)
+        SendReport(4, message);
+    EXPECT_TRUE(daemon->Log().WaitForLines("[nox.problem.3rdParty.error]", 2)); // the second finds no room
+    for (int round = 0; round < 20; ++round)
+        daemon->StopAndContinue();
+    EXPECT_EQ(Reported(messages), receiver.WaitForTexts(messages.size()));
+    EXPECT_EQ(Texts{}, DeliveryLines());
+}
+
 TEST_F(EventDeliveryTest, AThousandEventsPassInAMinute)
 {
     const auto send = [](int count) {

@@ -1,7 +1,11 @@
 // The daemon as a process: options, start, signals, stop.
 #include "systemTest.h"
 
+#include <fcntl.h>
 #include <filesystem>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -53,6 +57,24 @@ TEST_F(ProcessTest, ForeignKernelSignatureIsFatal)
     EXPECT_TRUE(NothingOpened());
 }
 
+TEST_F(ProcessTest, UnusableRunDirectoryIsAStatusAndALine)
+{
+    const auto reasonFor = [this](const std::string &directory, const Texts &options) {
+        setenv("KALTOR_RUN_DIR", directory.c_str(), 1);
+        daemon.emplace(kShippedDaemon, options);
+        EXPECT_EQ(22, daemon->WaitForExit()) << daemon->Output();
+        setenv("KALTOR_RUN_DIR", host.Path().c_str(), 1);
+        const Texts lines = daemon->Log().Lines();
+        EXPECT_EQ((Texts{lines.at(0), "Exiting. rc:22"}), lines);
+        return lines.at(0);
+    };
+    for (const std::string &unusable : {"/" + std::string(80, 'r'), std::string("run"), std::string()}) {
+        EXPECT_EQ("KALTOR_RUN_DIR must be an absolute path of at most 80 bytes", reasonFor(unusable, {}));
+        EXPECT_EQ("option Misc/KelAsyncEnable cannot be set: Invalid argument",
+                  reasonFor(unusable, {"-e"}));
+    }
+}
+
 TEST_F(ProcessTest, LogLinesCarryPriorityAndTime)
 {
     Start(kHandClockDaemon, {});
@@ -102,23 +124,25 @@ TEST_F(ProcessTest, BothSignalsStopItWithTheSameLastLines)
     }
 }
 
-TEST_F(ProcessTest, ObservationsSentTheMomentTheSocketsAppearAreHandled)
+TEST_F(ProcessTest, ObservationsSentBeforeAnyAgentIsThereAreHandled)
 {
-    for (const int context : {0, 9, 21, kUser})
-        for (int round = 0; round < 4; ++round) {
-            daemon.reset();
-            daemon.emplace(kShippedDaemon);
-            std::optional<RawProducer> producer;
-            ASSERT_TRUE(WaitUntil([&] {
-                try {
-                    producer.emplace(context);
-                } catch (const std::exception &) {
-                }
-                return producer.has_value();
-            }));
-            EXPECT_EQ(0, producer->Send(Report("early")));
-            EXPECT_EQ(Reported(Texts{"early"}), receiver.WaitForTexts(1)) << "context " << context;
-        }
+    const std::string gate = host.Path("gate");
+    ASSERT_EQ(0, mkfifo(gate.c_str(), 0600));
+    daemon.emplace(kShippedDaemon, Texts{}, Texts{"KELD_THREAD_GATE=" + gate});
+    ASSERT_TRUE(daemon->WaitUntilReady()) << daemon->Log().Raw() << daemon->Output();
+    Texts messages;
+    for (const int context : {0, 9, 21, kUser}) {
+        messages.push_back("early, context " + std::to_string(context));
+        SendReport(context, messages.back());
+    }
+    // It waits for its agents; otherwise it has read all that was sent, and waits for more.
+    EXPECT_TRUE(WaitUntil([this] { return daemon->IsAsleep(); }));
+
+    const int opened = open(gate.c_str(), O_RDWR | O_CLOEXEC);
+    EXPECT_THAT(receiver.WaitForTexts(messages.size()),
+                testing::UnorderedElementsAreArray(Reported(messages)));
+    EXPECT_EQ(0, daemon->Terminate());
+    close(opened);
 }
 
 } // namespace

@@ -32,7 +32,6 @@ TEST_F(NetCorrelatorTest, AFenceThatCannotBeSetIsReportedWithTheReason)
 // Names that differ from the observation's, a number before a text, no argument at all.
 TEST_F(NetCorrelatorTest, TellingTranslations)
 {
-    Observe(MakeKel("kel.net.lacp.uplink.peer.noresponse", "%s", "dvs"));
     Observe(MakeKel("kel.net.portset.port.connect.fail", "%s %s %s", "00:50:56:9a:00:01", "17", "dvs"));
     Observe(MakeKel("kel.net.migrate.bindtoknx.failed", "%s", "knx9"));
     Observe(MakeKel("kel.net.lacp.uplink.fail.speed", "%s %s", "dvs", "vmnic3"));
@@ -41,13 +40,18 @@ TEST_F(NetCorrelatorTest, TellingTranslations)
     Observe(MakeKel("kel.net.uplink.mtu.failed", "%d %s", 9000, "vmnic3"));
     Observe(MakeKel("kel.net.firewall.disabled", " "));
     EXPECT_THAT(Events(),
-                ElementsAre("nox.problem.net.lacp.peer.noresponse.2(dvs)",
-                            "nox.problem.net.proxyswitch.port.unavailable(00:50:56:9a:00:01, 17, dvs)",
+                ElementsAre("nox.problem.net.proxyswitch.port.unavailable(00:50:56:9a:00:01, 17, dvs)",
                             "nox.problem.net.migrate.bindtoknx(knx9)",
                             "nox.problem.net.lacp.uplink.fail.speed(dvs, vmnic3)",
                             "nox.problem.net.migrate.unsupported.latency(4000000000, 10.0.0.1, 10.0.0.2)",
                             "nox.problem.net.uplink.mtu.failed(9000, vmnic3)",
                             "nox.audit.net.firewall.disabled()"));
+}
+
+TEST_F(NetCorrelatorTest, Kept_AMissingPeersTypeIdHasNoUplinkButATwo)
+{
+    Observe(MakeKel("kel.net.lacp.uplink.peer.noresponse", "%s", "dvs"));
+    EXPECT_THAT(Events(), ElementsAre("nox.problem.net.lacp.peer.noresponse.2(dvs)"));
 }
 
 TEST_F(NetCorrelatorTest, WhatCannotBeReadAndWhatIsUnknownIsDroppedWithoutAWord)

@@ -195,16 +195,20 @@ TEST_F(PageRetireCorrelatorTest, StoppedVirtualMachineIsLeftAloneWhileItsInjecti
     EXPECT_EQ(1U, Events().size());
 }
 
-TEST_F(PageRetireCorrelatorTest, VirtualMachineThatIsGoneIsLeftAloneUntilItIsThere)
+TEST_F(PageRetireCorrelatorTest, VirtualMachinesThatAreGoneAreLeftAloneUntilTheyAreThere)
 {
-    Inject(5000, 0x1f00, 49);
+    for (const int worldId : {6000, 5000})
+        Inject(worldId, 0x1f00, 49);
     clock.Advance(2);
-    Inject(5000, 0x1f00, 2);
+    for (const int worldId : {6000, 5000})
+        Inject(worldId, 0x1f00, 2);
     EXPECT_THAT(Events(), IsEmpty());
+    runDir.Host("vms/6000/name", "late04");
     runDir.Host("vms/5000/name", "late03");
-    Inject(4711, 0x2000); // every machine is looked at
-    EXPECT_THAT(Events(), ElementsAre("nox.problem.pageretire.mce.injected.2(late03, 50, 7936)"));
-    EXPECT_TRUE(Stopped(5000));
+    Inject(6000, 0x2000); // every page of every machine is looked at, by world ID
+    EXPECT_THAT(Events(), ElementsAre("nox.problem.pageretire.mce.injected.2(late03, 50, 7936)",
+                                      "nox.problem.pageretire.mce.injected.2(late04, 50, 7936)"));
+    EXPECT_TRUE(Stopped(5000) && Stopped(6000));
 }
 
 TEST_F(PageRetireCorrelatorTest, VirtualMachineThatCannotBeStoppedIsReportedOnce)

@@ -88,15 +88,15 @@ std::unique_ptr<NodeAdm::Host> NodeAdm::HostFactory::GetHost()
 namespace {
 
 constexpr const char *kDevice = "naa.60a98000";
-constexpr const char *kPath = "vmhba1:C0:T0:L4";
-constexpr const char *kOther = "vmhba2:C0:T1:L4";
+constexpr const char *kPath = "hba1:C0:T0:L4";
+constexpr const char *kOther = "hba2:C0:T1:L4";
 
 class ScsiTest : public CorrelatorTest {
 protected:
     ScsiTest() : CorrelatorTest(keldScsiDomain)
     {
-        runDir.Host("storage/paths/vmhba1:C0:T0:L4", kDevice);
-        runDir.Host("storage/paths/vmhba2:C0:T1:L4", kDevice);
+        runDir.Host("storage/paths/hba1:C0:T0:L4", kDevice);
+        runDir.Host("storage/paths/hba2:C0:T1:L4", kDevice);
         runDir.Host("storage/devices/naa.60a98000/partitions/2", "gold");
         runDir.Host("storage/devices/naa.60a98000/partitions/10", "silver");
         Redundancy("3");
@@ -130,14 +130,14 @@ protected:
     // A daemon that has been counting before: what comes first on a fresh one is forgotten at once.
     void SettleCounters()
     {
-        Changes(1, "vmhba9:C0:T0:L0");
-        Resets(1, "vmhba9:C0:T0:L0");
+        Changes(1, "hba9:C0:T0:L0");
+        Resets(1, "hba9:C0:T0:L0");
     }
 
-    const Lines mFrequentChanges{"nox.problem.storage.connectivity.pathstatechanges(vmhba1:C0:T0:L4, "
+    const Lines mFrequentChanges{"nox.problem.storage.connectivity.pathstatechanges(hba1:C0:T0:L4, "
                                  "naa.60a98000, \"gold\", \"silver\")"};
     const Lines mFrequentResets{
-        "nox.problem.storage.connectivity.pathpor(vmhba1:C0:T0:L4, naa.60a98000, \"gold\", \"silver\")"};
+        "nox.problem.storage.connectivity.pathpor(hba1:C0:T0:L4, naa.60a98000, \"gold\", \"silver\")"};
 };
 
 } // namespace
@@ -154,9 +154,9 @@ TEST_F(ScsiTest, LostPathIsPostedByThePathsThatAreLeft)
     EXPECT_THAT(
         Events(),
         ElementsAre(
-            "nox.problem.storage.redundancy.degraded(naa.60a98000, vmhba1:C0:T0:L4, \"gold\", \"silver\")",
-            "nox.problem.storage.redundancy.lost(naa.60a98000, vmhba1:C0:T0:L4, \"gold\", \"silver\")",
-            "nox.problem.storage.connectivity.lost(naa.60a98000, vmhba1:C0:T0:L4, \"gold\", \"silver\")"));
+            "nox.problem.storage.redundancy.degraded(naa.60a98000, hba1:C0:T0:L4, \"gold\", \"silver\")",
+            "nox.problem.storage.redundancy.lost(naa.60a98000, hba1:C0:T0:L4, \"gold\", \"silver\")",
+            "nox.problem.storage.connectivity.lost(naa.60a98000, hba1:C0:T0:L4, \"gold\", \"silver\")"));
 }
 
 TEST_F(ScsiTest, RestoredPathIsClearedByThePathsThatAreThereAgain)
@@ -167,7 +167,7 @@ TEST_F(ScsiTest, RestoredPathIsClearedByThePathsThatAreThereAgain)
         EXPECT_EQ(1U, Events().size());
         Redundancy(value);
         Goes(kPath, "on", "dead");
-        const std::string shown = "(naa.60a98000, \"gold\", \"silver\", vmhba1:C0:T0:L4)";
+        const std::string shown = "(naa.60a98000, \"gold\", \"silver\", hba1:C0:T0:L4)";
         if (*value == '2')
             EXPECT_THAT(Events(), ElementsAre("nox.clear.storage.connectivity.restored" + shown));
         else if (*value == '3')
@@ -195,14 +195,20 @@ TEST_F(ScsiTest, OnlyAUsablePathCanBeLostAndOnlyADeadOneRestored)
 
 TEST_F(ScsiTest, ClearNeedsAProblemOfThatVeryPathAndDevice)
 {
+    Redundancy("0");
+    Goes(kPath, "dead", "on"); // posts nothing
+    Redundancy("3");
+    Goes(kPath, "on", "dead");
+    EXPECT_THAT(Events(), IsEmpty());
+
     Goes(kPath, "dead", "on");
     EXPECT_EQ(1U, Events().size());
     Goes(kOther, "on", "dead");
-    runDir.Host("storage/paths/vmhba1:C0:T0:L4", "naa.other"); // the path leads elsewhere now
+    runDir.Host("storage/paths/hba1:C0:T0:L4", "naa.other"); // the path leads elsewhere now
     runDir.Host("storage/devices/naa.other/pathRedundancy", "3");
     Goes(kPath, "on", "dead");
     EXPECT_THAT(Events(), IsEmpty());
-    runDir.Host("storage/paths/vmhba1:C0:T0:L4", kDevice);
+    runDir.Host("storage/paths/hba1:C0:T0:L4", kDevice);
     Goes(kPath, "on", "dead");
     EXPECT_EQ(1U, Events().size());
     Goes(kPath, "on", "dead"); // cleared already
@@ -216,14 +222,14 @@ TEST_F(ScsiTest, DatastoresAreEmptyWithoutAnyAndUnknownWhenTheyCannotBeRead)
     Goes(kPath, "dead", "on");
     runDir.RemoveHost("storage/devices/naa.60a98000/partitions/3");
     runDir.RemoveHost("storage/devices/naa.60a98000/partitions/2");
+    runDir.Host("storage/devices/naa.60a98000/partitions/5", ""); // none is mounted on it
     Goes(kPath, "dead", "on");
     runDir.RemoveHost("storage/devices/naa.60a98000/partitions");
     Goes(kPath, "dead", "on");
-    EXPECT_THAT(
-        Events(),
-        ElementsAre("nox.problem.storage.redundancy.lost(naa.60a98000, vmhba1:C0:T0:L4, Unknown)",
-                    "nox.problem.storage.redundancy.lost(naa.60a98000, vmhba1:C0:T0:L4, \"silver\")",
-                    "nox.problem.storage.redundancy.lost(naa.60a98000, vmhba1:C0:T0:L4, )"));
+    EXPECT_THAT(Events(),
+                ElementsAre("nox.problem.storage.redundancy.lost(naa.60a98000, hba1:C0:T0:L4, Unknown)",
+                            "nox.problem.storage.redundancy.lost(naa.60a98000, hba1:C0:T0:L4, \"silver\")",
+                            "nox.problem.storage.redundancy.lost(naa.60a98000, hba1:C0:T0:L4, )"));
 }
 
 // Whatever the host leaves unanswered, a complete event or none comes, and the agent goes on.
@@ -243,7 +249,7 @@ TEST_F(ScsiTest, LookUpThatThrowsCostsTheEventOrItsDatastores)
         Goes(kPath, "dead", "on");
         failingLookUp = 0;
         for (const std::string &event : Events()) {
-            EXPECT_EQ("nox.problem.storage.redundancy.lost(naa.60a98000, vmhba1:C0:T0:L4, Unknown)", event);
+            EXPECT_EQ("nox.problem.storage.redundancy.lost(naa.60a98000, hba1:C0:T0:L4, Unknown)", event);
             ++withoutDatastores;
         }
     }
@@ -252,7 +258,7 @@ TEST_F(ScsiTest, LookUpThatThrowsCostsTheEventOrItsDatastores)
 
 TEST_F(ScsiTest, PathsAndDevicesThatTheHostDoesNotKnowPostNothing)
 {
-    Goes("vmhba9:C0:T0:L0", "dead", "on");
+    Goes("hba9:C0:T0:L0", "dead", "on");
     runDir.RemoveHost("storage/devices/naa.60a98000/pathRedundancy");
     Goes(kPath, "dead", "on");
     runDir.RemoveHost("storage/devices");
@@ -284,6 +290,15 @@ TEST_F(ScsiTest, TenthChangeIsReportedOnceUntilTheCountsAreReset)
     EXPECT_EQ(mFrequentChanges, Changes(1));
 }
 
+TEST_F(ScsiTest, PathThatComesUpChangesItsStateToo)
+{
+    SettleCounters();
+    for (int i = 0; i < 5; ++i)
+        for (const char *state : {"on", "standby"})
+            Goes(kPath, state, "standby");
+    EXPECT_EQ(mFrequentChanges, Events());
+}
+
 TEST_F(ScsiTest, CountsBelowTenAreForgottenAfterMoreThanAMinute)
 {
     SettleCounters();
@@ -294,7 +309,7 @@ TEST_F(ScsiTest, CountsBelowTenAreForgottenAfterMoreThanAMinute)
 
     Changes(8, kOther);
     clock.Advance(1);
-    Changes(1, "vmhba9:C0:T0:L0"); // 61 seconds: every count is looked at
+    Changes(1, "hba9:C0:T0:L0"); // 61 seconds: every count is looked at
     EXPECT_THAT(Changes(9, kOther), IsEmpty());
     EXPECT_EQ(1U, Changes(1, kOther).size());
 }
@@ -352,13 +367,12 @@ TEST_F(ScsiTest, PathsAreCountedApartAndStateChangesApartFromResets)
 TEST_F(ScsiTest, FrequentChangesNeedADeviceAndItsRedundancy)
 {
     SettleCounters();
-    EXPECT_THAT(Changes(10, "vmhba8:C0:T0:L0"), IsEmpty());
+    EXPECT_THAT(Changes(10, "hba8:C0:T0:L0"), IsEmpty());
     Redundancy("none");
     EXPECT_THAT(Changes(10, kOther), IsEmpty());
     Redundancy("0");
-    EXPECT_THAT(Changes(10),
-                ElementsAre("nox.problem.storage.connectivity.pathstatechanges(vmhba1:C0:T0:L4, "
-                            "naa.60a98000, Unknown)"));
+    EXPECT_THAT(Changes(10), ElementsAre("nox.problem.storage.connectivity.pathstatechanges(hba1:C0:T0:L4, "
+                                         "naa.60a98000, Unknown)"));
 }
 
 TEST_F(ScsiTest, ResetsAreReportedOnceAndForgottenLikeStateChanges)
@@ -366,7 +380,7 @@ TEST_F(ScsiTest, ResetsAreReportedOnceAndForgottenLikeStateChanges)
     SettleCounters();
     Resets(9);
     clock.Advance(61);
-    Resets(1, "vmhba9:C0:T0:L0");
+    Resets(1, "hba9:C0:T0:L0");
     EXPECT_THAT(Resets(9), IsEmpty());
     EXPECT_EQ(mFrequentResets, Resets(1));
     EXPECT_THAT(Resets(50), IsEmpty());
@@ -383,7 +397,7 @@ TEST_F(ScsiTest, ResetsOfAnUnknownPathAreThoseOfADeviceOfThatName)
     EXPECT_THAT(Resets(10, "naa.unknown"), IsEmpty());
     Redundancy("0");
     EXPECT_THAT(Resets(10),
-                ElementsAre("nox.problem.storage.connectivity.pathpor(vmhba1:C0:T0:L4, naa.60a98000, "
+                ElementsAre("nox.problem.storage.connectivity.pathpor(hba1:C0:T0:L4, naa.60a98000, "
                             "Unknown)"));
     redundancyInstead = 0; // also of a device without a name, which the inventory cannot hold
     EXPECT_THAT(Resets(10, ""), ElementsAre("nox.problem.storage.connectivity.devicepor(, Unknown)"));
@@ -402,10 +416,10 @@ TEST_F(ScsiTest, ObservationsBecomeEventsWithTheirArgumentsInOrder)
         Events(),
         ElementsAre(
             "nox.clear.scsi.device.state.on(naa.60a98000)",
-            "nox.problem.scsi.scsipath.limitreached(4096, vmhba1:C0:T0:L4)",
+            "nox.problem.scsi.scsipath.limitreached(4096, hba1:C0:T0:L4)",
             "nox.problem.scsi.device.latency.raised(naa.60a98000, 1200, 4000000000)",
             "nox.problem.scsi.device.capacity.changed(naa.60a98000, 1, 1250999896491)",
-            "nox.problem.scsi.scsipath.badpath.wrongdevice(vmhba1:C0:T0:L4, naa.60a98000, naa.other)"));
+            "nox.problem.scsi.scsipath.badpath.wrongdevice(hba1:C0:T0:L4, naa.60a98000, naa.other)"));
 }
 
 TEST_F(ScsiTest, ArgumentsThatCannotBeReadAreLoggedAndPostNothing)
@@ -419,7 +433,7 @@ TEST_F(ScsiTest, ArgumentsThatCannotBeReadAreLoggedAndPostNothing)
     Observe(MakeKel("kel.scsi.scsipath.badpath.unreachpe", " "));
     Observe(MakeKel("kel.scsi.scsipath.badpath.unreachpe", "%s", kPath));
     Observe(MakeKel("kel.scsi.device.latency.raised", "%s %u", kDevice, 7U));
-    Observe(MakeKel("kel.scsi.adapter.reset", "%s %ld", "vmhba1", 1L << 40));
+    Observe(MakeKel("kel.scsi.adapter.reset", "%s %ld", "hba1", 1L << 40));
     Observe(MakeKel("kel.scsi.scsipath.add", " "));
     EXPECT_THAT(Events(), IsEmpty());
     EXPECT_THAT(LogLines(),
@@ -428,10 +442,17 @@ TEST_F(ScsiTest, ArgumentsThatCannotBeReadAreLoggedAndPostNothing)
                             "Failed to get path limit reached path count: 22",
                             "Failed to get device limit reached plugin name: 22",
                             "Failed to get path name: 22", "Failed to get path name: 22",
-                            "Failed to get PE-incapable adapter name for path vmhba1:C0:T0:L4 : 22",
+                            "Failed to get PE-incapable adapter name for path hba1:C0:T0:L4 : 22",
                             "Failed to get params for correlation kel.scsi.device.latency.raised: 22",
                             "Failed to correlate kel.scsi.adapter.reset: 34",
                             "Failed to get path add remove path name: 22"));
+}
+
+TEST_F(ScsiTest, UnknownObservationIsLogged)
+{
+    Observe(MakeKel("kel.scsi.device.vanished", "%s", kDevice));
+    EXPECT_THAT(Events(), IsEmpty());
+    EXPECT_THAT(LogLines(), ElementsAre("No correlator for kel.scsi.device.vanished "));
 }
 
 TEST_F(ScsiTest, PathStatesAndResetsThatCannotBeReadAreDroppedSilently)

@@ -72,7 +72,7 @@ TEST_F(SwapCorrelatorTest, CountThatIsNoNumberFailsTheReconfiguration)
     ObserveRemoved();
     EXPECT_EQ("often", Reconfigured());
     EXPECT_THAT(Events(), ElementsAre(HasSubstr("reconfig.failure.2(datastore1)")));
-    EXPECT_THAT(LogLines(), ElementsAre(HasSubstr("Cannot read swap/reconfigured")));
+    EXPECT_THAT(LogLines(), ElementsAre(HasSubstr("cannot read swap/reconfigured")));
 }
 
 TEST_F(SwapCorrelatorTest, SwapThatCannotBeRemovedIsAProblemOfItsDatastore)

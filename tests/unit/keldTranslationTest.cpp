@@ -21,7 +21,6 @@ constexpr Translation kRows[] = {
     {"kel.row.uuid",      Args("label:%p, volume:%U, mode:%p"),
      "@&!*@*@(nox.problem.row.uuid)%s (%s) %s", {.shows = "1 0 2"}},
     {"kel.row.nullas",    Args("device:%p, path:%p").NullAs(1, "(none)"), "@&!*@*@(nox.problem.row.nullas)%s %s"},
-    {"kel.row.nullkept",  Args("device:%p, path:%p").NullsKept(), "@&!*@*@(nox.problem.row.nullkept)%s %s"},
     {"kel.row.message",   ByMessage("Page %lu of %s is 100%% lost.", "page, file"),
      "@&!*@*@(nox.problem.row.message)Page %lu of %s."},
     {"kel.row.format",    Args("device:%p, count:%d"), "@&!*@*@(nox.problem.row.format)%s %d",
@@ -102,9 +101,7 @@ TEST_F(TranslationRowTest, UuidIsNineArgumentsAndOneText)
 TEST_F(TranslationRowTest, NullTextFailsUnlessTheRowSaysWhatItBecomes)
 {
     Observe(MakeKel("kel.row.nullas", "%s %s", "naa.1", none));
-    Observe(MakeKel("kel.row.nullkept", "%s %s", none, "vmhba1:C0:T0:L4"));
-    EXPECT_THAT(Events(), ElementsAre("nox.problem.row.nullas(naa.1, (none))",
-                                      "nox.problem.row.nullkept((null), vmhba1:C0:T0:L4)"));
+    EXPECT_THAT(Events(), ElementsAre("nox.problem.row.nullas(naa.1, (none))"));
     Observe(MakeKel("kel.row.nullas", "%s %s", none, "vmhba1:C0:T0:L4"));
     Observe(MakeKel("kel.row.inorder", "%s %u %d", none, 2U, 0));
     EXPECT_THAT(Events(), IsEmpty());

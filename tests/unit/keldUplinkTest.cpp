@@ -6,20 +6,24 @@
 #include "keldNetCorrelator.h"
 
 #include <algorithm>
+#include <functional>
 #include <poll.h>
 
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
 
-// A host with two standard switches. Management, vMotion and VM Network are on vSwitch0, Backup on
+// A host with two standard switches. Management, Migration and Production are on vSwitch0, Backup on
 // vSwitch1; no port group is called Lab.
 class UplinkTest : public CorrelatorTest {
 protected:
     UplinkTest() : CorrelatorTest(keldNetDomain)
     {
-        for (const char *portGroup : {"Management", "vMotion", "VM Network"})
+        for (const char *portGroup : {"Management", "Migration", "Production"})
             runDir.Host(std::string("net/portgroups/") + portGroup, "vSwitch0");
         runDir.Host("net/portgroups/Backup", "vSwitch1");
         for (const char *nic : {"vmnic0", "vmnic1"})
@@ -76,13 +80,13 @@ protected:
 TEST_F(UplinkTest, PortGroupsThatGoDownTogetherAreReportedByWhatIsLeft)
 {
     PgDown("vmnic0", "Management", 1);
-    PgDown("vmnic0", "VM Network", 0);
+    PgDown("vmnic0", "Production", 0);
     PgDown("vmnic0", "Backup", -1);
     EXPECT_THAT(After(1), IsEmpty());
     PgDown("vmnic0", "Lab", 3);
-    PgDown("vmnic0", "vMotion", 0);
+    PgDown("vmnic0", "Migration", 0);
     EXPECT_THAT(After(1),
-                ElementsAre("nox.problem.net.connectivity.lost(vSwitch0, vmnic0, VM Network, vMotion)",
+                ElementsAre("nox.problem.net.connectivity.lost(vSwitch0, vmnic0, Production, Migration)",
                             "nox.problem.net.redundancy.lost(vSwitch0, vmnic0, Management)",
                             "nox.problem.net.redundancy.degraded(vSwitch0, vmnic0, Lab)"));
     EXPECT_THAT(tables.pgDownBatches, IsEmpty());
@@ -125,7 +129,7 @@ TEST_F(UplinkTest, Kept_ABatchStaysWhenItsSwitchCannotBeFound)
     EXPECT_EQ(0U, StateOf("vmnic1"));
     EXPECT_EQ(1U, tables.pgUpBatches.at("vmnic0").size());
 
-    PgDown("vmnic0", "VM Network", 0);
+    PgDown("vmnic0", "Production", 0);
     EXPECT_EQ(2U, tables.pgDownBatches.at("vmnic0").size());
     EXPECT_THAT(tables.pendingTimeouts, IsEmpty());
     LinkDownOf("vmnic0");
@@ -136,10 +140,10 @@ TEST_F(UplinkTest, Kept_ABatchStaysWhenItsSwitchCannotBeFound)
 
 TEST_F(UplinkTest, AnUpBatchGoesByItsFirstEntryEvenWhenThatIsIgnored)
 {
-    PgDown("vmnic0", "VM Network", 0);
+    PgDown("vmnic0", "Production", 0);
     After(2);
     PgUp("vmnic0", "Lab", 0);
-    PgUp("vmnic0", "VM Network", 1);
+    PgUp("vmnic0", "Production", 1);
     EXPECT_THAT(After(2), IsEmpty());
     EXPECT_EQ(1U, tables.lostConnectivityPortGroups.size());
 }
@@ -147,14 +151,14 @@ TEST_F(UplinkTest, AnUpBatchGoesByItsFirstEntryEvenWhenThatIsIgnored)
 TEST_F(UplinkTest, PortGroupsThatComeUpTogetherAreReportedByWhatIsBack)
 {
     PgDown("vmnic0", "Management", 1);
-    PgDown("vmnic0", "VM Network", 0);
+    PgDown("vmnic0", "Production", 0);
     After(2);
-    PgUp("vmnic0", "VM Network", 1);
+    PgUp("vmnic0", "Production", 1);
     PgUp("vmnic0", "Management", 2);
     PgUp("vmnic0", "Backup", 0);
-    PgUp("vmnic0", "vMotion", 1);
+    PgUp("vmnic0", "Migration", 1);
     EXPECT_THAT(After(2),
-                ElementsAre("nox.clear.net.connectivity.restored(vSwitch0, VM Network, vMotion, vmnic0)",
+                ElementsAre("nox.clear.net.connectivity.restored(vSwitch0, Production, Migration, vmnic0)",
                             "nox.clear.net.redundancy.restored(vSwitch0, Management, vmnic0)"));
     EXPECT_THAT(tables.pgUpBatches, IsEmpty());
     EXPECT_THAT(tables.restoredRedundancyPortGroups, IsEmpty());
@@ -174,29 +178,34 @@ TEST_F(UplinkTest, DvPortsThatComeUpTogetherAreReportedByWhatIsBack)
     EXPECT_THAT(tables.restoredRedundancyDvPorts, IsEmpty());
 }
 
-TEST_F(UplinkTest, ConnectivityIsNotRestoredWhileAnotherNicHasLostSome)
+TEST_F(UplinkTest, Kept_ConnectivityThatComesBackWhileAnotherNicHasLostSomeIsNeverNamed)
 {
-    PgDown("vmnic0", "VM Network", 0);
+    PgDown("vmnic0", "Production", 0);
     DvDown("vmnic1", "8", 0);
     After(2);
-    PgUp("vmnic0", "VM Network", 1);
+    PgUp("vmnic0", "Production", 1);
     EXPECT_THAT(After(2), IsEmpty());
     DvUp("vmnic1", "8", 1);
     EXPECT_THAT(After(2), ElementsAre("nox.clear.net.dvport.connectivity.restored(dvs/8, vmnic1)"))
         << "what was held back before is not named";
+
+    PgDown("vmnic0", "Production", 0);
+    After(2);
+    DvUp("vmnic1", "8", 1);
+    EXPECT_THAT(After(2), IsEmpty()) << "a lost port group holds DVPorts back, too";
 }
 
-TEST_F(UplinkTest, RestoredRedundancyIsGatheredUntilNoneIsLost)
+TEST_F(UplinkTest, Kept_RestoredRedundancyIsGatheredUntilNoneIsLost)
 {
-    PgDown("vmnic0", "VM Network", 1);
+    PgDown("vmnic0", "Production", 1);
     PgDown("vmnic1", "Backup", 1);
     DvDown("vmnic1", "8", 1);
     After(2);
-    PgUp("vmnic0", "VM Network", 2);
+    PgUp("vmnic0", "Production", 2);
     EXPECT_THAT(After(2), IsEmpty());
     PgUp("vmnic1", "Backup", 2);
     EXPECT_THAT(After(2),
-                ElementsAre("nox.clear.net.redundancy.restored(vSwitch1, VM Network, Backup, vmnic1)"))
+                ElementsAre("nox.clear.net.redundancy.restored(vSwitch1, Production, Backup, vmnic1)"))
         << "of all NICs, under the switch of the last batch";
     DvUp("vmnic1", "8", 2);
     EXPECT_THAT(After(2), ElementsAre("nox.clear.net.dvport.redundancy.restored(dvs/8, vmnic1)"));
@@ -204,7 +213,7 @@ TEST_F(UplinkTest, RestoredRedundancyIsGatheredUntilNoneIsLost)
 
 TEST_F(UplinkTest, TheRedundancyOfDvPortsWaitsForPortGroupsAndEndsThoseOfItsNic)
 {
-    PgDown("vmnic0", "VM Network", 1);
+    PgDown("vmnic0", "Production", 1);
     After(2);
     DvUp("vmnic1", "8", 2);
     EXPECT_THAT(After(2), IsEmpty());
@@ -212,14 +221,22 @@ TEST_F(UplinkTest, TheRedundancyOfDvPortsWaitsForPortGroupsAndEndsThoseOfItsNic)
     EXPECT_THAT(After(2), ElementsAre("nox.clear.net.dvport.redundancy.restored(dvs/8, dvs/9, vmnic0)"));
 }
 
+TEST_F(UplinkTest, Kept_OnlyTheRedundancyOfDvPortsIsBackRecently)
+{
+    PgUp("vmnic0", "Production", 2);
+    DvUp("vmnic0", "8", 2);
+    EXPECT_EQ(2U, After(2).size());
+    EXPECT_THAT(log.LinesWith("vmnic0 is up recently"), ElementsAre(HasSubstr("on DVPorts: dvs/8.")));
+}
+
 TEST_F(UplinkTest, APortGroupComesBackThroughAnotherNic)
 {
-    PgDown("vmnic0", "VM Network", 0);
+    PgDown("vmnic0", "Production", 0);
     PgDown("vmnic0", "Management", 1);
     After(2);
-    PgUp("vmnic1", "VM Network", 1);
+    PgUp("vmnic1", "Production", 1);
     PgUp("vmnic1", "Management", 2);
-    EXPECT_THAT(After(2), ElementsAre("nox.clear.net.connectivity.restored(vSwitch0, VM Network, vmnic1)",
+    EXPECT_THAT(After(2), ElementsAre("nox.clear.net.connectivity.restored(vSwitch0, Production, vmnic1)",
                                       "nox.clear.net.redundancy.restored(vSwitch0, Management, vmnic1)"));
 }
 
@@ -256,27 +273,30 @@ TEST_F(UplinkTest, ALinkStateAloneIsReportedAfterASecond)
 // Both orders: the batch is open when the link state arrives, or when it comes due.
 TEST_F(UplinkTest, ALinkStateBesideABatchOfItsDirectionIsNotReported)
 {
-    PgDown("vmnic0", "VM Network", 0);
-    LinkDownOf("vmnic0");
-    LinkDownOf("vmnic1");
-    DvDown("vmnic1", "8", 0);
-    EXPECT_THAT(After(2), ElementsAre("nox.problem.net.connectivity.lost(vSwitch0, vmnic0, VM Network)",
-                                      "nox.problem.net.dvport.connectivity.lost(dvs/8, vmnic1)"));
-    LinkUpOf("vmnic0");
-    PgUp("vmnic0", "VM Network", 1);
-    DvUp("vmnic1", "8", 1);
-    LinkUpOf("vmnic1");
-    EXPECT_THAT(After(2), ElementsAre("nox.clear.net.dvport.connectivity.restored(dvs/8, vmnic1)"));
-    EXPECT_EQ(0U, StateOf("vmnic0") | StateOf("vmnic1"));
+    const std::function<void()> linkDown = [&] { LinkDownOf("vmnic0"); };
+    const std::function<void()> linkUp = [&] { LinkUpOf("vmnic0"); };
+    const std::function<void()> pairs[][2] = {{linkDown, [&] { PgDown("vmnic0", "Production", 2); }},
+                                              {linkDown, [&] { DvDown("vmnic0", "8", 2); }},
+                                              {linkUp, [&] { PgUp("vmnic0", "Production", 2); }},
+                                              {linkUp, [&] { DvUp("vmnic0", "8", 2); }}};
+    for (const auto &[link, batch] : pairs) {
+        batch();
+        link();
+        EXPECT_THAT(After(2), ElementsAre(Not(HasSubstr("linkstate")))) << "on arrival";
+        link();
+        batch();
+        EXPECT_THAT(After(2), ElementsAre(Not(HasSubstr("linkstate")))) << "on due";
+        EXPECT_EQ(0U, StateOf("vmnic0"));
+    }
 }
 
 TEST_F(UplinkTest, ALinkStateBesideABatchOfTheOtherDirectionIsReported)
 {
-    PgDown("vmnic0", "VM Network", 0);
+    PgDown("vmnic0", "Production", 0);
     LinkUpOf("vmnic0");
     EXPECT_THAT(After(1), ElementsAre("nox.clear.net.vmnic.linkstate.up(vmnic0)"));
     DvUp("vmnic0", "8", 0);
-    EXPECT_THAT(After(1), ElementsAre("nox.problem.net.connectivity.lost(vSwitch0, vmnic0, VM Network)"));
+    EXPECT_THAT(After(1), ElementsAre("nox.problem.net.connectivity.lost(vSwitch0, vmnic0, Production)"));
     LinkDownOf("vmnic0");
     EXPECT_THAT(After(1), ElementsAre("nox.problem.net.vmnic.linkstate.down(vmnic0)"));
 }
@@ -286,9 +306,9 @@ TEST_F(UplinkTest, ALinkStateBesideABatchOfTheOtherDirectionIsReported)
 TEST_F(UplinkTest, DownAndUpWithinAWatchdogTimeoutAreOneTransientFailure)
 {
     Watchdog("vmnic0");
-    PgDown("vmnic0", "VM Network", 0);
+    PgDown("vmnic0", "Production", 0);
     clock.Advance(3);
-    PgUp("vmnic0", "VM Network", 1);
+    PgUp("vmnic0", "Production", 1);
     EXPECT_THAT(After(3), IsEmpty());
     EXPECT_EQ(WatchdogTimeout | PgUplinkDown | PgUplinkUp, StateOf("vmnic0"));
     EXPECT_THAT(After(1), ElementsAre("nox.problem.net.vmnic.watchdog.reset(vmnic0)"));
@@ -296,7 +316,7 @@ TEST_F(UplinkTest, DownAndUpWithinAWatchdogTimeoutAreOneTransientFailure)
     EXPECT_THAT(tables.pgDownBatches, IsEmpty());
     EXPECT_THAT(tables.pgUpBatches, IsEmpty());
     EXPECT_THAT(tables.pendingTimeouts, IsEmpty());
-    PgDown("vmnic0", "VM Network", 0);
+    PgDown("vmnic0", "Production", 0);
     EXPECT_EQ(1U, After(2).size()) << "the NIC is tracked as before";
 }
 
@@ -313,6 +333,16 @@ TEST_F(UplinkTest, ALinkUpThatWaitsWithTheWatchdogMakesAFailureTransient)
     EXPECT_EQ(0U, StateOf("vmnic0"));
 }
 
+TEST_F(UplinkTest, Kept_ATransientFailureIsAProblemAndEndsAllThatWaits)
+{
+    Watchdog("vmnic0");
+    clock.Advance(7);
+    LinkDownOf("vmnic0");
+    LinkUpOf("vmnic0");
+    EXPECT_THAT(After(0), ElementsAre("nox.problem.net.vmnic.watchdog.reset(vmnic0)"));
+    EXPECT_EQ(0U, StateOf("vmnic0")) << "also what is not due yet";
+}
+
 // The up batch of DVPorts is left, and reports itself: what was lost before the reset is restored.
 TEST_F(UplinkTest, Kept_DvPortsThatCameUpAreReportedDespiteATransientFailure)
 {
@@ -327,16 +357,36 @@ TEST_F(UplinkTest, Kept_DvPortsThatCameUpAreReportedDespiteATransientFailure)
     EXPECT_THAT(After(1), ElementsAre("nox.clear.net.dvport.connectivity.restored(dvs/8, vmnic0)"));
 }
 
+// One kind of batch is dropped for each direction, port groups first; for DVPorts that came up it is the
+// down batch, once more.
+TEST_F(UplinkTest, Kept_DvPortsThatCameUpEndTheDownBatchUnlessPortGroupsCameUp)
+{
+    Watchdog("vmnic0");
+    Watchdog("vmnic1");
+    clock.Advance(6);
+    for (const char *nic : {"vmnic0", "vmnic1"}) {
+        PgDown(nic, "Production", 0);
+        DvDown(nic, "8", 0);
+        DvUp(nic, "9", 2);
+    }
+    PgUp("vmnic1", "Production", 1);
+    EXPECT_THAT(After(1), ElementsAre("nox.problem.net.vmnic.watchdog.reset(vmnic0)",
+                                      "nox.problem.net.vmnic.watchdog.reset(vmnic1)"));
+    EXPECT_THAT(After(1), ElementsAre("nox.clear.net.dvport.redundancy.restored(dvs/9, vmnic0)",
+                                      "nox.problem.net.dvport.connectivity.lost(dvs/8, vmnic1)",
+                                      "nox.clear.net.dvport.redundancy.restored(dvs/9, vmnic1)"));
+}
+
 TEST_F(UplinkTest, DownWithoutUpIsReportedWhenTheWatchdogComesDue)
 {
     for (const char *nic : {"vmnic0", "vmnic1", "vmnic2"})
         Watchdog(nic);
-    PgDown("vmnic0", "VM Network", 0);
+    PgDown("vmnic0", "Production", 0);
     DvDown("vmnic0", "8", 0);
     DvDown("vmnic1", "9", 0);
     EXPECT_THAT(After(6), IsEmpty());
     LinkDownOf("vmnic2");
-    EXPECT_THAT(After(1), ElementsAre("nox.problem.net.connectivity.lost(vSwitch0, vmnic0, VM Network)",
+    EXPECT_THAT(After(1), ElementsAre("nox.problem.net.connectivity.lost(vSwitch0, vmnic0, Production)",
                                       "nox.problem.net.dvport.connectivity.lost(dvs/9, vmnic1)",
                                       "nox.problem.net.vmnic.linkstate.down(vmnic2)"));
     EXPECT_EQ(WatchdogTimeout | DvPortUplinkDown, StateOf("vmnic0")) << "one kind of batch only";
@@ -349,21 +399,21 @@ TEST_F(UplinkTest, Kept_ANicIsHeldUntilAWatchdogTimeoutIsResolved)
     EXPECT_THAT(After(7), IsEmpty());
     EXPECT_EQ(std::uint32_t{WatchdogTimeout}, StateOf("vmnic0"));
 
-    PgDown("vmnic0", "VM Network", 0);
+    PgDown("vmnic0", "Production", 0);
     LinkDownOf("vmnic0");
     EXPECT_THAT(After(100), IsEmpty());
     Watchdog("vmnic0"); // down only
     EXPECT_EQ(1U, After(7).size());
     EXPECT_EQ(std::uint32_t{WatchdogTimeout}, StateOf("vmnic0"));
 
-    PgUp("vmnic0", "VM Network", 1);
+    PgUp("vmnic0", "Production", 1);
     DvUp("vmnic0", "8", 1);
     EXPECT_THAT(After(2), IsEmpty());
     Watchdog("vmnic0"); // up only
     EXPECT_THAT(After(7), IsEmpty());
     EXPECT_EQ(WatchdogTimeout | PgUplinkUp | DvPortUplinkUp, StateOf("vmnic0"));
 
-    PgDown("vmnic0", "VM Network", 0);
+    PgDown("vmnic0", "Production", 0);
     Watchdog("vmnic0"); // both
     EXPECT_THAT(After(7), ElementsAre("nox.problem.net.vmnic.watchdog.reset(vmnic0)"));
     EXPECT_EQ(0U, StateOf("vmnic0"));
@@ -413,6 +463,13 @@ TEST_F(FlappingTest, TheFourthLinkDownOverAThresholdOfThreeTakesTheNicDown)
     EXPECT_EQ(1U, FlapsReported("vmnic0", 1));
 }
 
+TEST_F(FlappingTest, LinkDownsThatABatchHoldsBackCountToo)
+{
+    SetThreshold("3");
+    PgDown("vmnic0", "Production", 0);
+    EXPECT_EQ(1U, FlapsReported("vmnic0", 4));
+}
+
 TEST_F(FlappingTest, LinkDownsCountForAMinute)
 {
     SetThreshold("1");
@@ -444,17 +501,18 @@ TEST_F(FlappingTest, ANicThatCannotBeTakenDownIsTriedAgain)
 
 TEST_F(UplinkTest, TheFirstRecordArmsTheAlarmAndTheRestOfAPassArmsItAgain)
 {
-    PgDown("vmnic0", "VM Network", 0);
+    PgDown("vmnic0", "Production", 0);
     EXPECT_EQ(2U, TakeAlarm());
     Watchdog("vmnic1");
     clock.Advance(1);
-    PgDown("vmnic2", "VM Network", 0);
+    PgDown("vmnic2", "Production", 0);
+    Watchdog("vmnic3");
     EXPECT_EQ(1U, After(1).size());
-    EXPECT_EQ(1U, TakeAlarm()) << "the nearer of two";
+    EXPECT_EQ(1U, TakeAlarm()) << "the nearest of three";
     EXPECT_EQ(1U, After(1).size());
     EXPECT_EQ(4U, tables.armedFor);
     EXPECT_EQ(4U, TakeAlarm());
-    After(4);
+    After(5);
     EXPECT_EQ(0U, TakeAlarm()) << "nothing waits";
 }
 
@@ -463,7 +521,7 @@ TEST_F(UplinkTest, Kept_ANearerRecordMovesTheAlarmLessThanItCould)
 {
     Watchdog("vmnic0");
     clock.Advance(3);
-    PgDown("vmnic1", "VM Network", 0);
+    PgDown("vmnic1", "Production", 0);
     EXPECT_EQ(5U, tables.armedFor);
     EXPECT_EQ(HandClock::kStart + 3, tables.armedAt);
     EXPECT_EQ(5U, TakeAlarm()) << "not 2";
@@ -473,7 +531,7 @@ TEST_F(UplinkTest, ARecordThatIsNotNearerLeavesTheAlarmAlone)
 {
     Watchdog("vmnic0");
     clock.Advance(5);
-    PgDown("vmnic1", "VM Network", 0); // 2 + 5 is not below 7
+    PgDown("vmnic1", "Production", 0); // 2 + 5 is not below 7
     EXPECT_EQ(7U, tables.armedFor);
     EXPECT_EQ(2U, TakeAlarm());
 }
@@ -481,7 +539,7 @@ TEST_F(UplinkTest, ARecordThatIsNotNearerLeavesTheAlarmAlone)
 TEST_F(UplinkTest, AClockSteppedBackMakesEveryRecordDueAtOnce)
 {
     Watchdog("vmnic0");
-    PgDown("vmnic1", "VM Network", 0);
+    PgDown("vmnic1", "Production", 0);
     LinkDownOf("vmnic2");
     clock.Set(HandClock::kStart - 1);
     EXPECT_EQ(2U, After(0).size());
@@ -492,7 +550,7 @@ TEST_F(UplinkTest, AnAlarmOfNoSecondsIsArmedForOne)
 {
     Watchdog("vmnic0");
     clock.Set(HandClock::kStart - 2);
-    PgDown("vmnic1", "VM Network", 0); // 2 - 2
+    PgDown("vmnic1", "Production", 0); // 2 - 2
     EXPECT_EQ(1U, tables.armedFor);
     EXPECT_EQ(1U, TakeAlarm());
 }
@@ -502,7 +560,7 @@ TEST_F(UplinkTest, Kept_AfterALargeStepBackTheAlarmIsNotMoved)
 {
     Watchdog("vmnic0");
     clock.Set(HandClock::kStart - 3600);
-    PgDown("vmnic1", "VM Network", 0);
+    PgDown("vmnic1", "Production", 0);
     EXPECT_EQ(7U, tables.armedFor);
     EXPECT_EQ(3607U, TakeAlarm());
 }
@@ -514,7 +572,7 @@ TEST_F(UplinkTest, TheAlarmThreadWakesTheCorrelatorThroughThePipe)
     pollfd wake{wakeFd, POLLIN, 0};
     const auto woken = [&] { return poll(&wake, 1, 0) == 1; };
 
-    PgDown("vmnic0", "VM Network", 0);
+    PgDown("vmnic0", "Production", 0);
     clock.Advance(1);
     EXPECT_FALSE(woken());
     Watchdog("vmnic1");
@@ -535,10 +593,10 @@ TEST_F(UplinkTest, TheAlarmThreadWakesTheCorrelatorThroughThePipe)
 
 TEST_F(UplinkTest, WhatCannotBeReadIsDroppedWithoutAWord)
 {
-    Observe(MakeKel("kel.net.pg.uplink.transition.down", "%s %s %d", "vmnic0", "VM Network", 0));
-    Observe(MakeKel("kel.net.pg.uplink.transition.down", "%s %s %d %s", "vmnic0", "VM Network", 0, "4"));
-    Observe(MakeKel("kel.net.pg.uplink.transition.down", "%s %s %d %d", kNullText, "VM Network", 0, 4));
-    Observe(MakeKel("kel.net.pg.uplink.transition.up", "%s %s", "vmnic0", "VM Network"));
+    Observe(MakeKel("kel.net.pg.uplink.transition.down", "%s %s %d", "vmnic0", "Production", 0));
+    Observe(MakeKel("kel.net.pg.uplink.transition.down", "%s %s %d %s", "vmnic0", "Production", 0, "4"));
+    Observe(MakeKel("kel.net.pg.uplink.transition.down", "%s %s %d %d", kNullText, "Production", 0, 4));
+    Observe(MakeKel("kel.net.pg.uplink.transition.up", "%s %s", "vmnic0", "Production"));
     Observe(MakeKel("kel.net.pg.uplink.transition.up", "%s %s %d", "vmnic0", kNullText, 1));
     Observe(MakeKel("kel.net.dvport.uplink.transition.down", "%s %s %s %d", "vmnic0", "dvs", "8", 0));
     Observe(MakeKel("kel.net.dvport.uplink.transition.up", "%s %s %d %d", "vmnic0", "dvs", 8, 1));
@@ -574,16 +632,16 @@ TEST_F(UplinkTest, AStormLosesNothingAndLeavesNothingBehind)
         return count;
     };
 
-    each([&](const char *nic) { PgDown(nic, "VM Network", 0); },
+    each([&](const char *nic) { PgDown(nic, "Production", 0); },
          [&](const char *nic) { DvDown(nic, "8", 0); });
     EXPECT_EQ(std::size_t{kNics}, tables.pendingTimeouts.size());
     const Lines down = After(2);
     EXPECT_EQ(std::size_t{2 * kNics}, down.size());
-    EXPECT_EQ(std::size_t{kTransitions}, named(down, "VM Network") + named(down, "dvs/8"));
+    EXPECT_EQ(std::size_t{kTransitions}, named(down, "Production") + named(down, "dvs/8"));
 
-    each([&](const char *nic) { PgUp(nic, "VM Network", 2); }, [&](const char *nic) { DvUp(nic, "8", 2); });
+    each([&](const char *nic) { PgUp(nic, "Production", 2); }, [&](const char *nic) { DvUp(nic, "8", 2); });
     const Lines up = After(2);
-    EXPECT_EQ(std::size_t{kTransitions}, named(up, "VM Network") + named(up, "dvs/8"));
+    EXPECT_EQ(std::size_t{kTransitions}, named(up, "Production") + named(up, "dvs/8"));
 
     EXPECT_THAT(tables.pendingTimeouts, IsEmpty());
     EXPECT_TRUE(tables.pgDownBatches.empty() && tables.pgUpBatches.empty());

@@ -1,6 +1,6 @@
 // Crashes of user-space processes, counted and reported every ten hours, and their security policy.
-#include "correlatorFixture.h"
 #include "keldUserWorldCorrelator.h"
+#include "correlatorFixture.h"
 
 namespace {
 
@@ -16,7 +16,7 @@ protected:
 
     void ObserveDump(const char *application)
     {
-        Observe(MakeKel("kel.uw.core.dumped", "%s %d %s", application, 34567, "/var/core/zdump.000"));
+        Observe(MakeKel("kel.uw.core.dumped", "%s %d %s", application, 34567, "/var/core/snmpd.000"));
     }
     void ObserveFailedDump(const char *application)
     {
@@ -34,36 +34,51 @@ protected:
 
 TEST_F(UserWorldCorrelatorTest, CrashesAreCountedAndReportedEveryTenHours)
 {
-    ObserveDump("hostd");
+    ObserveDump("snmpd");
     EXPECT_THAT(Events(),
-                ElementsAre("nox.problem.application.core.dumped(hostd, 1, /var/core/zdump.000)"));
+                ElementsAre("nox.problem.application.core.dumped(snmpd, 1, /var/core/snmpd.000)"));
 
-    ObserveDump("hostd");
+    ObserveDump("snmpd");
     clock.Advance(3600);
-    ObserveDump("hostd");
+    ObserveDump("snmpd");
     clock.Advance(kTenHours - 3600 - 1);
-    ObserveDump("hostd");
+    ObserveDump("snmpd");
     EXPECT_THAT(Events(), IsEmpty());
 
     clock.Advance(1);
-    ObserveDump("hostd");
+    ObserveDump("snmpd");
     EXPECT_THAT(Events(),
-                ElementsAre("nox.problem.application.core.dumped(hostd, 5, /var/core/zdump.000)"));
+                ElementsAre("nox.problem.application.core.dumped(snmpd, 5, /var/core/snmpd.000)"));
 
     clock.Advance(kTenHours - 1);
-    ObserveDump("hostd");
+    ObserveDump("snmpd");
     EXPECT_THAT(Events(), IsEmpty()) << "the ten hours start anew with each report";
+}
+
+TEST_F(UserWorldCorrelatorTest, FailedDumpsHaveTenHoursOfTheirOwn)
+{
+    ObserveFailedDump("snmpd");
+    clock.Advance(kTenHours - 1);
+    ObserveFailedDump("snmpd");
+    ObserveDump("snmpd");
+    EXPECT_THAT(Events(),
+                ElementsAre("nox.problem.application.core.dumpFailed(snmpd, 1)",
+                            "nox.problem.application.core.dumped(snmpd, 1, /var/core/snmpd.000)"));
+    clock.Advance(1);
+    ObserveFailedDump("snmpd");
+    ObserveDump("snmpd");
+    EXPECT_THAT(Events(), ElementsAre("nox.problem.application.core.dumpFailed(snmpd, 3)"));
 }
 
 TEST_F(UserWorldCorrelatorTest, ApplicationsAndKindsOfCrashAreCountedApart)
 {
-    ObserveDump("hostd");
-    ObserveFailedDump("hostd");
     ObserveDump("snmpd");
+    ObserveFailedDump("snmpd");
+    ObserveDump("ntpd");
     ObserveFailedDump("carad");
-    EXPECT_THAT(Events(), ElementsAre("nox.problem.application.core.dumped(hostd, 1, /var/core/zdump.000)",
-                                      "nox.problem.application.core.dumpFailed(hostd, 1)",
-                                      "nox.problem.application.core.dumped(snmpd, 1, /var/core/zdump.000)",
+    EXPECT_THAT(Events(), ElementsAre("nox.problem.application.core.dumped(snmpd, 1, /var/core/snmpd.000)",
+                                      "nox.problem.application.core.dumpFailed(snmpd, 1)",
+                                      "nox.problem.application.core.dumped(ntpd, 1, /var/core/snmpd.000)",
                                       "nox.problem.application.core.dumpFailed(carad, 1)"));
 }
 
@@ -74,14 +89,14 @@ TEST_F(UserWorldCorrelatorTest, TheReceiversOwnCrashWaitsForTheFirstRetry)
 
     KeldPlingAlarmHandler();
     EXPECT_THAT(Events(),
-                ElementsAre("nox.problem.carad.core.dumped(/bin/carad-worker, 1, /var/core/zdump.000)"));
+                ElementsAre("nox.problem.carad.core.dumped(/bin/carad-worker, 1, /var/core/snmpd.000)"));
 }
 
 TEST_F(UserWorldCorrelatorTest, ZumaIsReportedAtOnceUnlessTheNameHoldsCaradToo)
 {
     ObserveDump("/opt/zuma/zumad");
     EXPECT_THAT(Events(),
-                ElementsAre("nox.problem.zuma.core.dumped(/opt/zuma/zumad, 1, /var/core/zdump.000)"));
+                ElementsAre("nox.problem.zuma.core.dumped(/opt/zuma/zumad, 1, /var/core/snmpd.000)"));
 
     ObserveDump("/opt/zuma/carad");
     EXPECT_THAT(Events(), IsEmpty());
@@ -90,12 +105,12 @@ TEST_F(UserWorldCorrelatorTest, ZumaIsReportedAtOnceUnlessTheNameHoldsCaradToo)
 
 TEST_F(UserWorldCorrelatorTest, Kept_ACrashAfterTheClockWasSetBackIsReported)
 {
-    ObserveDump("hostd");
+    ObserveDump("snmpd");
     clock.Set(HandClock::kStart - 1);
-    ObserveDump("hostd");
+    ObserveDump("snmpd");
     EXPECT_THAT(Events(),
-                ElementsAre("nox.problem.application.core.dumped(hostd, 1, /var/core/zdump.000)",
-                            "nox.problem.application.core.dumped(hostd, 2, /var/core/zdump.000)"));
+                ElementsAre("nox.problem.application.core.dumped(snmpd, 1, /var/core/snmpd.000)",
+                            "nox.problem.application.core.dumped(snmpd, 2, /var/core/snmpd.000)"));
 }
 
 TEST_F(UserWorldCorrelatorTest, OnlyAPolicyThatIsNotEnforcedIsReported)
@@ -112,12 +127,21 @@ TEST_F(UserWorldCorrelatorTest, OnlyAPolicyThatIsNotEnforcedIsReported)
                                       "nox.audit.uw.secpolicy.alldomains.level.changed(disabled)"));
 }
 
-TEST_F(UserWorldCorrelatorTest, ACrashThatCannotBeReadIsNotCounted)
+TEST_F(UserWorldCorrelatorTest, WhatCannotBeReadIsNeitherCountedNorPosted)
 {
-    Observe(MakeKel("kel.uw.core.dumped", "%s %s", "hostd", "/var/core/zdump.000"));
-    ObserveDump("hostd");
-    EXPECT_THAT(Events(),
-                ElementsAre("nox.problem.application.core.dumped(hostd, 1, /var/core/zdump.000)"));
+    Observe(MakeKel("kel.uw.core.dumped", "%s %s", "snmpd", "/var/core/snmpd.000"));
+    Observe(MakeKel("kel.uw.core.dumped", "%s %d %s", "snmpd", 34567, kNullText));
+    ObserveDump(kNullText);
+    Observe(MakeKel("kel.uw.core.dumpFailed", "%s %d %s", "snmpd", 34567, kNullText));
+    ObserveFailedDump(kNullText);
+    ObserveDomainLevel(kNullText, 0);
+    Observe(MakeKel("kel.uw.secpolicy.domain.level.changed", "%s %d %s %u", "warning", 2, kNullText, 7U));
+    ObserveAllDomainsLevel(kNullText, 0);
+    EXPECT_THAT(Events(), IsEmpty());
+    ObserveDump("snmpd");
+    ObserveFailedDump("snmpd");
+    EXPECT_THAT(Events(), ElementsAre("nox.problem.application.core.dumped(snmpd, 1, /var/core/snmpd.000)",
+                                      "nox.problem.application.core.dumpFailed(snmpd, 1)"));
 }
 
 } // namespace

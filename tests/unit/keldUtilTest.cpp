@@ -18,30 +18,29 @@ std::string ReadText(const char *text)
     return (status == 0 ? "" : std::to_string(status) + " ") + value;
 }
 
-// Reads a number of T by the message text given; 99 stays where nothing is read.
-template <class T> T ReadNumber(const char *text)
+// Reads 77 by the message text given, which is to write a T: neither less nor more.
+template <class T> void ReadNumber(const char *text)
 {
-    const TestKel kel = MakeKel("kel.swap.test", "%u", 77);
-    T values[2] = {99, 99};
-    const int status = KeldGetArgsByFormat(kel.get(), text, &values[0]);
-    EXPECT_EQ(99, values[1]) << text << " wrote more than it should";
-    EXPECT_EQ(status == 0 ? 77 : 99, values[0]) << text;
-    return values[0];
+    constexpr T kUntouched = static_cast<T>(-1);
+    T values[2] = {kUntouched, kUntouched};
+    EXPECT_EQ(0, KeldGetArgsByFormat(MakeKel("kel.swap.test", "%u", 77).get(), text, &values[0])) << text;
+    EXPECT_EQ(T{77}, values[0]) << text;
+    EXPECT_EQ(kUntouched, values[1]) << text;
 }
 
 } // namespace
 
 TEST(KeldGetArgsByFormat, ReadsWhatTheTextShows)
 {
-    const TestKel kel = MakeKel("kel.vm.fault", "%s %lu %s", "/dsfs/volumes/gold/a.vmx", 1234567890123UL,
-                                "/dsfs/volumes/gold/a.vswp");
+    const TestKel kel = MakeKel("kel.vm.fault", "%s %lu %s", "/dsfs/volumes/gold/a.nvx", 1234567890123UL,
+                                "/dsfs/volumes/gold/a.swp");
     const char *configuration = nullptr, *swapFile = nullptr;
     std::uint64_t pages = 0;
     EXPECT_EQ(0, KeldGetArgsByFormat(kel.get(), "100%% of %s: %#lx pages are\nin %-20.3s.", &configuration,
                                      &pages, &swapFile));
-    EXPECT_STREQ("/dsfs/volumes/gold/a.vmx", configuration);
+    EXPECT_STREQ("/dsfs/volumes/gold/a.nvx", configuration);
     EXPECT_EQ(1234567890123U, pages);
-    EXPECT_STREQ("/dsfs/volumes/gold/a.vswp", swapFile);
+    EXPECT_STREQ("/dsfs/volumes/gold/a.swp", swapFile);
 }
 
 TEST(KeldGetArgsByFormat, FlagWidthAndPrecisionSayNothingAboutTheDestination)
@@ -75,11 +74,14 @@ TEST(KeldGetArgsByFormat, TextThatIsNotAcceptedReadsNothing)
             << text;
         EXPECT_EQ(99U, value) << text;
     }
-    for (const char *text : {"%hlu", "%lhu", "%lllu", "%hhhu", "%LLu", "%l5u", "%h.u", "%llLu"}) {
+    // These it would not take either, but not before the first number, which is too big: ERANGE.
+    for (const char *text : {"%hhu %hlu", "%hhu %lhu", "%hhu %lllu", "%hhu %hhhu", "%hhu %LLu", "%hhu %l5u",
+                             "%hhu %h.u", "%hhu %llLu"}) {
+        std::uint8_t big = 99;
         std::uint64_t value = 99;
-        EXPECT_EQ(EINVAL, KeldGetArgsByFormat(MakeKel("kel.swap.test", "%u", 77).get(), text, &value))
+        EXPECT_EQ(EINVAL,
+                  KeldGetArgsByFormat(MakeKel("kel.swap.test", "%u %u", 300, 77).get(), text, &big, &value))
             << text;
-        EXPECT_EQ(99U, value) << text;
     }
 }
 
@@ -109,7 +111,7 @@ TEST_F(KeldLookupDatastoreTest, GivesTheComponentAsItStandsInThePath)
 {
     Mount("0", "5f3c1d2e-8a7b6c5d-1e2f-0050569a0001", "ds-gold");
     Mount("1", "5f3c1d2e-8a7b6c5d-1e2f-0050569a0002", "ds silver");
-    EXPECT_EQ("ds-gold", KeldLookupDatastore("/dsfs/volumes/ds-gold/vm1/vm1.vswp"));
+    EXPECT_EQ("ds-gold", KeldLookupDatastore("/dsfs/volumes/ds-gold/vm1/vm1.swp"));
     EXPECT_EQ("ds silver", KeldLookupDatastore("/dsfs/volumes/ds silver"));
     EXPECT_EQ("5f3c1d2e-8a7b6c5d-1e2f-0050569a0002",
               KeldLookupDatastore("/dsfs/volumes/5f3c1d2e-8a7b6c5d-1e2f-0050569a0002/"));

@@ -13,9 +13,9 @@ class VmCorrelatorTest : public CorrelatorTest {
 protected:
     VmCorrelatorTest() : CorrelatorTest(keldVmDomain) {}
 
-    void FaultFailure(const char *swapFile)
+    void FaultFailure(const char *swapFile, const char *path = kPath)
     {
-        Observe(MakeKel("kel.vm.kill.unexpected.fault.failure", "%s in %s", kPath, swapFile));
+        Observe(MakeKel("kel.vm.kill.unexpected.fault.failure", "%s in %s", path, swapFile));
     }
 };
 
@@ -44,13 +44,23 @@ TEST_F(VmCorrelatorTest, SwapFileIsPostedAsItsDatastore)
     runDir.Host("storage/filesystems/1/name", "gold");
     runDir.Host("storage/filesystems/1/uuid", "4f3a8e52-0c7d91aa-6b2e-001b21a4c9d0");
     for (const char *swapFile :
-         {"/dsfs/volumes/gold/web01/web01.swp", "/dsfs/volumes/silver/web01/web01.swp", "/tmp/web01.swp",
-          static_cast<const char *>(nullptr)})
+         {"/dsfs/volumes/gold/web01/web01.swp", "/dsfs/volumes/silver/web01/web01.swp", "/tmp/web01.swp"})
         FaultFailure(swapFile);
     const std::string event =
         "nox.problem.vm.kill.unexpected.fault.failure.2(/dsfs/volumes/gold/web01/web01.nvx, ";
-    EXPECT_THAT(Events(), ElementsAre(event + "gold)", event + "(unknown))", event + "(invalid))",
-                                      event + "(invalid))"));
+    EXPECT_THAT(Events(), ElementsAre(event + "gold)", event + "(unknown))", event + "(invalid))"));
+}
+
+TEST_F(VmCorrelatorTest, NullTextLeavesTheOtherAsItIs)
+{
+    FaultFailure(nullptr);
+    FaultFailure("/dsfs/volumes/gold/web01/web01.swp", kNullText);
+    Observe(MakeKel("kel.vm.kill.unexpected.noSwapResponse", "%s %u %lu", kNullText, 4U, 60UL));
+    const std::string event = "nox.problem.vm.kill.unexpected.";
+    EXPECT_THAT(Events(),
+                ElementsAre(event + "fault.failure.2(/dsfs/volumes/gold/web01/web01.nvx, (invalid))",
+                            event + "fault.failure.2((null), (unknown))",
+                            event + "noSwapResponse.2((null), 4, 60)"));
 }
 
 TEST_F(VmCorrelatorTest, UnreadableDetailsArePostedAsNullTextsAndZeros)

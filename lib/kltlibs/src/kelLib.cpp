@@ -6,9 +6,10 @@
 //
 // A datagram that does not fit the caller's buffer has to wait, but once received it cannot be put
 // back, and to look at it before costs as much again. So asynchronous contexts, which carry nearly
-// everything, are received into memory of the library's own. What does not fit is kept there, and an
-// empty datagram from the channel to itself, its bell, goes on telling poll that something waits. A
-// connection cannot send to itself: there the library looks first.
+// everything, are received into memory of the library's own, and looked at before only where one like
+// the last would not fit. What does not fit all the same is kept, and an empty datagram from the channel
+// to itself, its bell, goes on telling poll that something waits. A connection cannot send to itself:
+// there the library always looks first.
 #include "kltlibs/kel.h"
 
 #include "diagnostic.h"
@@ -210,13 +211,22 @@ int Keep(KelLibHandle &handle, const char *datagram, std::size_t length)
     return 0;
 }
 
+// The length of the next datagram, which stays where it is; negative with errno.
+ssize_t Look(int fd) { return recv(fd, nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT); }
+
 int ReadChannel(KelLibHandle &handle, Batch &batch)
 {
+    std::size_t last = 0;
     while (batch.drops < kDropsPerReadMax) {
+        if (batch.used > 0 && !batch.Fits(last)) {
+            const ssize_t next = Look(handle.fd.Get());
+            if (next < 0 || !batch.Fits(static_cast<std::size_t>(next))) return 0;
+        }
         const char *datagram;
         const ssize_t received = Receive(handle, &datagram);
         if (received < 0) return batch.End(errno);
         const std::size_t length = static_cast<std::size_t>(received);
+        last = length;
         if (batch.Fits(length)) {
             batch.Add(datagram, length);
             handle.kept.reset();
@@ -235,7 +245,7 @@ ssize_t Discard(int fd) { return recv(fd, nullptr, 0, MSG_TRUNC | MSG_DONTWAIT);
 int ReadConnection(int fd, Batch &batch)
 {
     while (batch.drops < kDropsPerReadMax) {
-        const ssize_t waiting = recv(fd, nullptr, 0, MSG_PEEK | MSG_TRUNC | MSG_DONTWAIT);
+        const ssize_t waiting = Look(fd);
         if (waiting < 0) return batch.End(errno);
         if (waiting == 0) {
             // The peer's end of stream, or an empty packet, which looks the same. A peer that has only

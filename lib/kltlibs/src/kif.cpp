@@ -1,6 +1,7 @@
 // The kernel's nodes, options and build signature, out of the host inventory.
 #include "kltlibs/kif.h"
 
+#include "diagnostic.h"
 #include "hostInventory.h"
 #include "kltlibs/ktime.h"
 #include "kltlibs/str.h"
@@ -162,7 +163,11 @@ int SetOption(const KifParamList *instance, std::int64_t value)
 {
     Path path;
     if (const int error = OptionPath(instance, &path); error != 0) return error;
-    return HostInventory::WriteText(path, std::to_string(value));
+    const int error = HostInventory::WriteText(path, std::to_string(value));
+    if (error != 0)
+        KltDiagnose("option %s/%s cannot be set: %s", path[2].c_str(), path[3].c_str(),
+                    strerrordesc_np(error));
+    return error;
 }
 
 int SetLinkFlapping(const KifParamList *instance, std::int64_t value)

@@ -17,14 +17,14 @@ void SwapInfoImpl::ReconfigureSysSwap(int)
     int error = 0;
     if (const auto failure = HostInventory::ReadText(failurePath, &error))
         throw NodeAdm::Lib::NodeAdmException(*failure);
-    if (error != 0 && error != ENOENT) Fail("Cannot read swap/failure", error);
+    if (error != 0 && error != ENOENT) Fail("System swap: cannot read swap/failure", error);
 
     const HostInventory::Path countPath{"swap", "reconfigured"};
     std::uint64_t count = 0;
     error = HostInventory::ReadUnsigned(countPath, UINT64_MAX - 1, &count);
-    if (error != 0 && error != ENOENT) Fail("Cannot read swap/reconfigured", error);
+    if (error != 0 && error != ENOENT) Fail("System swap: cannot read swap/reconfigured", error);
     error = HostInventory::WriteText(countPath, std::to_string(count + 1));
-    if (error != 0) Fail("Cannot write swap/reconfigured", error);
+    if (error != 0) Fail("System swap: cannot write swap/reconfigured", error);
 }
 
 } // namespace KnxCtl::System

@@ -1,0 +1,257 @@
+// From the main thread to the agents: subscriptions, records in pieces, and agents that end.
+
+#include "keldDispatch.h"
+#include "keldAgent.h"
+#include "keldCorrelator.h"
+#include "logCapture.h"
+#include "observation.h"
+#include "waitFor.h"
+
+#include <atomic>
+#include <cstring>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <stdexcept>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+using testing::ElementsAre;
+using testing::SizeIs;
+
+RecordBytes Batch(std::initializer_list<RecordBytes> records)
+{
+    RecordBytes batch;
+    for (const RecordBytes &record : records)
+        batch.insert(batch.end(), record.begin(), record.end());
+    return batch;
+}
+
+int Dispatch(std::initializer_list<RecordBytes> records)
+{
+    const RecordBytes batch = Batch(records);
+    return KeldDispatch(batch.data(), batch.size());
+}
+
+RecordBytes LinkDown(const char *nic) { return MakeRecord("kel.net.vmnic.linkstate.down", "%s", nic); }
+
+// ---- Subscriptions ----------------------------------------------------------------------------------
+
+TEST(SubscriptionTest, APrefixTakesWhatLiesBelowItAndAnExactIdItselfAlone)
+{
+    KeldSubscription subscription;
+    EXPECT_EQ(0, KeldSubscriptionAddDomain(&subscription, "net"));
+    EXPECT_EQ(0, KeldSubscriptionAddExactId(&subscription, "kel.cpu.mce.intr"));
+    for (const char *taken : {"kel.net.x", "kel.net.vmnic.linkstate.down", "kel.cpu.mce.intr"})
+        EXPECT_TRUE(KeldSubscriptionMatches(subscription, taken)) << taken;
+    for (const char *left : {"kel.net", "kel.network.x", "kel.ne.x", "net.x", "kel.cpu.mce",
+                             "kel.cpu.mce.intr.x", "kel.cpu.mce.int", ""})
+        EXPECT_FALSE(KeldSubscriptionMatches(subscription, left)) << left;
+}
+
+TEST(SubscriptionTest, TenPrefixesAndTenExactIdsAreHeld)
+{
+    KeldSubscription subscription;
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(0, KeldSubscriptionAddDomain(&subscription, "domain" + std::to_string(i)));
+        EXPECT_EQ(0, KeldSubscriptionAddExactId(&subscription, "kel.exact" + std::to_string(i)));
+    }
+    EXPECT_EQ(1, KeldSubscriptionAddDomain(&subscription, "domain10"));
+    EXPECT_EQ(1, KeldSubscriptionAddExactId(&subscription, "kel.exact10"));
+    EXPECT_TRUE(KeldSubscriptionMatches(subscription, "kel.domain9.x"));
+    EXPECT_TRUE(KeldSubscriptionMatches(subscription, "kel.exact9"));
+    EXPECT_FALSE(KeldSubscriptionMatches(subscription, "kel.domain10.x"));
+}
+
+// ---- Streams ----------------------------------------------------------------------------------------
+
+class StreamTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        EXPECT_EQ(0, KeldDispatchInit());
+        stream = Register({"net"});
+    }
+
+    static KeldStream *Register(std::initializer_list<const char *> domains,
+                                const char *exactId = "kel.none")
+    {
+        KeldSubscription subscription;
+        for (const char *domain : domains)
+            EXPECT_EQ(0, KeldSubscriptionAddDomain(&subscription, domain));
+        EXPECT_EQ(0, KeldSubscriptionAddExactId(&subscription, exactId));
+        KeldStream *registered = nullptr;
+        EXPECT_EQ(0, KeldStreamRegister(nullptr, subscription, &registered));
+        return registered;
+    }
+
+    // One reading, as an agent does when its pipe is readable: the record's first argument, "again",
+    // "refused", "failed", or "nothing" when it is not readable.
+    static std::string Read(KeldStream *stream)
+    {
+        pollfd readable{stream->readFd.Get(), POLLIN, 0};
+        if (poll(&readable, 1, 0) != 1) return "nothing";
+        Kel *kel = nullptr;
+        bool complete = false;
+        const int code = KeldStreamReadKel(stream, &kel, &complete);
+        if (code != 0) return code == 1 ? "refused" : "failed";
+        if (!complete) return "again";
+        const KelPtr owner(kel);
+        const char *text = nullptr;
+        EXPECT_EQ(0, Kel_GetStringArg(kel, 0, &text));
+        return text;
+    }
+
+    // Writes the next bytes of the record past the dispatcher.
+    void Write(std::size_t bytes)
+    {
+        ASSERT_EQ(static_cast<ssize_t>(bytes),
+                  write(stream->writeFd.Get(), record.data() + written, bytes));
+        written += bytes;
+    }
+
+    RecordBytes record = LinkDown("vmnic2");
+    std::size_t written = 0;
+    KeldStream *stream = nullptr;
+};
+using StreamDeathTest = StreamTest;
+
+TEST_F(StreamTest, EveryMatchingStreamGetsARecordOnce)
+{
+    KeldStream *storage = Register({"scsi", "net.firewall"});
+    KeldStream *nics = Register({"net", "net.vmnic"}, "kel.net.vmnic.linkstate.down");
+    EXPECT_EQ(0, Dispatch({LinkDown("vmnic0"), MakeRecord("kel.scsi.device.close", "%s", "naa.1"),
+                           LinkDown("vmnic1")}));
+    for (KeldStream *each : {stream, nics})
+        for (const char *expected : {"vmnic0", "vmnic1", "nothing"})
+            EXPECT_EQ(expected, Read(each));
+    EXPECT_EQ("naa.1", Read(storage));
+    EXPECT_EQ("nothing", Read(storage));
+
+    EXPECT_EQ(0, KeldStreamUnregister(stream));
+    EXPECT_EQ(0, Dispatch({LinkDown("vmnic2")}));
+    EXPECT_EQ("vmnic2", Read(nics));
+}
+
+TEST_F(StreamTest, RecordInThreePiecesBecomesOneKel)
+{
+    Write(10);
+    EXPECT_EQ("again", Read(stream));
+    Write(30); // the header's end, and what lies behind it
+    EXPECT_EQ("again", Read(stream));
+    EXPECT_EQ("nothing", Read(stream));
+    Write(record.size() - written);
+    EXPECT_EQ(0, Dispatch({LinkDown("vmnic3")}));
+    EXPECT_EQ("vmnic2", Read(stream));
+    EXPECT_EQ("vmnic3", Read(stream));
+}
+
+TEST_F(StreamTest, RefusedAndHalfReadRecordsEndWithTheirStream)
+{
+    record[8] = std::byte{'X'}; // of the magic
+    Write(record.size());
+    EXPECT_EQ("refused", Read(stream));
+    EXPECT_EQ(0, KeldStreamUnregister(stream));
+
+    stream = Register({"net"});
+    written = 0;
+    Write(40);
+    EXPECT_EQ("again", Read(stream));
+    EXPECT_EQ(0, KeldStreamUnregister(stream));
+}
+
+TEST_F(StreamDeathTest, EndOfFileEndsTheDaemon)
+{
+    Write(10);
+    EXPECT_EQ("again", Read(stream));
+    (void)stream->writeFd.Close();
+    Kel *kel = nullptr;
+    bool complete = false;
+    EXPECT_DEATH((void)KeldStreamReadKel(stream, &kel, &complete),
+                 "Keld - Panic: EOF trying to read 22 bytes from stream 0x");
+}
+
+// Such records are never made: the library refuses them before they get here.
+TEST_F(StreamDeathTest, Kept_ARecordWithoutABodyIsTakenForTheEndOfFile)
+{
+    const std::uint32_t total = 32;
+    std::memcpy(record.data() + 16, &total, sizeof total);
+    Write(total);
+    EXPECT_DEATH(Read(stream), "Keld - Panic: EOF trying to read 0 bytes from stream 0x");
+}
+
+// ---- Agents -----------------------------------------------------------------------------------------
+
+class AgentTest : public testing::Test {
+protected:
+    void SetUp() override { EXPECT_EQ(0, KeldDispatchInit()); }
+    void TearDown() override { KeldAgentStopAll(); }
+
+    static void StartSteady()
+    {
+        KeldAgentStart([] { KeldCorrelatorRun("Steady", "steady", KeldCorrelatorLogKel, {}); });
+    }
+    // The steady agent gets what is sent now.
+    void ExpectSteadyServed(const char *id)
+    {
+        EXPECT_EQ(0, Dispatch({MakeRecord(id, " ")}));
+        EXPECT_TRUE(log.WaitForLine(std::string("us: [") + id + "]")) << log.Raw();
+    }
+
+    LogCapture log;
+};
+
+TEST_F(AgentTest, ThirtyTwoAgentsAreStartedAndTheNextIsRefused)
+{
+    static std::atomic<int> started{0};
+    for (int i = 0; i < 33; ++i)
+        KeldAgentStart([] { ++started; });
+    KeldAgentAwaitAll();
+    EXPECT_EQ(32, started);
+    EXPECT_THAT(log.Lines(), ElementsAre("Failed to start agent. Already reached max limit of 32 agents."));
+}
+
+TEST_F(AgentTest, AnAgentThatCannotBeSetUpHoldsNobodyUp)
+{
+    KeldAgentStart([] {
+        const std::vector<std::string> eleven(11, "net");
+        KeldAgentRun("Greedy", eleven, {}, [](KeldAgent *) { ADD_FAILURE() << "it runs"; });
+    });
+    StartSteady();
+    KeldAgentAwaitAll();
+    EXPECT_THAT(log.Lines(), ElementsAre("Failed to initialize agent Greedy (error code: 1) "));
+    ExpectSteadyServed("kel.steady.after");
+}
+
+// The main thread waits in the agent's full pipe, half a record written, when the agent ends.
+TEST_F(AgentTest, AnAgentThatEndsBehindAFullPipeHoldsNobodyUp)
+{
+    KeldAgentStart([] {
+        KeldAgentRun("Doomed", {"doomed"}, {}, [](KeldAgent *agent) {
+            Kel *kel = nullptr;
+            EXPECT_EQ(0, KeldAgentWaitForKel(agent, &kel));
+            Kel_Free(kel);
+            EXPECT_TRUE(WaitUntil([agent] {
+                pollfd writable{agent->stream->writeFd.Get(), POLLOUT, 0};
+                return poll(&writable, 1, 0) == 0;
+            }));
+            throw std::runtime_error("out of luck");
+        });
+    });
+    StartSteady();
+    KeldAgentAwaitAll();
+
+    const RecordBytes large = MakeRecord("kel.doomed.large", "%s", std::string(100'000, 'x').c_str());
+    EXPECT_EQ(0, Dispatch({MakeRecord("kel.doomed.first", " "), large, large,
+                           MakeRecord("kel.steady.behind", " ")}));
+    EXPECT_TRUE(log.WaitForLine("us: [kel.steady.behind]")) << log.Raw();
+    EXPECT_TRUE(log.WaitForLine("Exception (out of luck) in agent function(0x")) << log.Raw();
+    EXPECT_THAT(log.LinesWith("Done cleaning up agent."), SizeIs(1));
+
+    EXPECT_EQ(0, Dispatch({large, large})); // nobody's any more
+    ExpectSteadyServed("kel.steady.after");
+}
+
+} // namespace
