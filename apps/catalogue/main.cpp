@@ -24,8 +24,9 @@ const char *TypeName(char letter)
 {
     switch (letter) {
     case 's':
-    case 'v':
         return "string";
+    case 'v':
+        return "uuid"; // nine numbers as it travels; a text in the event
     case 'D':
         return "int64";
     case 'U':

@@ -16,7 +16,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-constexpr std::string_view kArgumentTypes[] = {"string", "int32", "uint32", "int64", "uint64"};
+constexpr std::string_view kArgumentTypes[] = {"string", "int32", "uint32", "int64", "uint64", "uuid"};
 
 std::vector<CatalogueArgument> ReadArgumentList(const json &entry)
 {

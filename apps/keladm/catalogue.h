@@ -9,9 +9,10 @@
 //      "observations": [{"id": "kel.net...", "domain": "net", "arguments": [...],
 //                        "becomes": ["nox..."], "note": "..."}]}
 //
-// Argument types are string, int32, uint32, int64 and uint64. pairedOn names the arguments by which a
-// problem and its clear are matched; when it is empty, the clear ends every problem of the type. The
-// agents, an agent's otherwiseBecomes, an event's clears, clearedBy and pairedOn and an observation's
+// Argument types are string, int32, uint32, int64 and uint64; of an observation also uuid, which is sent
+// as nine numbers (%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx). pairedOn names the arguments by
+// which a problem and its clear are matched; when it is empty, the clear ends every problem of the type.
+// The agents, an agent's otherwiseBecomes, an event's clears, clearedBy and pairedOn and an observation's
 // becomes and note may be absent; other keys are passed over.
 #ifndef KELADM_CATALOGUE_H
 #define KELADM_CATALOGUE_H
