@@ -33,11 +33,17 @@ void LogVA(const char *format, va_list args)
 }
 
 // localtime_r does not look at the zone again, tzset does and costs a look at the zone file: once a
-// second is soon enough for a zone that changes.
+// second is soon enough for a zone that changes. One thread at a time looks, and none waits for it.
 void LocalTime(std::time_t seconds, std::tm *local)
 {
     static std::atomic<std::time_t> zoneSeenAt{-1};
-    if (zoneSeenAt.exchange(seconds, std::memory_order_relaxed) != seconds) tzset();
+    static std::atomic_flag looking;
+    if (zoneSeenAt.load(std::memory_order_relaxed) != seconds &&
+        !looking.test_and_set(std::memory_order_acquire)) {
+        zoneSeenAt.store(seconds, std::memory_order_relaxed);
+        tzset();
+        looking.clear(std::memory_order_release);
+    }
     localtime_r(&seconds, local);
 }
 

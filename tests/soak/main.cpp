@@ -244,7 +244,7 @@ TEST_F(Soak, EverythingComesOutEven)
         << " threads instead of " << threadsBefore << ", " << daemon->DescriptorCount()
         << " descriptors instead of " << descriptorsBefore;
     const std::size_t memoryAfter = daemon->ResidentBytes();
-    EXPECT_EQ(0, daemon->Terminate());
+    EXPECT_EQ(0, daemon->Terminate()) << daemon->Output();
     ledgerStop = true;
     books.join();
 
