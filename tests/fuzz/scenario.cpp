@@ -29,7 +29,8 @@ void CheckExpectation(const ExpectAction &expect)
         arguments.push_back(word.text);
     FUZZ_CHECK(!Difference(expect, expect.type, arguments));
     arguments.emplace_back("more");
-    FUZZ_CHECK(!Difference(expect, expect.type, arguments) == (expect.moreAllowed || !expect.argumentsMatter));
+    FUZZ_CHECK(!Difference(expect, expect.type, arguments) ==
+               (expect.moreAllowed || !expect.argumentsMatter));
 }
 
 // The steps as lines, which end in a blank, as one may end in a carriage return. Line numbers ascend.

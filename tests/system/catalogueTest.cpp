@@ -55,27 +55,27 @@ const std::set<std::string> kUnreachable = {"nox.problem.storage.connectivity.de
 // is waited for.
 constexpr const char *kStory = R"(
 host set net/portgroups/Production vSwitch0
-host set net/portgroups/vMotion    vSwitch0
+host set net/portgroups/Migration    vSwitch0
 host set net/portgroups/Backup     vSwitch0
 host mkdir kernel/nodes/net/pNics/vmnic3
 observe kel.net.pg.uplink.transition.down "%s %s %d %d" vmnic0 Production 0 1
-observe kel.net.pg.uplink.transition.down "%s %s %d %d" vmnic0 vMotion 1 2
+observe kel.net.pg.uplink.transition.down "%s %s %d %d" vmnic0 Migration 1 2
 observe kel.net.pg.uplink.transition.down "%s %s %d %d" vmnic0 Backup 2 3
 observe kel.net.dvport.uplink.transition.down "%s %s %s %d %d" vmnic0 dvs-storage 17 0 1
 observe kel.net.dvport.uplink.transition.down "%s %s %s %d %d" vmnic0 dvs-storage 18 1 2
 observe kel.net.dvport.uplink.transition.down "%s %s %s %d %d" vmnic0 dvs-storage 19 2 3
 expect within 60s nox.problem.net.connectivity.lost vSwitch0 vmnic0 Production
-expect within 60s nox.problem.net.redundancy.lost vSwitch0 vmnic0 vMotion
+expect within 60s nox.problem.net.redundancy.lost vSwitch0 vmnic0 Migration
 expect within 60s nox.problem.net.redundancy.degraded vSwitch0 vmnic0 Backup
 expect within 60s nox.problem.net.dvport.connectivity.lost dvs-storage/17 vmnic0
 expect within 60s nox.problem.net.dvport.redundancy.lost dvs-storage/18 vmnic0
 expect within 60s nox.problem.net.dvport.redundancy.degraded dvs-storage/19 vmnic0
 observe kel.net.pg.uplink.transition.up "%s %s %d" vmnic0 Production 1
-observe kel.net.pg.uplink.transition.up "%s %s %d" vmnic0 vMotion 2
+observe kel.net.pg.uplink.transition.up "%s %s %d" vmnic0 Migration 2
 observe kel.net.dvport.uplink.transition.up "%s %s %s %d" vmnic0 dvs-storage 17 1
 observe kel.net.dvport.uplink.transition.up "%s %s %s %d" vmnic0 dvs-storage 18 2
 expect within 60s nox.clear.net.connectivity.restored vSwitch0 Production vmnic0
-expect within 60s nox.clear.net.redundancy.restored vSwitch0 vMotion vmnic0
+expect within 60s nox.clear.net.redundancy.restored vSwitch0 Migration vmnic0
 expect within 60s nox.clear.net.dvport.connectivity.restored dvs-storage/17 vmnic0
 expect within 60s nox.clear.net.dvport.redundancy.restored dvs-storage/18 vmnic0
 
@@ -84,8 +84,8 @@ expect within 60s nox.problem.net.vmnic.linkstate.down vmnic1
 observe kel.net.vmnic.linkstate.up "%s" vmnic1
 expect within 60s nox.clear.net.vmnic.linkstate.up vmnic1
 observe kel.net.uplink.watchdog.timeout "%s" vmnic2
-observe kel.net.pg.uplink.transition.down "%s %s %d %d" vmnic2 vMotion 1 2
-observe kel.net.pg.uplink.transition.up "%s %s %d" vmnic2 vMotion 2
+observe kel.net.pg.uplink.transition.down "%s %s %d %d" vmnic2 Migration 1 2
+observe kel.net.pg.uplink.transition.up "%s %s %d" vmnic2 Migration 2
 expect within 60s nox.problem.net.vmnic.watchdog.reset vmnic2
 host set kernel/options/Net/LinkFlappingThreshold 3
 repeat 4
@@ -98,27 +98,27 @@ expect within 60s nox.problem.net.fence.port.badfenceid 5 17 dvs-storage
 observe kel.net.fence.port.fail "%s %s %d %d" 17 dvs-storage FENCE_PROPERTY 5
 expect within 60s nox.problem.net.fence.switch.unavailable 5 17 dvs-storage
 
-host set storage/paths/vmhba1:C0:T0:L4 naa.60a98000572d
+host set storage/paths/hba1:C0:T0:L4 naa.60a98000572d
 host set storage/devices/naa.60a98000572d/partitions/1 ds-gold
 host set storage/devices/naa.60a98000572d/pathRedundancy 3
-observe kel.scsi.scsipath.pathstate.dead "%s %s" vmhba1:C0:T0:L4 on
-expect within 60s nox.problem.storage.redundancy.degraded naa.60a98000572d vmhba1:C0:T0:L4 '"ds-gold"'
-observe kel.scsi.scsipath.pathstate.on "%s %s" vmhba1:C0:T0:L4 dead
-expect within 60s nox.clear.storage.redundancy.restored naa.60a98000572d '"ds-gold"' vmhba1:C0:T0:L4
+observe kel.scsi.scsipath.pathstate.dead "%s %s" hba1:C0:T0:L4 on
+expect within 60s nox.problem.storage.redundancy.degraded naa.60a98000572d hba1:C0:T0:L4 '"ds-gold"'
+observe kel.scsi.scsipath.pathstate.on "%s %s" hba1:C0:T0:L4 dead
+expect within 60s nox.clear.storage.redundancy.restored naa.60a98000572d '"ds-gold"' hba1:C0:T0:L4
 host set storage/devices/naa.60a98000572d/pathRedundancy 2
-observe kel.scsi.scsipath.pathstate.dead "%s %s" vmhba1:C0:T0:L4 on
-expect within 60s nox.problem.storage.redundancy.lost naa.60a98000572d vmhba1:C0:T0:L4 '"ds-gold"'
-observe kel.scsi.scsipath.pathstate.on "%s %s" vmhba1:C0:T0:L4 dead
-expect within 60s nox.clear.storage.connectivity.restored naa.60a98000572d '"ds-gold"' vmhba1:C0:T0:L4
+observe kel.scsi.scsipath.pathstate.dead "%s %s" hba1:C0:T0:L4 on
+expect within 60s nox.problem.storage.redundancy.lost naa.60a98000572d hba1:C0:T0:L4 '"ds-gold"'
+observe kel.scsi.scsipath.pathstate.on "%s %s" hba1:C0:T0:L4 dead
+expect within 60s nox.clear.storage.connectivity.restored naa.60a98000572d '"ds-gold"' hba1:C0:T0:L4
 host set storage/devices/naa.60a98000572d/pathRedundancy 1
-observe kel.scsi.scsipath.pathstate.off "%s %s" vmhba1:C0:T0:L4 on
-expect within 60s nox.problem.storage.connectivity.lost naa.60a98000572d vmhba1:C0:T0:L4 '"ds-gold"'
+observe kel.scsi.scsipath.pathstate.off "%s %s" hba1:C0:T0:L4 on
+expect within 60s nox.problem.storage.connectivity.lost naa.60a98000572d hba1:C0:T0:L4 '"ds-gold"'
 repeat 12
-    observe kel.scsi.scsipath.pathstate.on "%s %s" vmhba1:C0:T0:L4 standby
-    observe kel.scsi.scsipath.por "%s" vmhba1:C0:T0:L4
+    observe kel.scsi.scsipath.pathstate.on "%s %s" hba1:C0:T0:L4 standby
+    observe kel.scsi.scsipath.por "%s" hba1:C0:T0:L4
 end
-expect within 60s nox.problem.storage.connectivity.pathstatechanges vmhba1:C0:T0:L4 naa.60a98000572d '"ds-gold"'
-expect within 60s nox.problem.storage.connectivity.pathpor vmhba1:C0:T0:L4 naa.60a98000572d '"ds-gold"'
+expect within 60s nox.problem.storage.connectivity.pathstatechanges hba1:C0:T0:L4 naa.60a98000572d '"ds-gold"'
+expect within 60s nox.problem.storage.connectivity.pathpor hba1:C0:T0:L4 naa.60a98000572d '"ds-gold"'
 
 observe kel.pageretire.selectedmpnthreshold.host.exceeded "%lu" 1001
 expect within 60s nox.problem.pageretire.selectedmpnthreshold.host.exceeded 1001 1000

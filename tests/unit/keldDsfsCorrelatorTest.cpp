@@ -1,5 +1,5 @@
-#include "correlatorFixture.h"
 #include "keldDsfsCorrelator.h"
+#include "correlatorFixture.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 // Hardware: arguments read one by one, shown in their order.
-#include "correlatorFixture.h"
 #include "keldHardwareCorrelator.h"
+#include "correlatorFixture.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
-#include "correlatorFixture.h"
 #include "keldSwapCorrelator.h"
+#include "correlatorFixture.h"
 
 namespace {
 
