@@ -29,6 +29,13 @@ constexpr bool kSanitized = true;
 constexpr bool kSanitized = false;
 #endif
 
+// Threads of a program that are a sanitizer's own.
+#ifdef __SANITIZE_THREAD__
+constexpr unsigned kSanitizerThreads = 1;
+#else
+constexpr unsigned kSanitizerThreads = 0;
+#endif
+
 // Starts the daemon in the present run directory (make a RunDir first), with its log and its output
 // caught, and nothing of it left behind at the end.
 //
