@@ -36,6 +36,7 @@ void LogVA(const char *format, va_list args)
 // second is soon enough for a zone that changes. One thread at a time looks, and none waits for it.
 void LocalTime(std::time_t seconds, std::tm *local)
 {
+    [[maybe_unused]] static const bool first = (tzset(), true); // later, localtime_r has nothing to set up
     static std::atomic<std::time_t> zoneSeenAt{-1};
     static std::atomic_flag looking;
     if (zoneSeenAt.load(std::memory_order_relaxed) != seconds &&
