@@ -190,7 +190,7 @@ TEST_F(TraceLoadTest, EightClientsOfMixedSpeedGetEveryLineOrAreDisconnected)
 
     // All that may wait at once: 16 MiB for each stalled client, an eighth of all that passed for each
     // slow one, what the fast ones lag behind; a sixth more for the strings around the text.
-    const std::size_t textBytes = received[0].Count() * (padding.size() + 100);
+    const std::size_t textBytes = static_cast<std::size_t>(received[0].Count()) * (padding.size() + 100);
     const std::size_t waitingMax =
         (std::size(stalled) * 16 * kMegabyte + kSlow * textBytes / 8 + kFast * kAheadMax * 600) * 7 / 6;
     if (!kSanitized) {
