@@ -13,11 +13,6 @@
 #include <system_error>
 #include <unistd.h>
 
-Fd::~Fd()
-{
-    if (mFd >= 0) close(mFd);
-}
-
 StopSignal::StopSignal()
 {
     sigset_t stopping;
@@ -28,7 +23,7 @@ StopSignal::StopSignal()
             sigaddset(&stopping, signal);
     }
     sigprocmask(SIG_BLOCK, &stopping, &mBefore);
-    mFd = Fd(signalfd(-1, &stopping, SFD_CLOEXEC | SFD_NONBLOCK));
+    mFd = UniqueFd(signalfd(-1, &stopping, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!mFd) throw std::system_error(errno, std::generic_category(), "cannot watch for signals");
 }
 

@@ -4,31 +4,11 @@
 
 #include <chrono>
 #include <csignal>
+#include <kltlibs/uniquefd.h>
 #include <poll.h>
 #include <span>
 #include <string>
 #include <string_view>
-#include <utility>
-
-// A descriptor that is closed with its owner.
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) : mFd(fd) {}
-    Fd(Fd &&other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
-    Fd &operator=(Fd &&other) noexcept
-    {
-        std::swap(mFd, other.mFd);
-        return *this;
-    }
-    ~Fd();
-
-    int Get() const { return mFd; }
-    explicit operator bool() const { return mFd >= 0; }
-
-private:
-    int mFd = -1;
-};
 
 // Thrown where a program ends without having failed.
 struct OutputClosed {}; // nobody reads standard output any more
@@ -47,7 +27,7 @@ public:
 
 private:
     sigset_t mBefore;
-    Fd mFd;
+    UniqueFd mFd;
 };
 
 // Lines for a descriptor: kept until Flush, which waits for a slow reader but never past a stop.

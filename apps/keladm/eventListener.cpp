@@ -22,7 +22,7 @@ constexpr int kBacklog = 1024;
     throw Failure(kExitFailed, fmt::format("{}: {}: {}", path, what, std::strerror(errno)));
 }
 
-Fd NewSocket() { return Fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)); }
+UniqueFd NewSocket() { return UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)); }
 
 // Removes a socket that an earlier receiver left behind; only asking it tells whether one still listens.
 void RemoveStale(const std::string &path, const sockaddr_un &address)
@@ -32,7 +32,7 @@ void RemoveStale(const std::string &path, const sockaddr_un &address)
     if (!S_ISSOCK(status.st_mode))
         throw Failure(kExitFailed, fmt::format("{}: in the way, and no socket", path));
 
-    Fd probe = NewSocket();
+    UniqueFd probe = NewSocket();
     if (connect(probe.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
         errno == EAGAIN)
         throw Failure(kExitNoPeer, fmt::format("{}: a receiver is listening there already", path));
@@ -131,7 +131,7 @@ std::vector<ReceivedRecord> EventListener::Wait(Clock::time_point until, std::sp
 void EventListener::Accept(Clock::time_point now)
 {
     while (mConnections.size() < mLimits.connectionsMax) {
-        Fd fd(accept4(mListener.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        UniqueFd fd(accept4(mListener.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!fd) {
             bool exhausted = errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS;
             if (exhausted) mAcceptAgain = now + std::chrono::milliseconds(100);

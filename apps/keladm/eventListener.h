@@ -47,7 +47,7 @@ public:
 
 private:
     struct Connection {
-        Fd fd;
+        UniqueFd fd;
         std::string bytes;
         Clock::time_point lastHeard;
     };
@@ -58,7 +58,7 @@ private:
 
     ListenerLimits mLimits;
     std::string mPath;
-    Fd mListener;
+    UniqueFd mListener;
     dev_t mDevice = 0; // with mInode: which socket is this one's own
     ino_t mInode = 0;
     std::list<Connection> mConnections;

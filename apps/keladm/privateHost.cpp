@@ -69,7 +69,7 @@ PrivateRunDirectory::~PrivateRunDirectory()
 DaemonProcess::DaemonProcess(const std::string &program, const std::string &errorFile)
     : mErrorFile(errorFile)
 {
-    Fd errors(open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    UniqueFd errors(open(errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!errors) throw Failure(kExitFailed, fmt::format("{}: {}", errorFile, std::strerror(errno)));
     pid_t parent = getpid();
     mPid = fork();
@@ -91,7 +91,7 @@ DaemonProcess::DaemonProcess(const std::string &program, const std::string &erro
         dprintf(STDERR_FILENO, "%s: %s\n", program.c_str(), std::strerror(errno));
         _exit(127);
     }
-    mEnded = Fd(static_cast<int>(syscall(SYS_pidfd_open, mPid, 0)));
+    mEnded = UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, mPid, 0)));
 }
 
 DaemonProcess::~DaemonProcess()

@@ -49,7 +49,7 @@ private:
 
     std::string mErrorFile;
     pid_t mPid = -1; // -1: waited for
-    Fd mEnded;
+    UniqueFd mEnded;
     int mStatus = 0;
 };
 

@@ -53,7 +53,7 @@ public:
     explicit EventFile(const std::string &path) : mPath(path)
     {
         if (path.empty()) return;
-        mFd = Fd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+        mFd = UniqueFd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
         if (!mFd) throw Failure(kExitFailed, fmt::format("{}: {}", path, std::strerror(errno)));
     }
 
@@ -82,7 +82,7 @@ public:
 
 private:
     std::string mPath;
-    Fd mFd;
+    UniqueFd mFd;
     bool mFailed = false;
 };
 

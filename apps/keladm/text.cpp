@@ -124,7 +124,7 @@ std::string HexText(std::string_view bytes, size_t bytesMax)
 
 std::string ReadFile(const std::string &file)
 {
-    Fd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
     std::string content;
     char buffer[64 * 1024];
     ssize_t count = fd ? 1 : -1;

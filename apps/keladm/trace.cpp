@@ -147,11 +147,11 @@ struct TraceOptions {
     std::optional<std::chrono::milliseconds> timeout;
 };
 
-Fd ConnectToTrace()
+UniqueFd ConnectToTrace()
 {
     std::string path = RunDirectoryPath("keld-trace.sock");
     sockaddr_un address = SocketAddress(path);
-    Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (fd && connect(fd.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
         return fd;
     if (errno == ENOENT || errno == ECONNREFUSED) throw Failure(kExitNoPeer, NoDaemonText());
@@ -182,7 +182,7 @@ int Trace(const TraceOptions &options)
     StopSignal stop;
     Output out(STDOUT_FILENO, stop.Get());
     Ends ends(stop, out);
-    Fd trace = ConnectToTrace();
+    UniqueFd trace = ConnectToTrace();
 
     TraceSplitter splitter;
     bool live = false;

@@ -46,17 +46,17 @@ class KeladmReceiveTest : public testing::Test {
 protected:
     static Clock::time_point Soon() { return Clock::now() + std::chrono::seconds(60); }
 
-    Fd Connect()
+    UniqueFd Connect()
     {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         std::strcpy(address.sun_path, mRun.Path("carad-pling.sock").c_str());
-        Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         EXPECT_EQ(0, connect(fd.Get(), reinterpret_cast<sockaddr *>(&address), sizeof address));
         return fd;
     }
 
-    static void Write(const Fd &fd, std::string_view bytes)
+    static void Write(const UniqueFd &fd, std::string_view bytes)
     {
         EXPECT_EQ(static_cast<ssize_t>(bytes.size()),
                   send(fd.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
@@ -95,7 +95,7 @@ TEST_F(KeladmReceiveTest, ARecordMayComeInPieces)
     EventListener listener;
     std::string bytes = EventBytes(kDown, "vmnic0");
     {
-        Fd slow = Connect();
+        UniqueFd slow = Connect();
         Write(slow, bytes.substr(0, 10));
         EXPECT_TRUE(listener.Wait(Clock::now(), {}).empty());
         Write(slow, bytes.substr(10));
@@ -107,7 +107,7 @@ TEST_F(KeladmReceiveTest, ARecordMayComeInPieces)
 TEST_F(KeladmReceiveTest, AConnectionThatSaysNothingHoldsNobodyUp)
 {
     EventListener listener;
-    Fd silent = Connect();
+    UniqueFd silent = Connect();
     Send(EventBytes(kDown, "vmnic1"));
     EXPECT_THAT(Next(listener, 1), ElementsAre("vmnic1"));
 }
@@ -115,7 +115,7 @@ TEST_F(KeladmReceiveTest, AConnectionThatSaysNothingHoldsNobodyUp)
 TEST_F(KeladmReceiveTest, ASilentConnectionEndsAndWhatItBroughtIsLookedAt)
 {
     EventListener listener({.idle = std::chrono::milliseconds(1)});
-    Fd whole = Connect(), part = Connect(), nothing = Connect();
+    UniqueFd whole = Connect(), part = Connect(), nothing = Connect();
     Write(whole, EventBytes(kDown, "vmnic0"));
     Write(part, EventBytes(kDown, "vmnic1").substr(0, 20));
     EXPECT_THAT(Next(listener, 2),
@@ -127,7 +127,7 @@ TEST_F(KeladmReceiveTest, ASilentConnectionEndsAndWhatItBroughtIsLookedAt)
 TEST_F(KeladmReceiveTest, SilentConnectionsGiveWayWhenThereIsNoRoomForOthers)
 {
     EventListener listener({.connectionsMax = 2, .idleWhenFull = std::chrono::milliseconds(1)});
-    Fd first = Connect(), second = Connect();
+    UniqueFd first = Connect(), second = Connect();
     Send(EventBytes(kDown, "vmnic0"));
     EXPECT_THAT(Next(listener, 1), ElementsAre("vmnic0"));
 }
@@ -174,7 +174,7 @@ TEST_F(KeladmReceiveTest, ASocketLeftBehindIsReplacedAndAForeignFileIsNot)
         Send(EventBytes(kDown, "vmnic0"));
         EXPECT_THAT(Next(listener, 1), ElementsAre("vmnic0"));
     }
-    Fd file(open(path.c_str(), O_CREAT | O_WRONLY, 0600));
+    UniqueFd file(open(path.c_str(), O_CREAT | O_WRONLY, 0600));
     EXPECT_THROW(EventListener(), Failure);
     EXPECT_EQ(0, access(path.c_str(), F_OK));
 }
@@ -185,7 +185,7 @@ TEST_F(KeladmReceiveTest, AReceiverRemovesOnlyItsOwnSocket)
     {
         EventListener listener;
         ASSERT_EQ(0, unlink(path.c_str()));
-        Fd file(open(path.c_str(), O_CREAT | O_WRONLY, 0600));
+        UniqueFd file(open(path.c_str(), O_CREAT | O_WRONLY, 0600));
     }
     EXPECT_EQ(0, access(path.c_str(), F_OK));
 }
