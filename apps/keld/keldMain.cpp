@@ -18,10 +18,8 @@
 #include "keldDispatch.h"
 #include "keldDomains.h"
 #include "keldLog.h"
-#include "keldLogger.h"
 #include "keldPling.h"
 #include "keldSignal.h"
-#include "keldTestCorrelator.h"
 #include "keldTrace.h"
 
 #include <kltlibs/kif.h>

@@ -321,7 +321,7 @@ TEST_F(CatalogueSystemTest, EveryEventIsPostedByTheDaemonAndNoOtherIs)
     Settle();
     EXPECT_EQ(0, mProducer->Send(MakeRecord("kel.tests.any", " "))); // the self-test posts with its first
 
-    std::set<std::string> expected = PostedBy(kDaemonSources / kSelftestSource);
+    std::set<std::string> expected = PostedBy(kDaemonSources / "correlators" / kSelftestSource);
     ASSERT_EQ(1u, expected.erase("nox.problem.keldtestcorrelator.test.hugestr")) << "too large to be sent";
     for (const auto &[type, event] : mEvents)
         if (!kUnreachable.contains(type)) expected.insert(type);
@@ -336,7 +336,7 @@ TEST_F(CatalogueSystemTest, EveryEventIsPostedByTheDaemonAndNoOtherIs)
 TEST_F(CatalogueSystemTest, EveryMarkedTextOfTheSourcesIsListed)
 {
     std::set<std::string> posted, listed;
-    for (const auto &file : std::filesystem::directory_iterator(kDaemonSources))
+    for (const auto &file : std::filesystem::recursive_directory_iterator(kDaemonSources))
         if (file.path().extension() == ".cpp" && file.path().filename() != kSelftestSource)
             posted.merge(PostedBy(file.path()));
     for (const auto &[type, event] : mEvents)

@@ -115,8 +115,8 @@ std::set<std::string> LogFormats()
         R"re((?:KeldLog|Panic|KltDiagnose|\.failed = )[({]+\s*((?:"(?:[^"\\]|\\.)*"[,\s]*)+))re");
     const std::regex literal(R"re("((?:[^"\\]|\\.)*)"(,?))re");
     std::set<std::string> formats;
-    for (const char *folder : {"apps/keld", "lib/kltlibs/src", "lib/knxctl/src"})
-        for (const auto &file : fs::directory_iterator(fs::path(KELD_SOURCE_DIR) / folder)) {
+    for (const char *folder : {"apps/keld", "lib"})
+        for (const auto &file : fs::recursive_directory_iterator(fs::path(KELD_SOURCE_DIR) / folder)) {
             if (file.path().extension() != ".cpp") continue;
             const std::string source = ReadAll(file);
             for (std::sregex_iterator found(source.begin(), source.end(), call), end; found != end;

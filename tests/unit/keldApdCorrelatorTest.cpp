@@ -1,4 +1,4 @@
-#include "keldApdCorrelator.h"
+#include "keldDomains.h"
 
 #include "correlatorFixture.h"
 

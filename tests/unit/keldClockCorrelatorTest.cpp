@@ -1,6 +1,6 @@
 // The system clock: at most one event an hour for each observation, and how a loss reopens recovery.
-#include "keldClockCorrelator.h"
 #include "correlatorFixture.h"
+#include "keldDomains.h"
 
 namespace {
 

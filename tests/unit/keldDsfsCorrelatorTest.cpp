@@ -1,5 +1,5 @@
-#include "keldDsfsCorrelator.h"
 #include "correlatorFixture.h"
+#include "keldDomains.h"
 
 #include <algorithm>
 

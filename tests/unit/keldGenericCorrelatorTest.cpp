@@ -1,6 +1,6 @@
 // Reports of add-on components, from either of two domains.
 
-#include "keldGenericCorrelator.h"
+#include "keldDomains.h"
 
 #include "correlatorFixture.h"
 

@@ -1,6 +1,6 @@
 // Hardware: arguments read one by one, shown in their order.
-#include "keldHardwareCorrelator.h"
 #include "correlatorFixture.h"
+#include "keldDomains.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "keldIscsiCorrelator.h"
+#include "keldDomains.h"
 
 #include "correlatorFixture.h"
 

@@ -1,6 +1,6 @@
 // Live migration: two problems, each time they are observed.
-#include "keldMigrateCorrelator.h"
 #include "correlatorFixture.h"
+#include "keldDomains.h"
 
 namespace {
 

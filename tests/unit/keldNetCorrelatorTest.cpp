@@ -1,8 +1,8 @@
 // What the network reports beside uplinks.
 
-#include "keldNetCorrelator.h"
 #include "correlatorFixture.h"
 #include "keldAlarm.h"
+#include "keldDomains.h"
 
 namespace {
 

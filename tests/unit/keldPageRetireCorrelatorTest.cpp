@@ -1,4 +1,4 @@
-#include "keldPageRetireCorrelator.h"
+#include "keldDomains.h"
 
 #include "correlatorFixture.h"
 

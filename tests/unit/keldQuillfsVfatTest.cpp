@@ -1,7 +1,6 @@
 // The two correlators of the host's own file systems, and the quiet period that they share.
 #include "correlatorFixture.h"
-#include "keldQuillfsCorrelator.h"
-#include "keldVfatCorrelator.h"
+#include "keldDomains.h"
 
 #include <filesystem>
 #include <functional>

@@ -1,4 +1,4 @@
-#include "keldScsiCorrelator.h"
+#include "keldDomains.h"
 
 #include "correlatorFixture.h"
 

@@ -1,5 +1,5 @@
-#include "keldSwapCorrelator.h"
 #include "correlatorFixture.h"
+#include "keldDomains.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include "keldUplink.h"
 #include "correlatorFixture.h"
 #include "keldAlarm.h"
-#include "keldNetCorrelator.h"
+#include "keldDomains.h"
 
 #include <algorithm>
 #include <functional>

@@ -1,6 +1,6 @@
 // What user-space services report, and the two reports that are held off.
-#include "keldUserCorrelator.h"
 #include "correlatorFixture.h"
+#include "keldDomains.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Crashes of user-space processes, counted and reported every ten hours, and their security policy.
-#include "keldUserWorldCorrelator.h"
 #include "correlatorFixture.h"
+#include "keldDomains.h"
 
 namespace {
 

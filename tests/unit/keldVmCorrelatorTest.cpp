@@ -1,4 +1,4 @@
-#include "keldVmCorrelator.h"
+#include "keldDomains.h"
 
 #include "correlatorFixture.h"
 

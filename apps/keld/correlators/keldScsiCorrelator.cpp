@@ -1,0 +1,373 @@
+// SCSI devices and the paths to them.
+//
+// Arrives    path states, paths that come and go, PowerOn-Reset unit attentions; what happens to
+//            devices and adapters.
+// Remembers  for which path and device a problem was posted; how often each path changed its state
+//            and was reset lately.
+// Posts      connectivity and redundancy lost, degraded, restored; frequent state changes and resets;
+//            one event for each of the others.
+// Time       counts are forgotten after 60 seconds below ten, and after 600 seconds altogether.
+//
+// How many paths a device has left, and which datastores are on it, the host is asked each time: an
+// observation says only which path it is about.
+
+#include "keldDomains.h"
+
+#include "keldTranslation.h"
+
+#include <knxctl/hostFactory.h>
+
+#include <exception>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+namespace {
+
+// ---- Path states and resets -----------------------------------------------------------------------
+
+constexpr KeldArguments kPathState = Indexed("path:%p, previousState:%p");
+constexpr KeldArguments kPath = Indexed("path:%p");
+
+// clang-format off
+constexpr EventText kConnectivityLost{
+    "@&!*@*@(nox.problem.storage.connectivity.lost)Lost connectivity to storage device %s. Path %s is down. Affected datastores: %s.",
+    "device, path, datastores"};
+constexpr EventText kRedundancyLost{
+    "@&!*@*@(nox.problem.storage.redundancy.lost)Lost path redundancy to storage device %s. Path %s is down. Affected datastores: %s.",
+    "device, path, datastores"};
+constexpr EventText kRedundancyDegraded{
+    "@&!*@*@(nox.problem.storage.redundancy.degraded)Path redundancy to storage device %s degraded. Path %s is down. Affected datastores: %s.",
+    "device, path, datastores"};
+constexpr EventText kConnectivityRestored{
+    "@&!*@*@(nox.clear.storage.connectivity.restored)Connectivity to storage device %s (Datastores: %s) restored. Path %s is active again.",
+    "device, datastores, path", {"nox.problem.storage.connectivity.lost", "device"}};
+constexpr EventText kRedundancyRestored{
+    "@&!*@*@(nox.clear.storage.redundancy.restored)Path redundancy to storage device %s (Datastores: %s) restored. Path %s is active again.",
+    "device, datastores, path", {"nox.problem.storage.redundancy.lost", "device"}};
+constexpr EventText kPathStateChanges{
+    "@&!*@*@(nox.problem.storage.connectivity.pathstatechanges)Frequent path state changes are occurring for path %s. This may indicate a storage problem. Affected device: %s. Affected datastores: %s.",
+    "path, device, datastores"};
+constexpr EventText kPathPowerOnResets{
+    "@&!*@*@(nox.problem.storage.connectivity.pathpor)Frequent PowerOn Reset Unit Attentions are occurring on path %s. This may indicate a storage problem. Affected device: %s. Affected datastores: %s.",
+    "path, device, datastores"};
+constexpr EventText kDevicePowerOnResets{
+    "@&!*@*@(nox.problem.storage.connectivity.devicepor)Frequent PowerOn Reset Unit Attentions are occurring on device %s. This may indicate a storage problem. Affected datastores: %s.",
+    "device, datastores"};
+// clang-format on
+
+// How many paths a device has left.
+enum : std::uint32_t { kUnknown = 0, kNoPath = 1, kSinglePath = 2, kManyPaths = 3 };
+
+constexpr const char *kDatastoresUnknown = "Unknown";
+
+enum class Change { Happened, Added, Removed };
+
+// How often each path was heard of lately.
+class FrequencyCounter {
+public:
+    // Counts one change. True when it makes them frequent: for the tenth alone, so that a path is
+    // reported at most once between two resets.
+    bool Count(const std::string &path, Change change, std::uint64_t now)
+    {
+        // KEPT: both stamps start at 0, so that what a fresh daemon counts first is forgotten at once; a
+        // repair would report one change earlier than receivers have learnt to expect at a start.
+        if (now - mLastReset > kResetSeconds) {
+            mCounts.clear();
+            mLastReset = now;
+        }
+        if (change == Change::Removed)
+            mCounts.erase(path);
+        else if (const auto [entry, isNew] = mCounts.try_emplace(path, 0);
+                 !isNew || change == Change::Happened)
+            ++entry->second;
+        // Behind the count, not before it: nine changes long ago and one now are reported.
+        if (now - mLastDecay > kDecaySeconds) {
+            for (auto &[name, count] : mCounts)
+                if (count < kFrequent) count = 0;
+            mLastDecay = now;
+        }
+        const auto entry = mCounts.find(path);
+        return entry != mCounts.end() && entry->second == kFrequent;
+    }
+
+private:
+    static constexpr std::uint32_t kFrequent = 10;
+    static constexpr std::uint64_t kResetSeconds = 600;
+    static constexpr std::uint64_t kDecaySeconds = 60;
+    static_assert(kDecaySeconds < kResetSeconds);
+
+    std::map<std::string, std::uint32_t> mCounts;
+    std::uint64_t mLastReset = 0;
+    std::uint64_t mLastDecay = 0;
+};
+
+struct State {
+    std::set<std::string> problemsPosted; // path and device, one behind the other
+    FrequencyCounter pathStateChanges;
+    FrequencyCounter powerOnResets;
+};
+State &TheState()
+{
+    static State &state = *new State;
+    return state;
+}
+
+// What the host answers about its storage; nothing when it cannot, or no longer can.
+template <class Ask>
+auto AskHost(Ask ask) -> std::optional<decltype(ask(std::declval<const NodeAdm::Storage::StorageInfo &>()))>
+{
+    try {
+        return ask(*NodeAdm::HostFactory::GetHost()->GetStorageInfo());
+    } catch (const std::exception &) {
+        return std::nullopt;
+    }
+}
+
+std::optional<std::string> DeviceOfPath(const std::string &path)
+{
+    return AskHost([&](const auto &storage) { return storage.GetDeviceNameOfPath(path); });
+}
+
+std::optional<std::uint32_t> PathRedundancy(const std::string &device)
+{
+    return AskHost([&](const auto &storage) { return storage.GetLun(device)->GetPathRedundancy(); });
+}
+
+// In quotes, separated by commas: "\"ds-gold\", \"ds-silver\""; empty when the device has none.
+std::string Datastores(const std::string &device)
+{
+    const auto names = AskHost([&](const NodeAdm::Storage::StorageInfo &storage) {
+        std::string list;
+        const std::unique_ptr<NodeAdm::Storage::Lun> lun = storage.GetLun(device);
+        const auto *disk = dynamic_cast<const NodeAdm::Storage::DiskLun *>(lun.get());
+        if (disk == nullptr) return list;
+        for (const std::int32_t partition : disk->GetPartitions()) {
+            const std::string name =
+                storage.GetDatastoreOn(disk->GetName() + ":" + std::to_string(partition));
+            if (!name.empty()) list += (list.empty() ? "\"" : ", \"") + name + "\"";
+        }
+        return list;
+    });
+    return names.value_or(kDatastoresUnknown);
+}
+
+void CountPathStateChange(const char *path, Change change)
+{
+    if (!TheState().pathStateChanges.Count(path, change, KeldNowSeconds())) return;
+    const std::optional<std::string> device = DeviceOfPath(path);
+    if (!device) return;
+    const std::optional<std::uint32_t> redundancy = PathRedundancy(*device);
+    if (!redundancy) return;
+    const std::string datastores = *redundancy == kUnknown ? kDatastoresUnknown : Datastores(*device);
+    KeldPost<kPathStateChanges>(path, device->c_str(), datastores.c_str());
+}
+
+void KeldScsiCorrelatorPathDown(Kel *kel)
+{
+    const char *path = nullptr, *previousState = nullptr;
+    if (KeldRead<kPathState>(kel, &path, &previousState) != 0) return;
+    CountPathStateChange(path, Change::Happened);
+
+    const std::string_view previous = previousState;
+    if (previous != "on" && previous != "standby") return;
+    const std::optional<std::string> device = DeviceOfPath(path);
+    if (!device) return;
+    const std::uint32_t redundancy = PathRedundancy(*device).value_or(kUnknown);
+    if (redundancy == kUnknown) return;
+    const std::string datastores = Datastores(*device);
+    switch (redundancy) {
+    case kNoPath:
+        KeldPost<kConnectivityLost>(device->c_str(), path, datastores.c_str());
+        break;
+    case kSinglePath:
+        KeldPost<kRedundancyLost>(device->c_str(), path, datastores.c_str());
+        break;
+    case kManyPaths:
+        KeldPost<kRedundancyDegraded>(device->c_str(), path, datastores.c_str());
+        break;
+    default:
+        break;
+    }
+    TheState().problemsPosted.insert(path + *device);
+}
+
+// Posts a clear only for the very path and device that a problem was posted for.
+void KeldScsiCorrelatorPathUp(Kel *kel)
+{
+    const char *path = nullptr, *previousState = nullptr;
+    if (KeldRead<kPathState>(kel, &path, &previousState) != 0) return;
+    CountPathStateChange(path, Change::Happened);
+
+    const std::string_view previous = previousState;
+    if (previous != "off" && previous != "dead") return;
+    const std::optional<std::string> device = DeviceOfPath(path);
+    if (!device || TheState().problemsPosted.erase(path + *device) == 0) return;
+    const std::uint32_t redundancy = PathRedundancy(*device).value_or(kUnknown);
+    if (redundancy == kUnknown) return;
+    const std::string datastores = Datastores(*device);
+    switch (redundancy) {
+    case kNoPath:
+        break; // the host does not count the path yet
+    case kSinglePath:
+        KeldPost<kConnectivityRestored>(device->c_str(), datastores.c_str(), path);
+        break;
+    case kManyPaths:
+        KeldPost<kRedundancyRestored>(device->c_str(), datastores.c_str(), path);
+        break;
+    default:
+        KeldNotReached("apps/keld/keldScsiCorrelator", 1049);
+    }
+}
+
+template <Change kChange> void KeldScsiCorrelatorPathListChange(Kel *kel)
+{
+    const char *path = nullptr;
+    if (const int status = KeldRead<kPath>(kel, &path); status != 0) {
+        KeldLog("Failed to get path add remove path name: %d\n", status);
+        return;
+    }
+    CountPathStateChange(path, kChange);
+}
+
+void KeldScsiCorrelatorPowerOnReset(Kel *kel)
+{
+    const char *path = nullptr;
+    if (KeldRead<kPath>(kel, &path) != 0) return;
+    if (!TheState().powerOnResets.Count(path, Change::Happened, KeldNowSeconds())) return;
+
+    const std::string device = DeviceOfPath(path).value_or(path); // a device's own name arrives here, too
+    const std::optional<std::uint32_t> redundancy = PathRedundancy(device);
+    if (!redundancy) return;
+    const std::string datastores = *redundancy == kUnknown ? kDatastoresUnknown : Datastores(device);
+    if (*path == '\0')
+        KeldPost<kDevicePowerOnResets>(device.c_str(), datastores.c_str());
+    else
+        KeldPost<kPathPowerOnResets>(path, device.c_str(), datastores.c_str());
+}
+
+constexpr const char *kDownNote =
+    "counted as a state change; posted by the paths that the device has left, when "
+    "the previous state was on or standby";
+constexpr const char *kUpNote =
+    "counted as a state change; posted by the paths that the device has again, when "
+    "the previous state was off or dead and this path's loss was posted";
+
+// clang-format off
+constexpr KeldObservation kObservations[] = {
+    {"kel.scsi.scsipath.pathstate.dead", kPathState, KeldScsiCorrelatorPathDown, kDownNote,
+     {&kConnectivityLost, &kRedundancyLost, &kRedundancyDegraded, &kPathStateChanges}},
+    {"kel.scsi.scsipath.pathstate.off", kPathState, KeldScsiCorrelatorPathDown, kDownNote,
+     {&kConnectivityLost, &kRedundancyLost, &kRedundancyDegraded, &kPathStateChanges}},
+    {"kel.scsi.scsipath.pathstate.on", kPathState, KeldScsiCorrelatorPathUp, kUpNote,
+     {&kConnectivityRestored, &kRedundancyRestored, &kPathStateChanges}},
+    {"kel.scsi.scsipath.pathstate.standby", kPathState, KeldScsiCorrelatorPathUp, kUpNote,
+     {&kConnectivityRestored, &kRedundancyRestored, &kPathStateChanges}},
+    {"kel.scsi.scsipath.add", kPath, KeldScsiCorrelatorPathListChange<Change::Added>,
+     "begins to count the path's state changes; of a known path it counts as one", {&kPathStateChanges}},
+    {"kel.scsi.scsipath.remove", kPath, KeldScsiCorrelatorPathListChange<Change::Removed>,
+     "forgets the path's state changes"},
+    {"kel.scsi.scsipath.por", kPath, KeldScsiCorrelatorPowerOnReset,
+     "counted; counts below ten are forgotten about once a minute; posted for the tenth", {&kPathPowerOnResets, &kDevicePowerOnResets}},
+};
+
+// ---- One event for one observation ----------------------------------------------------------------
+
+constexpr KeldArguments kIndexedDevice = Indexed("device:%p");
+constexpr KeldArguments kDevice = Args("device:%p");
+constexpr KeldArguments kDeviceLatency = Args("device:%p, from:%u, to:%u");
+constexpr KeldArguments kDeviceDatastore = Args("device:%p, datastore:%p");
+constexpr KeldArguments kDevicePlugin = Args("device:%p, plugin:%p, status:%x");
+
+constexpr KeldRowOptions kNoDeviceName{.failed = {"Failed to get device name: %d\n"}};
+constexpr KeldRowOptions kNoParams{.failed = {"Failed to get params for correlation %s: %d\n"}};
+constexpr KeldRowOptions kNotCorrelated{.failed = {"Failed to correlate %s: %d\n"}};
+
+consteval KeldRowOptions Ends(const char *typeId, KeldRowOptions options)
+{
+    options.pairing = {typeId, "device"};
+    return options;
+}
+
+constexpr Translation kRows[] = {
+    {"kel.scsi.device.state.on", kIndexedDevice,
+     "@&!*@*@(nox.clear.scsi.device.state.on)Device %s has been turned on administratively.",
+     Ends("nox.problem.scsi.device.state.off", kNoDeviceName)},
+    {"kel.scsi.device.state.off", kIndexedDevice,
+     "@&!*@*@(nox.problem.scsi.device.state.off)Device %s has been turned off administratively.", kNoDeviceName},
+    {"kel.scsi.device.state.permanentloss", kIndexedDevice,
+     "@&!*@*@(nox.problem.scsi.device.state.permanentloss)Device %s has been removed or is permanently inaccessible. Affected datastores can no longer be used.", kNoDeviceName},
+    {"kel.scsi.device.state.permanentloss.noopens", kIndexedDevice,
+     "@&!*@*@(nox.problem.scsi.device.state.permanentloss.noopens)Permanently inaccessible device %s has no more opens. It is now safe to remove it.", kNoDeviceName},
+    {"kel.scsi.device.state.permanentloss.deviceonline", kIndexedDevice,
+     "@&!*@*@(nox.problem.scsi.device.state.permanentloss.deviceonline)Permanently inaccessible device %s is back online. Its data consistency is not guaranteed.", kNoDeviceName},
+    {"kel.scsi.device.state.permanentloss.pluggedback", kIndexedDevice,
+     "@&!*@*@(nox.problem.scsi.device.state.permanentloss.pluggedback)Device %s has been plugged back in after being marked permanently inaccessible. Its data consistency is not guaranteed.", kNoDeviceName},
+    {"kel.scsi.device.state.permanentloss.withreservationheld", kIndexedDevice,
+     "@&!*@*@(nox.problem.scsi.device.state.permanentloss.withreservationheld)Device %s became permanently inaccessible while this host held a reservation on it.", kNoDeviceName},
+    {"kel.scsi.device.thinprov.atquota", kIndexedDevice,
+     "@&!*@*@(nox.problem.scsi.device.thinprov.atquota)Space used on thin-provisioned device %s has reached its configured threshold.",
+     {.failed = {"Failed to get thin provisioned device name: %d\n"}}},
+    {"kel.scsi.scsipath.limitreached", Indexed("pathCount:%d, path:%p"),
+     "@&!*@*@(nox.problem.scsi.scsipath.limitreached)The maximum number of supported paths, %d, has been reached. Path %s could not be added.",
+     {.failed = {"Failed to get path limit reached path count: %d\n", "Failed to get path limit reached path name: %d\n"}}},
+    {"kel.scsi.device.limitreached", Indexed("deviceCount:%d, plugin:%p"),
+     "@&!*@*@(nox.problem.scsi.device.limitreached)The maximum number of supported devices, %d, has been reached. A device of plugin %s could not be created.",
+     {.failed = {"Failed to get device limit reached device count: %d\n", "Failed to get device limit reached plugin name: %d\n"}}},
+    {"kel.scsi.device.nmp.satp.option.failed", Indexed("options:%p, path:%p"),
+     "@&!*@*@(nox.problem.scsi.device.nmp.satp.option.failed)SATP options %s could not be applied on path %s.",
+     {.failed = {"Failed to get NMP SATP options: %d\n", "Failed to get path name: %d\n"}}},
+    {"kel.scsi.scsipath.badpath.unreachpe", Indexed("path:%p, adapter:%p"),
+     "@&!*@*@(nox.problem.scsi.scsipath.badpath.unreachpe)Path %s leads to a PE, which adapter %s cannot reach.",
+     {.failed = {"Failed to get path name: %d\n", "Failed to get PE-incapable adapter name for path %s : %d\n"}}},
+    {"kel.scsi.device.latency.raised", kDeviceLatency,
+     "@&!*@*@(nox.problem.scsi.device.latency.raised)I/O latency of device %s has risen from an average of %u microseconds to %u microseconds.", kNoParams},
+    {"kel.scsi.device.latency.recovered", kDeviceLatency,
+     "@&!*@*@(nox.clear.scsi.device.latency.recovered)I/O latency of device %s has fallen back from %u microseconds to %u microseconds.",
+     Ends("nox.problem.scsi.device.latency.raised", kNoParams)},
+    {"kel.scsi.device.medium.error", Args("device:%p, block:%lx"),
+     "@&!*@*@(nox.problem.scsi.device.medium.error)Device %s reported an unrecovered medium error at logical block %#lx.", kNoParams},
+    {"kel.scsi.device.reservation.conflict", kDevice,
+     "@&!*@*@(nox.problem.scsi.device.reservation.conflict)A command to device %s failed because another initiator holds a reservation on it.", kNoParams},
+    {"kel.scsi.device.capacity.changed", Args("device:%p, oldBlocks:%lx, newBlocks:%lx"),
+     "@&!*@*@(nox.problem.scsi.device.capacity.changed)The capacity of device %s changed from %#lx to %#lx blocks while it was in use.", kNoParams},
+    {"kel.scsi.device.writeprotected", kDevice,
+     "@&!*@*@(nox.problem.scsi.device.writeprotected)Device %s has become write protected.", kNoParams},
+    {"kel.scsi.device.queue.full", Args("device:%p, depth:%u"),
+     "@&!*@*@(nox.problem.scsi.device.queue.full)Device %s keeps reporting a full queue. Its queue depth has been lowered to %u.", kNoParams},
+    {"kel.scsi.device.thinprov.exhausted", kDeviceDatastore,
+     "@&!*@*@(nox.problem.scsi.device.thinprov.exhausted)Thin-provisioned device %s is out of space. Writes to datastore %s may fail.", kNoParams},
+    {"kel.scsi.device.thinprov.reclaimed", kDeviceDatastore,
+     "@&!*@*@(nox.clear.scsi.device.thinprov.reclaimed)Thin-provisioned device %s has free space again. Writes to datastore %s can go on.",
+     Ends("nox.problem.scsi.device.thinprov.exhausted", kNoParams)},
+    {"kel.scsi.device.close.failed", kDevicePlugin,
+     "@&!*@*@(nox.problem.scsi.device.close.failed)Device %s of plugin %s could not be closed: status %#x.", kNotCorrelated},
+    {"kel.scsi.device.open.failed", kDevicePlugin,
+     "@&!*@*@(nox.problem.scsi.device.open.failed)Device %s of plugin %s could not be opened: status %#x.", kNotCorrelated},
+    {"kel.scsi.device.ats.unsupported", kDevice,
+     "@&!*@*@(nox.problem.scsi.device.ats.unsupported)Device %s does not support ATS. Locks on it fall back to reservations.", kNotCorrelated},
+    {"kel.scsi.scsipath.claim.failed", Args("path:%p, plugin:%p, status:%x"),
+     "@&!*@*@(nox.problem.scsi.scsipath.claim.failed)Path %s could not be claimed by plugin %s: status %#x.", kNotCorrelated},
+    {"kel.scsi.scsipath.badpath.wrongdevice", Args("path:%p, deviceExpected:%p, deviceFound:%p"),
+     "@&!*@*@(nox.problem.scsi.scsipath.badpath.wrongdevice)Path %s was expected to lead to device %s but leads to device %s. The path is not used.", kNotCorrelated},
+    {"kel.scsi.adapter.reset", Args("adapter:%p, resets:%u"),
+     "@&!*@*@(nox.problem.scsi.adapter.reset)Storage adapter %s was reset %u time(s) in the last hour.", kNotCorrelated},
+};
+// clang-format on
+static_assert(std::size(kRows) == 27 && DistinctUnder(kRows, "kel.scsi."));
+static_assert(std::size(kObservations) == 7);
+
+} // namespace
+
+const KeldDomain keldScsiDomain{
+    .name = "SCSI",
+    .domains = {"scsi"},
+    .defaultHandler = KeldCorrelatorLogUnknown,
+    .otherwise = "named in the log",
+    .translations = KeldTranslations<kRows>,
+    .observations = kObservations,
+};
+
+void KeldCorrelator_StartScsi() { KeldDomainRun(keldScsiDomain); }

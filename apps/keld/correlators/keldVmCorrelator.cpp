@@ -1,0 +1,90 @@
+// Virtual machines powered off by the kernel.
+//
+// Arrives    one observation for each, with the reason and the configuration file.
+// Remembers  nothing.
+// Posts      one problem for each.
+// Time       none.
+//
+// A virtual machine that is gone is worth an event even when the details cannot be read: they are then
+// posted as null texts and zeros.
+
+#include "keldDomains.h"
+
+#include "keldTranslation.h"
+
+namespace {
+
+constexpr KeldRowOptions kUnreadToo{.unreadToo = true};
+
+// clang-format off
+constexpr Translation kRows[] = {
+    {"kel.vm.kill.unexpected.vmp.fault.failure",
+     ByMessage("The virtual machine using the configuration file %s could not fault in a page for the virtual machine user world. The virtual machine has been powered off.", "path"),
+     "@&!*@*@(nox.problem.vm.kill.unexpected.vmp.fault.failure.2)%s could not fault in a page. The VM is terminated as further progress is impossible.",
+     kUnreadToo},
+    {"kel.vm.kill.unexpected.vmtrack",
+     ByMessage("The virtual machine using the configuration file %s has been powered off to prevent system instability. See the kernel log file for more details.", "path"),
+     "@&!*@*@(nox.problem.vm.kill.unexpected.vmtrack.2)%s is allocating too many pages while system is critically low in free memory. It is forcefully terminated to prevent system instability.",
+     kUnreadToo},
+    {"kel.vm.kill.unexpected.forcefulPageRetire.64",
+     ByMessage("The virtual machine using the configuration file %s contains the host physical page %#lx that was scheduled for immediate retirement. To avoid system instability, the virtual machine has been powered off.", "path, page"),
+     "@&!*@*@(nox.problem.vm.kill.unexpected.forcefulPageRetire.64.2)%s contained the host physical page %#lx which was scheduled for immediate retirement. To avoid system instability the virtual machine is forcefully powered off.",
+     kUnreadToo},
+};
+
+constexpr KeldArguments kSwapActions =
+    ByMessage("The virtual machine using the configuration file %s did not respond to %u swap actions in %lu seconds. To avoid system instability, the virtual machine has been powered off.", "path, swapActions, seconds");
+constexpr EventText kNoSwapResponse(
+    "@&!*@*@(nox.problem.vm.kill.unexpected.noSwapResponse.2)%s did not respond to %u swap actions in %u seconds and is forcefully powered off to prevent system instability.",
+    "path, swapActions, seconds");
+
+constexpr KeldArguments kSwapFile =
+    ByMessage("The virtual machine using the configuration file %s could not fault in a page from the swap file at %s. The virtual machine has been powered off.", "path, swapFile");
+constexpr EventText kFaultFailure(
+    "@&!*@*@(nox.problem.vm.kill.unexpected.fault.failure.2)%s could not fault in a guest physical page from the hypervisor level swap file on %s. The VM is terminated as further progress is impossible.",
+    "path, datastore");
+// clang-format on
+static_assert(std::size(kRows) == 3 && DistinctUnder(kRows, "kel.vm.kill.unexpected."));
+
+void KeldVmCorrelatorNoSwapResponse(Kel *kel)
+{
+    const char *path = nullptr;
+    std::uint32_t swapActions = 0;
+    std::uint64_t seconds = 0;
+    (void)KeldRead<kSwapActions>(kel, &path, &swapActions, &seconds);
+    // KEPT: receivers take the seconds for a number of 32 bits.
+    KeldPost<kNoSwapResponse>(path, swapActions, static_cast<std::uint32_t>(seconds));
+}
+
+void KeldVmCorrelatorFaultFailure(Kel *kel)
+{
+    const char *path = nullptr, *swapFile = nullptr;
+    (void)KeldRead<kSwapFile>(kel, &path, &swapFile);
+    KeldPost<kFaultFailure>(path, KeldLookupDatastore(swapFile).c_str());
+}
+
+const KeldObservation kObservations[] = {
+    {"kel.vm.kill.unexpected.noSwapResponse",
+     kSwapActions,
+     KeldVmCorrelatorNoSwapResponse,
+     "posted at once, the seconds as a number of 32 bits",
+     {&kNoSwapResponse}},
+    {"kel.vm.kill.unexpected.fault.failure",
+     kSwapFile,
+     KeldVmCorrelatorFaultFailure,
+     "posted at once with the datastore of the swap file",
+     {&kFaultFailure}},
+};
+
+} // namespace
+
+const KeldDomain keldVmDomain{
+    .name = "VM",
+    .domains = {"vm"},
+    .defaultHandler = KeldCorrelatorLogUnknown,
+    .otherwise = "reported in the log as unknown",
+    .translations = KeldTranslations<kRows>,
+    .observations = kObservations,
+};
+
+void KeldCorrelator_StartVM() { KeldDomainRun(keldVmDomain); }
