@@ -3,49 +3,75 @@
 #include "keldOwn.h"
 
 #include <kltlibs/kel.h>
+#include <kltlibs/ksyslog.h>
 #include <kltlibs/kthread.h>
 #include <kltlibs/ktime.h>
-#include <kltlibs/str.h>
 
-#include <atomic>
-#include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
-#include <syslog.h>
+#include <string_view>
 
 namespace {
 
 constexpr std::size_t kPrefixBytes = 32;
 constexpr char kPanicPrefix[] = "Keld - Panic: ";
 
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral" // the callers' formats are checked where they call
-
-// The prefix is pasted into the format, so that one call writes one line.
-void LogVA(const char *format, va_list args)
+// "2026-03-01T12:00:00.123Z: ", with what stands before the point rendered anew once a second for each
+// thread. KEPT: local time under a literal Z; whoever reads this host's logs is used to it.
+std::size_t Prefix(const timeval &now, bool milliseconds, char *buffer, std::size_t size)
 {
-    char prefix[kPrefixBytes] = "";
-    KeldLogTimestamp(true, prefix, sizeof prefix);
-    const MessageText prefixed(Str_Asprintf(nullptr, "%s%s", prefix, format));
-    vsyslog(LOG_INFO, prefixed ? prefixed.get() : format, args);
+    thread_local struct {
+        std::time_t second = -1;
+        std::size_t length = 0;
+        char text[kPrefixBytes];
+    } seconds;
+    if (seconds.second != now.tv_sec) {
+        std::tm local;
+        KTime_LocalTime(now.tv_sec, &local);
+        seconds.length = std::strftime(seconds.text, sizeof seconds.text, "%Y-%m-%dT%H:%M:%S", &local);
+        seconds.second = now.tv_sec;
+    }
+    const std::string_view rest = milliseconds ? ".000Z: " : "Z: ";
+    if (seconds.length == 0 || seconds.length + rest.size() >= size) return 0;
+    std::memcpy(buffer, seconds.text, seconds.length);
+    std::memcpy(buffer + seconds.length, rest.data(), rest.size() + 1);
+    if (milliseconds)
+        for (long value = now.tv_usec / 1000, at = 3; at > 0; --at, value /= 10)
+            buffer[seconds.length + static_cast<std::size_t>(at)] = static_cast<char>('0' + value % 10);
+    return seconds.length + rest.size();
 }
 
-// localtime_r does not look at the zone again, tzset does and costs a look at the zone file: once a
-// second is soon enough for a zone that changes. One thread at a time looks, and none waits for it.
-void LocalTime(std::time_t seconds, std::tm *local)
-{
-    [[maybe_unused]] static const bool first = (tzset(), true); // later, localtime_r has nothing to set up
-    static std::atomic<std::time_t> zoneSeenAt{-1};
-    static std::atomic_flag looking;
-    if (zoneSeenAt.load(std::memory_order_relaxed) != seconds &&
-        !looking.test_and_set(std::memory_order_acquire)) {
-        zoneSeenAt.store(seconds, std::memory_order_relaxed);
-        tzset();
-        looking.clear(std::memory_order_release);
+// A line that begins with its time; without one, when it cannot be read.
+class Line : public KSyslogLine {
+public:
+    Line() : Line(Now()) {}
+
+private:
+    struct Time {
+        timeval now{};
+        bool known = false;
+    };
+    static Time Now()
+    {
+        Time time;
+        time.known = KTime_GetTimeOfDay(&time.now) == 0;
+        return time;
     }
-    localtime_r(&seconds, local);
+    explicit Line(const Time &time) : KSyslogLine(time.now)
+    {
+        char prefix[kPrefixBytes];
+        if (time.known) Append({prefix, Prefix(time.now, true, prefix, sizeof prefix)});
+    }
+};
+
+void LogVA(const char *format, va_list args)
+{
+    Line line;
+    line.AppendFormatted(format, args);
+    line.Send();
 }
 
 } // namespace
@@ -60,6 +86,7 @@ void KeldLog(const char *format, ...)
 
 void Panic(const char *format, ...)
 {
+    KSyslog_StopWaiting();
     va_list args;
     va_start(args, format);
     va_list again;
@@ -70,7 +97,6 @@ void Panic(const char *format, ...)
     LogVA(format, again);
     std::abort();
 }
-#pragma GCC diagnostic pop
 
 void KeldNotReached(const char *module, int line) { Panic("NOT_REACHED %s:%d\n", module, line); }
 void KeldMemAlloc(const char *module, int line) { Panic("MEM_ALLOC %s:%d\n", module, line); }
@@ -89,20 +115,21 @@ void KeldLogKel(Kel *kel)
 
 void KeldLogTraceLine(const char *id, const char *message, std::uint64_t microseconds)
 {
-    KeldLog("[%s] %" PRIu64 "us: [%s] %s\n", KThreadBase_CurName(), microseconds,
-            id != nullptr ? id : "(null)", message != nullptr ? message : "(null)");
+    Line line;
+    line.Append("[");
+    line.Append(KThreadBase_CurName());
+    line.Append("] ");
+    line.Append(microseconds);
+    line.Append("us: [");
+    line.Append(id != nullptr ? id : "(null)");
+    line.Append("] ");
+    line.Append(message != nullptr ? message : "(null)");
+    line.Append("\n");
+    line.Send();
 }
 
 std::size_t KeldLogTimestamp(bool milliseconds, char *buffer, std::size_t size)
 {
     timeval now;
-    if (KTime_GetTimeOfDay(&now) != 0) return 0;
-    std::tm local;
-    LocalTime(now.tv_sec, &local);
-    // KEPT: local time under a literal Z; whoever reads this host's logs is used to it.
-    const std::size_t length = std::strftime(buffer, size, "%Y-%m-%dT%H:%M:%SZ: ", &local);
-    if (length < 3 || !milliseconds) return length;
-    const int written = Str_Sprintf(buffer + length - 3, size - length + 3,
-                                    ".%03dZ: ", static_cast<int>(now.tv_usec / 1000));
-    return written < 0 ? length - 3 : length - 3 + static_cast<std::size_t>(written);
+    return KTime_GetTimeOfDay(&now) == 0 ? Prefix(now, milliseconds, buffer, size) : 0;
 }

@@ -1,12 +1,18 @@
 #include "diagnostic.h"
 
+#include "kltlibs/ksyslog.h"
+#include "kltlibs/ktime.h"
+
 #include <cstdarg>
-#include <syslog.h>
 
 void KltDiagnose(const char *format, ...)
 {
+    timeval now{};
+    (void)KTime_GetTimeOfDay(&now);
+    KSyslogLine line(now);
     va_list args;
     va_start(args, format);
-    vsyslog(LOG_INFO, format, args);
+    line.AppendFormatted(format, args);
     va_end(args);
+    line.Send();
 }

@@ -1,5 +1,6 @@
 #include "kltlibs/ktime.h"
 
+#include <atomic>
 #include <chrono>
 
 namespace {
@@ -29,6 +30,22 @@ std::uint64_t KTime_MonotonicSeconds()
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<std::uint64_t>(now.tv_sec);
+}
+
+// localtime_r does not look at the zone again, tzset does and costs a look at the zone file: once a
+// second is soon enough for a zone that changes. One thread at a time looks, and none waits for it.
+void KTime_LocalTime(time_t seconds, struct tm *local)
+{
+    [[maybe_unused]] static const bool first = (tzset(), true); // later, localtime_r has nothing to set up
+    static std::atomic<time_t> zoneSeenAt{-1};
+    static std::atomic_flag looking;
+    if (zoneSeenAt.load(std::memory_order_relaxed) != seconds &&
+        !looking.test_and_set(std::memory_order_acquire)) {
+        zoneSeenAt.store(seconds, std::memory_order_relaxed);
+        tzset();
+        looking.clear(std::memory_order_release);
+    }
+    localtime_r(&seconds, local);
 }
 
 std::uint64_t KTime_WallSeconds()

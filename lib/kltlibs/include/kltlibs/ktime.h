@@ -30,6 +30,9 @@ int KTime_GetTimeOfDay(timeval *now);
 int KTime_GetRealtime(timespec *now);
 std::uint64_t KTime_MonotonicSeconds();
 
+// Local time, with the zone looked at anew at most once a second.
+void KTime_LocalTime(time_t seconds, struct tm *local);
+
 // Whole seconds of the wall clock; 0 when it cannot be read.
 std::uint64_t KTime_WallSeconds();
 
