@@ -39,6 +39,8 @@ struct KelLibHandle {
     int context;
     UniqueFd fd;
     std::string path;
+    dev_t device = 0; // with inode: which file at path is this one's own
+    ino_t inode = 0;
     std::unique_ptr<char[]> kept; // a datagram received but not yet handed out
     std::size_t keptBytes = 0;
     unsigned bells = 0; // bells on their way through the queue
@@ -52,7 +54,9 @@ static_assert(KELLIB_USER_CONTEXT == kContexts - 1, "the user-level context foll
 constexpr int kBacklog = 128;
 constexpr int kAcceptPauseMilliseconds = 10;
 
-// A producer that sends nothing but rubbish must not keep the caller from its other channels.
+// A producer that sends nothing but rubbish must not keep the caller from its other channels. What one has
+// left behind that has ended is finite, and is read to its end: a caller closes what gave nothing and has
+// hung up.
 constexpr int kDropsPerReadMax = 4096;
 
 // The diagnostic lines of one channel: ten in a window that opens with its first line, the number of
@@ -242,9 +246,15 @@ int ReadChannel(KelLibHandle &handle, Batch &batch)
 // Takes the next datagram away; its length, or negative with errno.
 ssize_t Discard(int fd) { return recv(fd, nullptr, 0, MSG_TRUNC | MSG_DONTWAIT); }
 
+bool PeerHasEnded(int fd)
+{
+    pollfd peer{.fd = fd, .events = POLLRDHUP, .revents = 0};
+    return poll(&peer, 1, 0) > 0;
+}
+
 int ReadConnection(int fd, Batch &batch)
 {
-    while (batch.drops < kDropsPerReadMax) {
+    while (batch.drops < kDropsPerReadMax || (batch.used == 0 && PeerHasEnded(fd))) {
         const ssize_t waiting = Look(fd);
         if (waiting < 0) return batch.End(errno);
         if (waiting == 0) {
@@ -328,8 +338,22 @@ int BindSocket(KelLibHandle &handle)
         unlink(handle.path.c_str());
         return error;
     }
+    struct stat own;
+    if (lstat(handle.path.c_str(), &own) == 0) {
+        handle.device = own.st_dev;
+        handle.inode = own.st_ino;
+    }
     handle.fd = std::move(fd);
     return 0;
+}
+
+// 0 or an errno value. What somebody else has put in the place of the socket is not ours to remove.
+int RemoveSocket(const KelLibHandle &handle)
+{
+    struct stat there;
+    if (lstat(handle.path.c_str(), &there) != 0) return errno == ENOENT ? 0 : errno;
+    if (there.st_dev != handle.device || there.st_ino != handle.inode) return 0;
+    return unlink(handle.path.c_str()) == 0 || errno == ENOENT ? 0 : errno;
 }
 
 int OpenContext(int context, KelLibHandle **handle)
@@ -455,7 +479,7 @@ int KelLib_Close(KelLibHandle *handle)
     if (handle == nullptr) return EINVAL;
     Host &host = TheHost();
     const std::size_t index = static_cast<std::size_t>(handle->context);
-    int error = unlink(handle->path.c_str()) == 0 || errno == ENOENT ? 0 : errno;
+    int error = RemoveSocket(*handle);
     if (close(handle->fd.Release()) != 0 && error == 0) error = errno;
     if (handle->context == KELLIB_USER_CONTEXT)
         host.spare.Reset();

@@ -102,8 +102,8 @@ UniqueFd Connected(int type)
     return UniqueFd();
 }
 
-// The descriptor, connected anew unless another thread has done so since failedFd failed; -1 when there is no
-// log. Nothing in here waits for the log.
+// The descriptor, connected anew unless another thread has done so since failedFd failed; -1 when there is
+// no log. Nothing in here waits for the log.
 int OpenLog(int failedFd)
 {
     const std::lock_guard alone(log.opening);
@@ -128,11 +128,12 @@ int OpenLog(int failedFd)
 
 // ---- Patience -------------------------------------------------------------------------------------
 
-// What all threads together have waited, by seconds of the monotonic clock: of the real one, since how long a
-// log is stuck does not depend on what time a simulation says it is.
+// What all threads together have waited, by seconds of the monotonic clock: of the real one, since how long
+// a log is stuck does not depend on what time a simulation says it is.
 class Patience {
 public:
-    // Reserves a slice, or what is left of it in the minute that ends now: milliseconds, 0 when none is left.
+    // Reserves a slice, or what is left of it in the minute that ends now: milliseconds, 0 when none is
+    // left.
     int Reserve()
     {
         const std::lock_guard guard(mMutex);
@@ -205,9 +206,9 @@ std::string_view Header(const timeval &now)
                                                   "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
         std::tm local;
         KTime_LocalTime(now.tv_sec, &local);
-        const int length = std::snprintf(header.text, sizeof header.text, "<14>%s %2d %02d:%02d:%02d %.255s: ",
-                                         kMonths[local.tm_mon], local.tm_mday, local.tm_hour, local.tm_min,
-                                         local.tm_sec, program_invocation_short_name);
+        const int length = std::snprintf(
+            header.text, sizeof header.text, "<14>%s %2d %02d:%02d:%02d %.255s: ", kMonths[local.tm_mon],
+            local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, program_invocation_short_name);
         header.length = static_cast<std::size_t>(length);
         header.second = now.tv_sec;
     }
@@ -226,9 +227,9 @@ bool TellLost(const timeval &now)
     char text[400];
     const std::string_view header = Header(now);
     std::memcpy(text, header.data(), header.size());
-    const int length = std::snprintf(text + header.size(), sizeof text - header.size(),
-                                     "%u lines were not taken by the system log.\n",
-                                     static_cast<unsigned>(untold));
+    const int length =
+        std::snprintf(text + header.size(), sizeof text - header.size(),
+                      "%u lines were not taken by the system log.\n", static_cast<unsigned>(untold));
     if (!SendLine(text, header.size() + static_cast<std::size_t>(length))) return false;
     told.store(all, std::memory_order_relaxed);
     return true;
@@ -268,7 +269,8 @@ void KSyslogLine::AppendFormatted(const char *format, va_list args)
     if (length >= 0 && static_cast<std::size_t>(length) < mSize - mLength)
         mLength += static_cast<std::size_t>(length);
     else if (length >= 0 && Reserve(static_cast<std::size_t>(length) + 1))
-        mLength += static_cast<std::size_t>(std::vsnprintf(mText + mLength, mSize - mLength, format, again));
+        mLength +=
+            static_cast<std::size_t>(std::vsnprintf(mText + mLength, mSize - mLength, format, again));
     else
         mWhole = false;
     va_end(again);

@@ -10,20 +10,24 @@
 #include "kltlibs/rundir.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 struct KelProducer {
     int fd;
+    bool connection; // not a datagram socket
 };
 
 namespace {
 
+constexpr int kEndMilliseconds = 5000;
 constexpr size_t kEmitBytes = 2048; // nearly every observation; the others take memory from the heap
 
 uint64_t Now()
@@ -49,6 +53,26 @@ void PutWord(char *record, uint32_t offset, size_t value)
 {
     const uint32_t word = static_cast<uint32_t>(value);
     memcpy(record + offset, &word, sizeof word);
+}
+
+// Tells the daemon that nothing more comes, and waits until it has read what did: a socket that is closed
+// with something unread resets its peer. 0, EPIPE or ETIMEDOUT.
+int AwaitEnd(int fd)
+{
+    if (shutdown(fd, SHUT_WR) != 0) return EPIPE;
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const int64_t until = now.tv_sec * int64_t{1000} + now.tv_nsec / 1000000 + kEndMilliseconds;
+    for (;;) {
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        const int64_t left = until - (now.tv_sec * int64_t{1000} + now.tv_nsec / 1000000);
+        pollfd end = {fd, POLLIN, 0};
+        if (left <= 0 || poll(&end, 1, static_cast<int>(left)) == 0) return ETIMEDOUT;
+        char nothing;
+        const ssize_t count = recv(fd, &nothing, sizeof nothing, MSG_DONTWAIT);
+        if (count == 0) return 0;
+        if (count < 0 && errno != EINTR && errno != EAGAIN) return EPIPE;
+    }
 }
 
 int EmitVA(KelProducer *producer, void *buffer, size_t size, const char *id, const char *format,
@@ -145,6 +169,7 @@ int KelProducer_Open(int context, KelProducer **producer)
         return error;
     }
     opened->fd = fd;
+    opened->connection = type == SOCK_SEQPACKET;
     *producer = opened;
     return 0;
 }
@@ -188,9 +213,11 @@ int KelProducer_Emit(KelProducer *producer, const char *id, const char *format, 
     return error;
 }
 
-void KelProducer_Close(KelProducer *producer)
+int KelProducer_Close(KelProducer *producer)
 {
-    if (producer == nullptr) return;
+    if (producer == nullptr) return 0;
+    const int result = producer->connection ? AwaitEnd(producer->fd) : 0;
     close(producer->fd);
     free(producer);
+    return result;
 }

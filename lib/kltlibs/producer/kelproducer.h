@@ -4,7 +4,7 @@
  *     int error = KelProducer_Open(KELPRODUCER_USER_CONTEXT, &producer);
  *     if (error == 0)
  *         error = KelProducer_Emit(producer, "kel.external.error", "%s %s %s", name, link, message);
- *     KelProducer_Close(producer);
+ *     int closed = KelProducer_Close(producer); // 0: the daemon has it
  *
  * Plain C; needs nothing but libc. A producer belongs to one thread at a time. Results are 0 or an
  * errno value.
@@ -72,8 +72,14 @@ int KelProducer_Fd(const KelProducer *producer);
 int KelProducer_Emit(KelProducer *producer, const char *id, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
 
-/* Null is allowed. What was sent is delivered all the same. */
-void KelProducer_Close(KelProducer *producer);
+/* Ends the connection, and says whether the daemon has read what was sent: on the user-level context it
+ * waits for that, 5 seconds at most. Null is allowed.
+ *
+ * 0: it has; on an asynchronous context, what was sent waits in the daemon's queue, from which nothing is
+ * dropped. EPIPE: it has not: the daemon serves eight producers at a time and has turned this one away, or
+ * it has ended. Of several batches the last at least was not read; try again. ETIMEDOUT: not known; the
+ * daemon is busy, and what was sent still waits for it. */
+int KelProducer_Close(KelProducer *producer);
 
 #ifdef __cplusplus
 }

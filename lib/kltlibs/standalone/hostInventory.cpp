@@ -13,7 +13,10 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
 
 namespace HostInventory {
 
@@ -40,12 +43,63 @@ int FileName(const Path &path, std::string *name)
 // A name that is too long, or that leads through a file, is of nothing that is there.
 int ErrorOfAccess() { return errno == ENOTDIR || errno == ENAMETOOLONG ? ENOENT : errno; }
 
+// A descriptor for one short use, which is there also when the process has no other left: one with a low
+// number, below any limit, is kept in reserve and given up for as long as the use lasts. One user of it at
+// a time.
+class ShortDescriptor {
+public:
+    // open gives a descriptor, or -1 with errno.
+    template <class Open> explicit ShortDescriptor(Open open)
+    {
+        mFd = open();
+        if (mFd >= 0 || (errno != EMFILE && errno != ENFILE)) return;
+        mReserved = std::unique_lock(TheReserve().mutex);
+        TheReserve().fd.Reset();
+        mFd = open();
+    }
+    ~ShortDescriptor()
+    {
+        const int error = errno;
+        if (mFd >= 0) close(mFd);
+        if (mReserved.owns_lock()) TheReserve().Fill();
+        errno = error;
+    }
+    ShortDescriptor(const ShortDescriptor &) = delete;
+    ShortDescriptor &operator=(const ShortDescriptor &) = delete;
+
+    int Get() const { return mFd; }
+
+    // Closed by the caller's own means.
+    int Release() { return std::exchange(mFd, -1); }
+
+    // Before the process opens much else.
+    static void Prepare() { (void)TheReserve(); }
+
+private:
+    struct Reserve {
+        Reserve() { Fill(); }
+        void Fill() { fd.Reset(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
+
+        std::mutex mutex;
+        UniqueFd fd;
+    };
+    static Reserve &TheReserve()
+    {
+        static Reserve &reserve = *new Reserve;
+        return reserve;
+    }
+
+    std::unique_lock<std::mutex> mReserved;
+    int mFd = -1;
+};
+
 int ReadWhole(const Path &path, std::string *text)
 {
     std::string name;
     if (const int error = FileName(path, &name); error != 0) return error;
-    const UniqueFd file(open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!file) return ErrorOfAccess();
+    ShortDescriptor::Prepare();
+    const ShortDescriptor file([&] { return open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK); });
+    if (file.Get() < 0) return ErrorOfAccess();
     std::array<char, 4096> piece;
     for (;;) {
         const ssize_t count = read(file.Get(), piece.data(), piece.size());
@@ -59,8 +113,11 @@ int ReadNames(const Path &path, std::vector<std::string> *names)
 {
     std::string directory;
     if (const int error = FileName(path, &directory); error != 0) return error;
-    const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(directory.c_str()), closedir);
-    if (entries == nullptr) return ErrorOfAccess() == ENOENT ? 0 : errno;
+    ShortDescriptor opened([&] { return open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+    if (opened.Get() < 0) return ErrorOfAccess() == ENOENT ? 0 : errno;
+    const std::unique_ptr<DIR, int (*)(DIR *)> entries(fdopendir(opened.Get()), closedir);
+    if (entries == nullptr) return errno;
+    (void)opened.Release(); // the directory's own from here on
     for (;;) {
         errno = 0;
         const dirent *entry = readdir(entries.get());
@@ -153,8 +210,8 @@ int WriteText(const Path &path, std::string_view text)
     if (const int error = KltMakeDirectory(directory); error != 0) return error;
 
     std::string newName = directory + '/' + kNewFile;
-    UniqueFd file(mkostemp(newName.data(), O_CLOEXEC));
-    if (!file) return errno;
+    ShortDescriptor file([&] { return mkostemp(newName.data(), O_CLOEXEC); });
+    if (file.Get() < 0) return errno;
     int error = fchmod(file.Get(), 0644) == 0 ? 0 : errno;
     if (error == 0) error = WriteWhole(file.Get(), std::string(text) + '\n');
     if (close(file.Release()) != 0 && error == 0) error = errno;
