@@ -1,20 +1,19 @@
-// Life of a line: rendered by the thread that has the record, without the lock; appended under it to
-// the history and to the waiting list of every client; written by each client's writer, again without
-// it, so that a slow client delays nobody.
+// Life of a line: rendered by the thread that has the record, without the lock; appended under it to the
+// one store of lines, where the history and all that clients still want is kept once; copied out and
+// written by each client's writer, again without the lock, so that a slow client delays nobody.
 //
-// Life of a client: its serve thread gives it the history and a blank line, starts its writer and
-// reads until the connection ends, whoever ended it; it lets the writer give what waits, shuts the
-// socket down if that takes long, so that a writer that is stuck comes back, joins it and closes the
-// descriptor.
+// Life of a client: its serve thread enters it at the beginning of the history, starts its writer and reads
+// until the client ends its side. From then on the writer gives what waits until nothing does, or until the
+// connection has ended, whoever ended it. Then nothing of the client is left.
 //
-// Memory is bounded on every side: the history and the list of a client that is gone to 128 KiB of
-// text, the list of a client that does not read to 16 MiB.
+// A client that falls 16 MiB of lines behind is disconnected: it cannot exhaust the host.
 
 #include "keldTrace.h"
 
 #include "keldLog.h"
 #include "keldMutex.h"
 #include "keldOwn.h"
+#include "keldStore.h"
 
 #include <kltlibs/kelrecord.h>
 #include <kltlibs/ktime.h>
@@ -28,9 +27,9 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
-#include <deque>
 #include <fcntl.h>
-#include <map>
+#include <list>
+#include <new>
 #include <poll.h>
 #include <pthread.h>
 #include <string>
@@ -43,44 +42,33 @@
 namespace {
 
 constexpr std::size_t kHistoryBytesMax = 131072;
-constexpr std::size_t kWaitingBytesMax = std::size_t{16} << 20;
-// What is kept for a client that has ended its connection: the history and the blank line behind it.
-constexpr std::size_t kClosingBytesMax = kHistoryBytesMax + 1;
-constexpr time_t kDrainSecondsMax = 1;
+constexpr std::size_t kWaitingBytesMax = std::size_t{16} << 20; // of all clients, behind the history
+constexpr std::size_t kWriteBytes = 64 << 10;                   // at a time
+constexpr std::size_t kLineBytesKept = 16 << 10; // of the room for a line that a thread keeps
 constexpr int kBacklog = 128;
 constexpr int kAcceptPauseMilliseconds = 10;
-static_assert(kHistoryBytesMax < kWaitingBytesMax, "a client has room for the history that it is given");
 static_assert(sizeof(sockaddr_un::sun_path) == KLT_RUN_PATH_BYTES);
 
-// Finished lines, each with its newline, oldest first.
-struct Lines {
-    std::deque<std::string> lines;
-    std::size_t bytes = 0;
-
-    void Append(std::string line)
-    {
-        bytes += line.size();
-        lines.push_back(std::move(line));
-    }
-    void TrimTo(std::size_t bytesMax)
-    {
-        for (; bytes > bytesMax; lines.pop_front())
-            bytes -= lines.front().size();
-    }
-};
-
 struct Client {
-    Lines waiting;
-    bool closing = false; // while it is clear, the descriptor is open
+    Client(KeldStore &store, int socket)
+        : descriptor(socket), lines(store, KeldStore::Reader::From::Recent), blankBefore(store.End())
+    {
+    }
+
+    const int descriptor; // open for as long as the client is there
+    KeldStore::Reader lines;
+    std::uint64_t blankBefore; // the line before which the blank one comes; kNoBlank behind it
+    bool ending = false;       // it has ended its side: to be left when it has all lines
+    bool cut = false;          // disconnected, for not reading
+
+    static constexpr std::uint64_t kNoBlank = UINT64_MAX;
 };
 
 struct State {
     KeldMutex traceMutex;
     std::condition_variable linesAvailable;
-    Lines history GUARDED_BY(traceMutex);
-    // By descriptor. KEPT: an entry stays when its client has gone, and goes on collecting lines until a
-    // later client gets the same descriptor: descriptors are few, and so are the entries.
-    std::map<int, Client> clients GUARDED_BY(traceMutex);
+    KeldStore lines GUARDED_BY(traceMutex){kHistoryBytesMax, kWaitingBytesMax};
+    std::list<Client> clients GUARDED_BY(traceMutex);
 };
 State &state = *new State; // the clients' threads outlive main
 
@@ -156,62 +144,53 @@ bool AppendArgument(std::string &line, const TracedRecord &record, std::uint32_t
     }
 }
 
-// The whole line, or an empty one when there is none to show.
-std::string Render(const TracedRecord &record)
+// Writes the whole line behind what stands in line; false when there is none to show.
+bool Render(const TracedRecord &record, std::string &line)
 {
-    // Room for nearly every line at once. Not for more: an area may be large and its texts small.
-    constexpr std::size_t kBeforeIdBytes = 50, kArgumentBytes = 6, kAreaBytesMax = 1024;
-    const auto areaBytes = static_cast<std::size_t>(static_cast<const char *>(record.end) -
-                                                    static_cast<const char *>(record.argumentArea));
-    const std::string_view id = record.id;
-    std::string line;
-    line.reserve(kBeforeIdBytes + id.size() + record.argumentCount * kArgumentBytes +
-                 std::min(areaBytes, kAreaBytesMax));
     AppendNow(line);
     line.append(record.direction);
     AppendNumber(line, record.timestamp);
     line += ',';
     // KEPT: the comma behind the ID and the one before each argument leave an empty field between
     // them; clients count fields.
-    line.append(id) += ',';
+    line.append(record.id) += ',';
     for (std::uint32_t index = 0; index < record.argumentCount; ++index) {
         if (!AppendArgument(line, record, index)) {
             KeldLog("Invalid argument in kel with ID %s", record.id);
-            return {};
+            return false;
         }
     }
     line += '\n';
-    return line;
+    return true;
+}
+
+// Whoever did not read and has missed something by the last line is disconnected.
+void DisconnectLaggards() REQUIRES(state.traceMutex)
+{
+    for (Client &client : state.clients) {
+        if (client.cut || client.lines.Missed() == 0) continue;
+        KeldLog("Trace client %d does not read; disconnecting it.\n", client.descriptor);
+        client.cut = true;
+        shutdown(client.descriptor, SHUT_RDWR);
+    }
 }
 
 void Trace(const TracedRecord &record)
-{
-    std::string line = Render(record);
-    if (line.empty()) return;
+try {
+    thread_local std::string line;
+    line.clear();
+    if (!Render(record, line)) return;
     {
         const KeldLock lock(state.traceMutex);
-        for (auto &[descriptor, client] : state.clients) {
-            client.waiting.Append(line);
-            if (!client.closing && client.waiting.bytes > kWaitingBytesMax) {
-                KeldLog("Trace client %d does not read; disconnecting it.\n", descriptor);
-                client.closing = true;
-                shutdown(descriptor, SHUT_RDWR);
-            }
-            if (client.closing) client.waiting.TrimTo(kClosingBytesMax);
-        }
-        state.history.Append(std::move(line));
-        state.history.TrimTo(kHistoryBytesMax);
+        if (state.lines.Append(line)) DisconnectLaggards();
     }
     state.linesAvailable.notify_all(); // no system call while nobody waits
+    if (line.capacity() > kLineBytesKept) line = {};
+} catch (const std::bad_alloc &) {
+    // Costs this line of trace, and nothing else.
 }
 
 // ---- One client -----------------------------------------------------------------------------------
-
-void *ToArgument(int descriptor)
-{
-    return reinterpret_cast<void *>(static_cast<std::intptr_t>(descriptor));
-}
-int FromArgument(void *argument) { return static_cast<int>(reinterpret_cast<std::intptr_t>(argument)); }
 
 // 0, or -1 with errno.
 int WriteFully(int descriptor, std::string_view text)
@@ -226,54 +205,49 @@ int WriteFully(int descriptor, std::string_view text)
     return 0;
 }
 
-int WriteAll(int descriptor, const Lines &lines)
+// Waits until the client has lines, and takes some of them; none when it is to be left.
+void TakeLines(Client &client, std::string *text)
 {
-    for (const std::string &line : lines.lines)
-        if (WriteFully(descriptor, line) != 0) return -1;
-    return 0;
-}
-
-// Waits until the client has lines, and takes them; none when it is closing and has none left.
-Lines TakeLines(int descriptor)
-{
+    text->clear();
     KeldLock lock(state.traceMutex);
-    Client &client = state.clients[descriptor];
-    while (client.waiting.lines.empty() && !client.closing)
+    KeldStore::Reader &lines = client.lines;
+    const auto waiting = [&]() {
+        return lines.Next() < state.lines.End() || client.blankBefore == lines.Next();
+    };
+    while (!waiting() && !client.ending && !client.cut)
         state.linesAvailable.wait(lock.Waitable());
-    return std::exchange(client.waiting, {});
+    if (client.cut) return;
+    if (client.blankBefore != Client::kNoBlank) lines.Read(text, kWriteBytes, client.blankBefore);
+    if (client.blankBefore == lines.Next()) {
+        *text += '\n';
+        client.blankBefore = Client::kNoBlank;
+    }
+    lines.Read(text, kWriteBytes, std::min(client.blankBefore, state.lines.End()));
 }
 
 void *KeldTraceWriter(void *argument)
-{
-    const int descriptor = FromArgument(argument);
-    while (true) {
-        const Lines taken = TakeLines(descriptor);
-        if (taken.lines.empty()) return nullptr;
-        if (WriteAll(descriptor, taken) != 0) {
-            if (errno != EPIPE) KeldLog("Unexpected write error %s", std::strerror(errno));
-            shutdown(descriptor, SHUT_RDWR); // the serve thread would wait for a peer that may never close
-            return nullptr;
-        }
+try {
+    Client &client = *static_cast<Client *>(argument);
+    for (std::string text;;) {
+        TakeLines(client, &text);
+        if (text.empty()) break;
+        if (WriteFully(client.descriptor, text) == 0) continue;
+        if (errno != EPIPE) KeldLog("Unexpected write error %s", std::strerror(errno));
+        break;
     }
+    // Its serve thread would wait for a peer that may never close.
+    shutdown(client.descriptor, SHUT_RDWR);
+    return nullptr;
+} catch (const std::bad_alloc &) {
+    shutdown(static_cast<Client *>(argument)->descriptor, SHUT_RDWR); // a hole would be worse
+    return nullptr;
 }
 
-// Enters the client with the history and a blank line waiting: from here on, it misses no line.
-void Admit(int descriptor)
-{
-    const KeldLock lock(state.traceMutex);
-    Client &client = state.clients[descriptor];
-    client.waiting = state.history;
-    client.waiting.Append("\n");
-    client.closing = false;
-}
-
-void SetClosing(int descriptor)
+void SetEnding(Client &client)
 {
     {
         const KeldLock lock(state.traceMutex);
-        Client &client = state.clients[descriptor];
-        client.closing = true;
-        client.waiting.TrimTo(kClosingBytesMax);
+        client.ending = true;
     }
     state.linesAvailable.notify_all();
 }
@@ -288,37 +262,44 @@ void ReadUntilEnd(int descriptor)
     while (count > 0 || (count < 0 && errno == EINTR));
 }
 
-// A client that has only ended its own side still gets what waits for it, if it takes it at once.
-void AwaitWriter(pthread_t writer, int descriptor)
+// The client, with its place in the list.
+std::list<Client>::iterator Enter(int descriptor)
 {
-    timespec limit{};
-    (void)clock_gettime(CLOCK_REALTIME, &limit);
-    limit.tv_sec += kDrainSecondsMax;
-    if (pthread_timedjoin_np(writer, nullptr, &limit) == 0) return;
-    shutdown(descriptor, SHUT_RDWR);
-    pthread_join(writer, nullptr);
+    const KeldLock lock(state.traceMutex);
+    return state.clients.emplace(state.clients.end(), state.lines,
+                                 descriptor); // misses no line from here on
+}
+
+void Leave(std::list<Client>::iterator client)
+{
+    const KeldLock lock(state.traceMutex);
+    state.clients.erase(client);
 }
 
 void *KeldTraceServeMain(void *argument)
-{
-    const int descriptor = FromArgument(argument);
-    Admit(descriptor);
+try {
+    const UniqueFd connection(static_cast<int>(reinterpret_cast<std::intptr_t>(argument)));
+    const auto client = Enter(connection.Get());
     pthread_t writer;
-    const int error = pthread_create(&writer, nullptr, KeldTraceWriter, argument);
-    if (error == 0)
-        ReadUntilEnd(descriptor);
-    else
+    const int error = pthread_create(&writer, nullptr, KeldTraceWriter, &*client);
+    if (error == 0) {
+        ReadUntilEnd(connection.Get());
+        SetEnding(*client);
+        pthread_join(writer, nullptr);
+    } else {
         KeldLog("pthread_create failed: %s", std::strerror(error));
-    SetClosing(descriptor);
-    if (error == 0) AwaitWriter(writer, descriptor);
-    close(descriptor);
+    }
+    Leave(client);
+    return nullptr;
+} catch (const std::bad_alloc &) {
     return nullptr;
 }
 
-int StartDetached(void *(*main)(void *), void *argument)
+int StartDetached(void *(*main)(void *), int descriptor)
 {
     pthread_t thread;
-    const int error = pthread_create(&thread, nullptr, main, argument);
+    const int error = pthread_create(&thread, nullptr, main,
+                                     reinterpret_cast<void *>(static_cast<std::intptr_t>(descriptor)));
     if (error == 0) pthread_detach(thread);
     return error;
 }
@@ -369,7 +350,7 @@ void KeldTraceAccept(int listener)
         TurnAwayOne(listener);
         return;
     }
-    const int error = StartDetached(KeldTraceServeMain, ToArgument(connection.Get()));
+    const int error = StartDetached(KeldTraceServeMain, connection.Get());
     if (error == 0)
         (void)connection.Release();
     else
