@@ -20,12 +20,15 @@
 #include "keldLog.h"
 #include "keldPling.h"
 #include "keldSignal.h"
+#include "keldStarter.h"
 #include "keldTrace.h"
 
 #include <kltlibs/kif.h>
+#include <kltlibs/rundir.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -80,17 +83,28 @@ private:
 
 bool ParseOptions(int argc, char **argv);
 int EnableAsyncObservations();
+int Refuse(const char *what, int error);
+int RefuseChannel(const KeldChannel &channel, int error);
+void TellReady();
+void TellEnd(int code);
 
 } // namespace
 
 int KeldMain(int argc, char **argv, bool optionalAgents)
 {
+    KeldOpenStandardDescriptors();
     const bool asyncEnable = argc > 1 && ParseOptions(argc, argv);
     Daemon daemon;
     int code = daemon.Start(asyncEnable, optionalAgents);
-    if (code == 0) code = daemon.Loop();
+    const bool started = code == 0;
+    if (started) {
+        TellReady();
+        code = daemon.Loop();
+        KeldNotify("STOPPING=1");
+    }
     daemon.Stop();
     KeldLog("Exiting. rc:%d\n", code);
+    if (started) TellEnd(code);
     return code;
 }
 
@@ -121,7 +135,7 @@ bool ParseOptions(int argc, char **argv)
 int Daemon::Start(bool asyncEnable, bool optionalAgents)
 {
     int error = KeldSignalInit();
-    if (error != 0) return error;
+    if (error != 0) return Refuse("signals cannot be handled", error);
     KeldAlarmStart();
     char kernelBuildDate[KIF_BUILD_DATE_BYTES];
     char ownBuildDate[KIF_BUILD_DATE_BYTES];
@@ -129,19 +143,20 @@ int Daemon::Start(bool asyncEnable, bool optionalAgents)
         Panic("md5 signature mismatch with running kernix built on %s (my build date: %s)\n",
               kernelBuildDate, ownBuildDate);
     KeldPlingInit();
-    if (asyncEnable && (error = EnableAsyncObservations()) != 0) return error;
+    if (asyncEnable && (error = EnableAsyncObservations()) != 0)
+        return Refuse("the kernel's option Misc/KelAsyncEnable cannot be set", error);
 
-    if (!mPoll.Grow(kFixedSlots)) return 1;
+    if (!mPoll.Grow(kFixedSlots)) return Refuse("no memory", 1);
     for (KeldChannel &channel : mChannels) {
         int fd = -1;
-        if ((error = KeldChannelOpen(&channel, &fd)) != 0) return error;
+        if ((error = KeldChannelOpen(&channel, &fd)) != 0) return RefuseChannel(channel, error);
         mPoll.Append(fd);
     }
     const int traceListener = KeldTraceOpen(nullptr);
     if (traceListener < 0) KeldLog("Trace socket cannot be opened: %s\n", std::strerror(errno));
     mPoll.Append(traceListener); // without one, the slot stays empty
 
-    if ((error = KeldDispatchInit()) != 0) return error;
+    if ((error = KeldDispatchInit()) != 0) return Refuse("the dispatcher cannot be set up", error);
     for (const KeldCorrelatorEntry &correlator : keldCorrelators)
         KeldAgentStart(correlator.start);
     if (optionalAgents) {
@@ -150,11 +165,52 @@ int Daemon::Start(bool asyncEnable, bool optionalAgents)
     }
     if (!KeldRecordBufferInit(&mBuffer)) {
         KeldLog("Error allocating space for kel buffer. Out of memory\n");
-        return 12;
+        return Refuse("no memory for observations", ENOMEM);
     }
     (void)mPoll.Grow(kSlotsMax); // without memory for it, without producers
     KeldAgentAwaitAll();
     return 0;
+}
+
+// Says why the daemon does not start, and gives the exit status.
+int Refuse(const char *what, int error)
+{
+    KeldTell("cannot start: %s: %s", what, std::strerror(error));
+    return error;
+}
+
+int RefuseChannel(const KeldChannel &channel, int error)
+{
+    char path[KLT_RUN_PATH_BYTES] = "";
+    const char *remedy = "";
+    if (KltRunDir_Path("kel", path, sizeof path) != 0)
+        remedy = "KALTOR_RUN_DIR must be an absolute path of at most 80 bytes";
+    else if (error == EBUSY)
+        remedy = "another keld serves this run directory; stop it, or set KALTOR_RUN_DIR to another one";
+    else if (error == EACCES || error == EPERM || error == EROFS)
+        remedy = "run it as root, or set KALTOR_RUN_DIR to a directory of your own";
+    else
+        remedy = "the system log has the step that failed";
+    KeldTell("cannot start: %s: channel %d cannot be opened: %s; %s", path,
+             static_cast<int>(channel.context), std::strerror(error), remedy);
+    return error;
+}
+
+void TellReady()
+{
+    char directory[KLT_RUN_PATH_BYTES] = "";
+    (void)KltRunDir_Path("", directory, sizeof directory);
+    KeldTell("version %s is ready: process %d, run directory %s, %zu agents", KELD_VERSION,
+             static_cast<int>(getpid()), directory, KeldDispatchStreamCount());
+    KeldNotify("READY=1");
+}
+
+void TellEnd(int code)
+{
+    KeldTellLossesLeft();
+    KeldTell("ended with status %d; %zu events were waiting for a retry, %" PRIu64
+             " observations were left in pipes",
+             code, KeldPlingWaiting(), KeldDispatchWaiting());
 }
 
 int EnableAsyncObservations()
@@ -185,6 +241,7 @@ int Daemon::Loop()
             const int code = HandleSlot(&index);
             if (code > 0) return code;
         }
+        KeldTellLostLogLines();
     }
 }
 
@@ -231,10 +288,12 @@ void Daemon::AcceptProducer()
 {
     int fd = -1;
     if (KelLib_UserContextNewCnx(mChannels[kUserSlot].handle, &fd) != 0) return;
-    if (mPoll.used < mPoll.capacity)
+    if (mPoll.used < mPoll.capacity) {
         mPoll.Append(fd);
-    else
+    } else {
         (void)KelLib_UserContextCloseCnx(fd);
+        KeldTellLoss(KeldLoss::Producers, 1);
+    }
 }
 
 bool Daemon::CloseProducer(std::size_t index)

@@ -19,9 +19,10 @@ void KeldAlarmStart();
 // The alarm's number, 0-15, or -1 when all 16 are taken.
 int KeldAlarmRegister(KeldAlarmHandler handler);
 
-// Arms the alarm to fire in so many seconds of the wall clock; 0 disarms it. *remaining, which may be
-// null, gets the seconds that its previous setting had left. 0, or 1 for a number that was never
-// registered and for any other mode.
+// Arms the alarm to fire in so many seconds of the wall clock; 0 disarms it. A clock that is set forward
+// makes it fire earlier; one that is set back leaves it its distance. *remaining, which may be null, gets
+// the seconds that its previous setting had left. 0, or 1 for a number that was never registered and for
+// any other mode.
 int KeldAlarmSet(int alarm, std::uint32_t mode, std::uint32_t seconds, std::uint32_t *remaining = nullptr);
 
 // ---- The step that the thread repeats -------------------------------------------------------------
@@ -33,6 +34,16 @@ struct KeldAlarmState {
     KeldAlarmHandler handler = nullptr;
 };
 using KeldAlarmMap = std::map<int, KeldAlarmState>;
+
+// What the wall clock is compared with, to see that it was set back.
+struct KeldAlarmClocks {
+    std::int64_t wallAhead = INT64_MIN; // of the monotonic clock, at most so far: microseconds
+};
+
+// Moves what is armed back by as many whole seconds as the wall clock was set back against the monotonic
+// one since the last call.
+void KeldAlarmFollow(KeldAlarmMap &alarms, KeldAlarmClocks &clocks, std::uint64_t wallMicroseconds,
+                     std::uint64_t monotonicMicroseconds);
 
 struct KeldAlarmStep {
     KeldAlarmHandler fire = nullptr;        // call this, without the lock, and step again

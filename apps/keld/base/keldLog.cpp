@@ -1,12 +1,14 @@
 #include "keldLog.h"
 
 #include "keldOwn.h"
+#include "keldStarter.h"
 
 #include <kltlibs/kel.h>
 #include <kltlibs/ksyslog.h>
 #include <kltlibs/kthread.h>
 #include <kltlibs/ktime.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +20,7 @@ namespace {
 
 constexpr std::size_t kPrefixBytes = 32;
 constexpr char kPanicPrefix[] = "Keld - Panic: ";
+constexpr std::size_t kPanicBytesMax = 1024; // on standard error; the log takes all
 
 // "2026-03-01T12:00:00.123Z: ", with what stands before the point rendered anew once a second for each
 // thread. KEPT: local time under a literal Z; whoever reads this host's logs is used to it.
@@ -91,8 +94,10 @@ void Panic(const char *format, ...)
     va_start(args, format);
     va_list again;
     va_copy(again, args);
-    std::fwrite(kPanicPrefix, 1, sizeof kPanicPrefix - 1, stderr);
-    std::vfprintf(stderr, format, args);
+    char message[kPanicBytesMax];
+    const int length = std::vsnprintf(message, sizeof message, format, args);
+    KeldTellBytes(kPanicPrefix, sizeof kPanicPrefix - 1);
+    KeldTellBytes(message, std::min(static_cast<std::size_t>(std::max(length, 0)), sizeof message - 1));
     KeldLog("%s", kPanicPrefix);
     LogVA(format, again);
     std::abort();

@@ -1,5 +1,7 @@
 #include "keldSignal.h"
 
+#include <kltlibs/ksyslog.h>
+
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -66,5 +68,9 @@ int KeldPoll(pollfd *fds, nfds_t count)
     return ready;
 }
 
-void KeldSetStopping() { gStopping.store(true, std::memory_order_relaxed); }
+void KeldSetStopping()
+{
+    gStopping.store(true, std::memory_order_relaxed);
+    KSyslog_StopWaiting();
+}
 bool KeldStopping() { return gStopping.load(std::memory_order_relaxed); }

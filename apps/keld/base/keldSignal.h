@@ -18,7 +18,8 @@ bool KeldExitRequested();
 // (EINTR after a signal, also when entries are ready). Main thread.
 int KeldPoll(pollfd *fds, nfds_t count);
 
-// The daemon is leaving: nothing may wait for a receiver any more. Set by the exit sequence, for good.
+// The daemon is leaving: nothing may wait for a receiver or for the log any more. Set by the exit sequence,
+// for good.
 void KeldSetStopping();
 bool KeldStopping();
 

@@ -1,5 +1,6 @@
 #include "kltlibs/ktime.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 
@@ -7,6 +8,8 @@ namespace {
 
 // The last whole second that the clock's own type, nanoseconds in 64 bits, can hold.
 constexpr std::uint64_t kWaitSecondsMax = INT64_MAX / 1'000'000'000;
+
+constexpr std::chrono::seconds kLookAgain{1};
 
 KTimeSource *source = nullptr;
 
@@ -24,13 +27,16 @@ int KTime_GetRealtime(timespec *now)
     return source != nullptr ? source->GetRealtime(now) : clock_gettime(CLOCK_REALTIME, now);
 }
 
-std::uint64_t KTime_MonotonicSeconds()
+std::uint64_t KTime_MonotonicMicroseconds()
 {
-    if (source != nullptr) return source->MonotonicSeconds();
+    if (source != nullptr) return source->MonotonicMicroseconds();
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::uint64_t>(now.tv_sec);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000 +
+           static_cast<std::uint64_t>(now.tv_nsec) / 1000;
 }
+
+std::uint64_t KTime_MonotonicSeconds() { return KTime_MonotonicMicroseconds() / 1'000'000; }
 
 // localtime_r does not look at the zone again, tzset does and costs a look at the zone file: once a
 // second is soon enough for a zone that changes. One thread at a time looks, and none waits for it.
@@ -57,11 +63,14 @@ std::uint64_t KTime_WallSeconds()
 void KTime_WaitUntil(std::condition_variable &condition, std::unique_lock<std::mutex> &lock,
                      std::optional<std::uint64_t> wallSeconds)
 {
-    if (source != nullptr)
+    if (source != nullptr) {
         source->WaitUntil(condition, lock, wallSeconds);
-    else if (!wallSeconds || *wallSeconds > kWaitSecondsMax)
+    } else if (!wallSeconds) {
         condition.wait(lock);
-    else
-        condition.wait_until(lock,
-                             std::chrono::system_clock::time_point(std::chrono::seconds(*wallSeconds)));
+    } else {
+        const auto now = std::chrono::system_clock::now();
+        const auto left =
+            std::chrono::seconds(std::min(*wallSeconds, kWaitSecondsMax)) - now.time_since_epoch();
+        if (left > left.zero()) condition.wait_for(lock, std::min<decltype(left)>(left, kLookAgain));
+    }
 }

@@ -17,7 +17,7 @@ public:
     virtual ~KTimeSource() = default;
     virtual int GetTimeOfDay(timeval *now) = 0; // 0, or -1 with errno
     virtual int GetRealtime(timespec *now) = 0; // 0, or -1 with errno
-    virtual std::uint64_t MonotonicSeconds() = 0;
+    virtual std::uint64_t MonotonicMicroseconds() = 0;
     virtual void WaitUntil(std::condition_variable &condition, std::unique_lock<std::mutex> &lock,
                            std::optional<std::uint64_t> wallSeconds) = 0;
 };
@@ -29,6 +29,7 @@ void KTime_SetSource(KTimeSource *source);
 int KTime_GetTimeOfDay(timeval *now);
 int KTime_GetRealtime(timespec *now);
 std::uint64_t KTime_MonotonicSeconds();
+std::uint64_t KTime_MonotonicMicroseconds();
 
 // Local time, with the zone looked at anew at most once a second.
 void KTime_LocalTime(time_t seconds, struct tm *local);
@@ -36,8 +37,9 @@ void KTime_LocalTime(time_t seconds, struct tm *local);
 // Whole seconds of the wall clock; 0 when it cannot be read.
 std::uint64_t KTime_WallSeconds();
 
-// Waits on condition until it is notified, until the wall clock reaches wallSeconds (without: for
-// ever), or spuriously. lock is held before and after.
+// Waits on condition until it is notified, until the wall clock reaches wallSeconds (without: for ever), or
+// spuriously: once a second at least when there is a time, since a wall clock that is set back would else hold
+// the waiter for as long as it was set back. lock is held before and after.
 void KTime_WaitUntil(std::condition_variable &condition, std::unique_lock<std::mutex> &lock,
                      std::optional<std::uint64_t> wallSeconds);
 
