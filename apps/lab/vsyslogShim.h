@@ -4,8 +4,8 @@
 // brings none, to the descriptor named in KELD_LOG_FD; without one it is dropped. Include it in one
 // source file of a program, or of a library that is preloaded into one. It does without <syslog.h>,
 // whose fortified form would redefine what is defined here.
-#ifndef TESTSUPPORT_VSYSLOGSHIM_H
-#define TESTSUPPORT_VSYSLOGSHIM_H
+#ifndef LAB_VSYSLOGSHIM_H
+#define LAB_VSYSLOGSHIM_H
 
 #include <atomic>
 #include <cstdarg>

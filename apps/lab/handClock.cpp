@@ -1,11 +1,15 @@
 #include "handClock.h"
 
-#include "waitFor.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
+
+namespace {
+
+constexpr std::chrono::minutes kPatience{1}; // for sanitizers on a loaded machine
+
+} // namespace
 
 std::uint64_t HandClock::Now() const
 {
@@ -26,25 +30,24 @@ void HandClock::Set(std::uint64_t seconds, std::uint32_t microseconds)
 void HandClock::Advance(std::uint64_t seconds)
 {
     const std::uint64_t target = Now() + seconds;
-    Settle();
-    while (true) {
-        {
-            const std::lock_guard guard(mMutex);
-            if (mNow >= target) return;
-            std::uint64_t next = target;
-            for (const auto &[thread, waiter] : mWaiters)
-                next = std::min(next, waiter.due.value_or(target));
-            mMonotonic += next - mNow;
-            mNow = next;
-        }
-        Settle();
+    MustSettle();
+    while (Now() < target) {
+        MoveTowards(target);
+        MustSettle();
     }
 }
 
-// Sends every waiter once round its loop, whatever it waits for, and waits until all are parked with
-// nothing due. Once round, because a waiter that somebody else has just notified, of an alarm newly
-// set, looks parked until it has got its mutex.
-void HandClock::Settle()
+void HandClock::MoveTowards(std::uint64_t target)
+{
+    const std::lock_guard guard(mMutex);
+    std::uint64_t next = target;
+    for (const auto &[thread, waiter] : mWaiters)
+        if (waiter.parked) next = std::min(next, waiter.due.value_or(target));
+    mMonotonic += next - mNow;
+    mNow = next;
+}
+
+bool HandClock::Settle(std::chrono::milliseconds limit)
 {
     std::unique_lock lock(mMutex);
     std::map<std::thread::id, std::uint64_t> before;
@@ -53,14 +56,27 @@ void HandClock::Settle()
     lock.unlock();
     WakeAll();
     lock.lock();
-    const auto settled = [&] {
-        return std::all_of(mWaiters.begin(), mWaiters.end(), [&](const auto &entry) {
-            const auto &[thread, waiter] = entry;
-            return waiter.parked && waiter.rounds != before[thread];
-        });
-    };
-    if (!mChanged.wait_for(lock, kWaitLimit, settled))
-        GiveUp("a thread that has waited does not come back to wait");
+    return mChanged.wait_for(lock, limit, [&] {
+        return AllParked() && std::ranges::all_of(mWaiters, [&](const auto &entry) {
+                   return entry.second.rounds != before[entry.first];
+               });
+    });
+}
+
+void HandClock::MustSettle()
+{
+    if (!Settle(kPatience)) GiveUp("a thread that has waited does not come back to wait");
+}
+
+bool HandClock::AllParked() const
+{
+    return std::ranges::all_of(mWaiters, [](const auto &entry) { return entry.second.parked; });
+}
+
+bool HandClock::IsParked() const
+{
+    const std::lock_guard guard(mMutex);
+    return !mWaiters.empty() && AllParked();
 }
 
 // A notification with the waiter's mutex held cannot fall between its look at the clock and its wait.
@@ -81,7 +97,7 @@ void HandClock::WakeAll()
 void HandClock::AwaitWaiter()
 {
     std::unique_lock lock(mMutex);
-    if (!mChanged.wait_for(lock, kWaitLimit, [&] { return !mWaiters.empty(); })) GiveUp("no thread waits");
+    if (!mChanged.wait_for(lock, kPatience, [&] { return !mWaiters.empty(); })) GiveUp("no thread waits");
 }
 
 int HandClock::GetTimeOfDay(timeval *now)

@@ -1,7 +1,8 @@
 // A clock that is moved by hand.
-#ifndef TESTSUPPORT_HANDCLOCK_H
-#define TESTSUPPORT_HANDCLOCK_H
+#ifndef LAB_HANDCLOCK_H
+#define LAB_HANDCLOCK_H
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <kltlibs/ktime.h>
@@ -10,7 +11,7 @@
 #include <optional>
 #include <thread>
 
-// The time stands still until a test moves it. Install it with KTime_SetSource before the first
+// The time stands still until somebody moves it. Install it with KTime_SetSource before the first
 // thread starts; it must outlive every thread that asks for the time.
 //
 // Any thread may read and wait. One thread moves it, holding none of the waiters' mutexes. A thread
@@ -18,6 +19,8 @@
 class HandClock : public KTimeSource {
 public:
     static constexpr std::uint64_t kStart = 1772366400; // 2026-03-01 12:00:00 UTC
+
+    explicit HandClock(std::uint64_t seconds = kStart) : mNow(seconds) {}
 
     std::uint64_t Now() const;
 
@@ -36,6 +39,19 @@ public:
     // leave that thread behind.
     void AwaitWaiter();
 
+    // ---- The steps that Advance is made of, for whoever has more to look at between them
+
+    // Sends every waiter once round its loop, whatever it waits for: true when all are parked again with
+    // nothing due, false when they are not within the limit. Once round, because a waiter that somebody
+    // else has just notified, of an alarm newly set, looks parked until it has got its mutex.
+    bool Settle(std::chrono::milliseconds limit);
+
+    // True while every thread that has ever waited is parked, and there is one.
+    bool IsParked() const;
+
+    // To the first second, of those up to target, at which somebody's wait falls due. Settle behind it.
+    void MoveTowards(std::uint64_t target);
+
     int GetTimeOfDay(timeval *now) override;
     int GetRealtime(timespec *now) override;
     std::uint64_t MonotonicSeconds() override;
@@ -52,13 +68,14 @@ private:
     };
 
     void WakeAll();
-    void Settle();
+    bool AllParked() const; // mMutex held
+    void MustSettle();
     [[noreturn]] void GiveUp(const char *what) const;
 
     mutable std::mutex mMutex; // taken with a waiter's mutex held, never the other way round
     std::condition_variable mChanged;
     std::map<std::thread::id, Waiter> mWaiters;
-    std::uint64_t mNow = kStart;
+    std::uint64_t mNow;
     std::uint32_t mMicroseconds = 0;
     std::uint64_t mMonotonic = 1000;
 };
