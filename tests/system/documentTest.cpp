@@ -3,7 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <host.h>
+#include <hostEntries.h>
 #include <kltlibs/rundir.h>
 #include <regex>
 #include <set>

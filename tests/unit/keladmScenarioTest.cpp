@@ -1,6 +1,6 @@
 // The scenario parser, and which events meet an expectation.
 
-#include "commands.h"
+#include "failure.h"
 #include "scenario.h"
 
 #include "kltlibs/kelrecord.h"
