@@ -116,10 +116,10 @@ int HandClock::GetRealtime(timespec *now)
     return 0;
 }
 
-std::uint64_t HandClock::MonotonicSeconds()
+std::uint64_t HandClock::MonotonicMicroseconds()
 {
     const std::lock_guard guard(mMutex);
-    return mMonotonic;
+    return mMonotonic * 1'000'000;
 }
 
 void HandClock::WaitUntil(std::condition_variable &condition, std::unique_lock<std::mutex> &lock,

@@ -54,7 +54,7 @@ public:
 
     int GetTimeOfDay(timeval *now) override;
     int GetRealtime(timespec *now) override;
-    std::uint64_t MonotonicSeconds() override;
+    std::uint64_t MonotonicMicroseconds() override;
     void WaitUntil(std::condition_variable &condition, std::unique_lock<std::mutex> &lock,
                    std::optional<std::uint64_t> wallSeconds) override;
 

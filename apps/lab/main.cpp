@@ -13,7 +13,7 @@
 // place of 2026-03-01 12:00:00 UTC; KELD_LOG_FD is where the log's lines go; KELD_OPTIONAL_AGENTS=1 starts
 // the optional agents too. The scratch partition's link is "scratch" in the run directory.
 #include "laboratory.h"
-#include "vsyslogShim.h"
+#include "logFile.h"
 
 #include <csignal>
 #include <cstdio>
@@ -23,6 +23,7 @@
 #include <filesystem>
 #include <keldDomains.h>
 #include <keldMain.h>
+#include <kltlibs/ksyslog.h>
 #include <pthread.h>
 
 namespace {
@@ -99,6 +100,8 @@ int main(int argc, char **argv)
     KTime_SetSource(&clock);
     Laboratory &laboratory = *new Laboratory(clock);
     KeldSetLookOut(&laboratory);
+    if (const char *file = std::getenv("KELD_LOG_FD")) LogFile::descriptor = std::atoi(file);
+    KSyslog_SetSink(LogFile::Write);
     keldVfatScratchLink = (new std::string(runDirectory + "/scratch"))->c_str();
     StartObeying(laboratory, clock, std::atoi(fd));
     const char *optional = std::getenv("KELD_OPTIONAL_AGENTS");

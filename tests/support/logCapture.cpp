@@ -1,14 +1,18 @@
 #include "logCapture.h"
 
-#include "vsyslogShim.h"
+#include "logFile.h"
 
 #include <cctype>
 #include <cerrno>
 #include <fcntl.h>
+#include <kltlibs/ksyslog.h>
 #include <sys/mman.h>
 #include <system_error>
 
 namespace {
+
+// No program with this writes to the log of the host that it runs on.
+[[maybe_unused]] const bool kCaught = (KSyslog_SetSink(LogFile::Write), true);
 
 constexpr std::string_view kTimeShape = "0000-00-00T00:00:00.000Z: ";
 
@@ -24,7 +28,8 @@ bool BeginsWithTime(std::string_view line)
 
 std::string_view WithoutPrefixes(std::string_view line)
 {
-    if (line.starts_with("<")) line.remove_prefix(std::min(line.find('>') + 1, line.size()));
+    // "<14>Mar  1 12:00:00 keld: "
+    if (line.starts_with("<")) line.remove_prefix(std::min(line.find(": ") + 2, line.size()));
     if (BeginsWithTime(line)) line.remove_prefix(kTimeShape.size());
     return line;
 }
@@ -51,12 +56,12 @@ std::string CapturedText::Text() const
 
 LogCapture::LogCapture(Of of) : mInstalled(of == Of::ThisProcess)
 {
-    if (mInstalled) VsyslogShim::descriptor = mText.Fd();
+    if (mInstalled) LogFile::descriptor = mText.Fd();
 }
 
 LogCapture::~LogCapture()
 {
-    if (mInstalled) VsyslogShim::descriptor = -1;
+    if (mInstalled) LogFile::descriptor = -1;
 }
 
 std::vector<std::string> LogCapture::Lines() const { return LinesWith(""); }

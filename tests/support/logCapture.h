@@ -25,7 +25,7 @@ private:
     int mFd;
 };
 
-// Lines of the diagnostic log. Where a program is linked with this, what it gives to vsyslog arrives
+// Lines of the diagnostic log. What this process gives to the system log arrives
 // at the capture that was made last, and nowhere when there is none. Any thread may log.
 class LogCapture {
 public:
@@ -36,7 +36,8 @@ public:
 
     int Fd() const { return mText.Fd(); }
 
-    // As written: "<6>2026-03-01T12:00:00.000Z: Exiting. rc:0\n".
+    // As written: "2026-03-01T12:00:00.000Z: Exiting. rc:0\n"; by the shipped daemon, with the header of
+    // the system log before it.
     std::string Raw() const { return mText.Text(); }
 
     // The whole lines so far, without newline, priority and, where there is one, the time.

@@ -38,13 +38,13 @@ protected:
 
 TEST_F(LogTest, Kept_TheLocalTimeStandsBeforeALiteralZ)
 {
-    EXPECT_EQ("<6>2026-03-01T12:00:00.000Z: Exiting. rc:0\n", Logged(0));
+    EXPECT_EQ("2026-03-01T12:00:00.000Z: Exiting. rc:0\n", Logged(0));
     setenv("TZ", "IST-5:30", 1);
     clock.Set(HandClock::kStart + 1, 999999); // cut, not rounded
-    EXPECT_EQ("<6>2026-03-01T17:30:01.999Z: Exiting. rc:1\n", Logged(1));
+    EXPECT_EQ("2026-03-01T17:30:01.999Z: Exiting. rc:1\n", Logged(1));
     setenv("TZ", "EST5", 1);
     clock.Set(HandClock::kStart + 2, 1999); // a zone that changes is seen in the next second
-    EXPECT_EQ("<6>2026-03-01T07:00:02.001Z: Exiting. rc:2\n", Logged(2));
+    EXPECT_EQ("2026-03-01T07:00:02.001Z: Exiting. rc:2\n", Logged(2));
 }
 
 TEST_F(LogTest, ALineWithoutATimeIsStillWritten)
@@ -53,7 +53,7 @@ TEST_F(LogTest, ALineWithoutATimeIsStillWritten)
         int GetTimeOfDay(timeval *) override { return -1; }
     } broken;
     KTime_SetSource(&broken);
-    EXPECT_EQ("<6>Exiting. rc:7\n", Logged(7));
+    EXPECT_EQ("Exiting. rc:7\n", Logged(7));
     char buffer[32] = "as it was";
     EXPECT_EQ(0U, KeldLogTimestamp(true, buffer, sizeof buffer));
     EXPECT_STREQ("as it was", buffer);

@@ -27,7 +27,6 @@ std::vector<std::string> LabLog::TakeLines()
     std::vector<std::string> lines;
     for (size_t end; (end = mRest.find('\n')) != std::string::npos; mRest.erase(0, end + 1)) {
         std::string_view line = std::string_view(mRest).substr(0, end);
-        line.remove_prefix(std::min(line.find('>') + 1, line.size())); // "<6>"
         constexpr std::string_view kTime = "2026-03-01T12:00:00.000Z: ";
         if (line.size() >= kTime.size() && line.substr(kTime.size() - 3, 3) == "Z: ")
             line.remove_prefix(kTime.size());

@@ -281,6 +281,12 @@ try {
     // Without memory for a copy the event is lost.
 }
 
+std::size_t KeldPlingWaiting()
+{
+    const KeldLock lock(retries.retryListMutex);
+    return retries.list.size();
+}
+
 void KeldPlingAlarmHandler()
 {
     KeldLock lock(retries.retryListMutex);

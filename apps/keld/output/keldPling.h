@@ -29,6 +29,9 @@ int KeldPlingSend(const void *record, std::size_t length);
 // Puts a copy of the record on the retry list and arms the retry alarm. Any thread.
 void KeldPlingQueue(const void *record, std::size_t length);
 
+// How many events wait on the retry list. Any thread.
+std::size_t KeldPlingWaiting();
+
 // One pass over the retry list. Alarm thread.
 void KeldPlingAlarmHandler();
 

@@ -73,6 +73,7 @@ int KeldDispatch(const std::byte *buffer, std::size_t byteCount)
             const int error = WriteRecord(stream->writeFd.Get(), record, length);
             if (error == ECANCELED) return 0; // leaving: nobody is handed the rest
             if (error != 0) return error;
+            ++stream->queued;
         }
         at += length;
     }
@@ -88,6 +89,21 @@ bool KeldSubscriptionMatches(const KeldSubscription &subscription, std::string_v
     for (std::int32_t i = 0; i < subscription.exactIdCount; ++i)
         if (id == subscription.exactIds[static_cast<std::size_t>(i)]) return true;
     return false;
+}
+
+std::size_t KeldDispatchStreamCount()
+{
+    const StreamLock lock;
+    return streams.list.size();
+}
+
+std::uint64_t KeldDispatchWaiting()
+{
+    const StreamLock lock;
+    std::uint64_t waiting = 0;
+    for (const auto &stream : streams.list)
+        waiting += stream->queued - stream->taken;
+    return waiting;
 }
 
 namespace {
@@ -193,6 +209,7 @@ int KeldStreamReadKel(KeldStream *stream, Kel **kel, bool *complete)
     if (Kel_MakeKel(stream->record.get(), total, kel) != 0) return 1; // the bytes stay the stream's
     (void)stream->record.release();
     stream->filled = stream->wanted = 0;
+    ++stream->taken;
     *complete = true;
     return 0;
 }

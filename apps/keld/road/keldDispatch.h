@@ -42,6 +42,9 @@ struct KeldStream {
     MallocPtr<std::byte> record; // being assembled; null when none
     std::uint32_t filled = 0;    // bytes of it that are there
     std::uint32_t wanted = 0;    // bytes that the next read asks for
+    // Whole records: written by the main thread, taken out by the agent.
+    std::uint64_t queued = 0;
+    std::uint64_t taken = 0;
 };
 
 // Empties the list and makes the lock: 0 or an errno value. Main thread, before any agent.
@@ -58,6 +61,12 @@ int KeldStreamUnregister(KeldStream *stream);
 // Writes each whole record of the buffer to the matching streams, in order of registration. 0, also
 // when the exit flag ended it; or the errno of a write that failed. Main thread.
 int KeldDispatch(const std::byte *buffer, std::size_t byteCount);
+
+// How many streams are registered. Any thread.
+std::size_t KeldDispatchStreamCount();
+
+// How many whole records were written to pipes and never taken out. Main thread, when no agent runs any more.
+std::uint64_t KeldDispatchWaiting();
 
 // Reads the stream's pipe until a whole record is there, over as many calls as it takes.
 //
