@@ -36,14 +36,6 @@ public:
         return *this;
     }
 
-    // "0 vmnic2", or the error.
-    std::string String(std::uint32_t index) const
-    {
-        const char *text = "untouched";
-        const int error = MsgFmt_GetSwizzledString(mBytes.data(), mCount, index, End(), &text);
-        return std::to_string(error) + (text == nullptr ? "" : " " + std::string(text));
-    }
-
     std::string Render(const char *format) const { return Render(format, End()); }
 
     // As it was rendered by its own format, before it was swizzled.
@@ -76,21 +68,6 @@ TEST(MsgFmtTest, AnIntegerHasTheTypeOfItsConversion)
               area.Render("%ld %lld %d %d %hd %x %ld %lx %zx"));
 }
 
-TEST(MsgFmtTest, StringsAreFoundAfterTheAreaHasMoved)
-{
-    const Area area("%s %s %s %d", "vmnic2", "", noText, 5);
-    EXPECT_EQ("vmnic2  (null) 5", area.Packed());
-    EXPECT_EQ("0 vmnic2", area.String(0));
-    EXPECT_EQ("0 ", area.String(1));
-    EXPECT_EQ("0", area.String(2));
-    EXPECT_EQ("22", area.String(3)) << "an integer is no string";
-    EXPECT_EQ("22", area.String(4)) << "there is no fifth";
-    // One entry of 16 bytes, then "vmnic2" and its NUL at 16 to 22: the offset at 8, the length at 4.
-    EXPECT_EQ("0 ic2", Area("%s", "vmnic2").Set(8, 19).Set(4, 4).String(0)) << "a part of it, with the NUL";
-    EXPECT_EQ("22", Area("%s", "vmnic2").Set(8, 17).String(0)) << "behind the end";
-    EXPECT_EQ("22", Area("%s", "vmnic2").Set(8, 15).Set(4, 8).String(0)) << "in the array";
-}
-
 TEST(MsgFmtTest, RenderingKeepsFlagsWidthAndPrecisionAndGrows)
 {
     const Area area("%s %d %u", "vmnic2", -5, 255U);
@@ -104,6 +81,8 @@ TEST(MsgFmtTest, RenderingKeepsFlagsWidthAndPrecisionAndGrows)
 TEST(MsgFmtTest, RenderingShowsWhatDoesNotFit)
 {
     const Area area("%s %d", "vmnic2", 5);
+    EXPECT_EQ("(null)", Area("%s", noText).Packed());
+    EXPECT_EQ("(null)", Area("%s", noText).Render("%s"));
     EXPECT_EQ("(?) (?)", area.Render("%d %s")) << "of the other kind";
     EXPECT_EQ("vmnic2 5 (?)", area.Render("%s %d %d")) << "missing";
     EXPECT_EQ("(?)", Area("%s", "vmnic2").Set(4, 100).Render("%s")) << "malformed";

@@ -389,19 +389,6 @@ TEST_F(FaultTest, WhatHasNoThreadIsMissedAlone)
     ExpectServes("kel.storage.apd.x");
 }
 
-TEST_F(FaultTest, WithoutAnyAgentObservationsAreStillTraced)
-{
-    faults.Arm({Seam::Thread, EAGAIN, "", kFirstAgentThread}, Times::ForEver);
-    Launch();
-    ASSERT_TRUE(daemon->WaitUntilReady());
-    EXPECT_TRUE(daemon->Log().WaitForLines(" (id:0 err:11 Resource temporarily unavailable)", kAgents));
-    faults.Disarm();
-    TraceClient client(host.Path("keld-trace.sock"));
-    EXPECT_EQ(Texts{}, client.History());
-    SendReport();
-    EXPECT_NE(std::string::npos, client.Line().find(",IN,"));
-}
-
 // ---- Descriptors ------------------------------------------------------------------------------------
 
 // Nobody else's: the daemon itself has none left.
@@ -477,18 +464,6 @@ TEST_F(FaultTest, WithoutMemoryToKeepItAnEventIsLost)
     ExpectLine(kQueued);
     ExpectServes("");
     ExpectNothingLeft(0);
-}
-
-// ---- The receiver -----------------------------------------------------------------------------------
-
-TEST_F(FaultTest, ReceiverThatIsAlwaysBusyDoesNotHoldTheExitUp)
-{
-    LaunchAndCount();
-    faults.Arm({Seam::Connect, EAGAIN}, Times::ForEver);
-    SendReport();
-    ExpectFailures(Seam::Connect, 1);
-    EXPECT_EQ(0, daemon->Terminate());
-    ExpectLine(kQueued);
 }
 
 } // namespace

@@ -128,15 +128,6 @@ TEST_F(SelftestTest, NothingMayArriveInTheCorruptWindowOrOutOfPlace)
                     "FAILURE: Duplicate test start kels?!", "INFO: Tests completed. Failures = 2"));
 }
 
-TEST_F(SelftestTest, EndWithoutStartIsReported)
-{
-    SendMarker("end");
-    EXPECT_EQ(1, daemon->WaitForExit());
-    EXPECT_THAT(Verdict(), ElementsAre("FAILURE: Received END without matching start!",
-                                       "FAIL: No. of tests = 21, but received only 0 kels.",
-                                       "INFO: Tests completed. Failures = 1"));
-}
-
 TEST_F(SelftestTest, SilenceOfFiveSecondsEndsTheTest)
 {
     script.resize(2);
