@@ -50,6 +50,7 @@ private:
     Seat &OwnSeat() { return mSeats[std::this_thread::get_id()]; } // mMutex held
     bool NothingToDo();
     std::uint64_t Moves();
+    bool MovesSince(std::uint64_t moves);
     std::string Busy();
 
     HandClock &mClock;

@@ -68,11 +68,13 @@ void StartObeying(Laboratory &laboratory, HandClock &clock, int fd)
 std::string OwnRunDirectory()
 {
     const char *named = std::getenv("KALTOR_RUN_DIR");
-    const std::string path = named != nullptr ? named : "";
+    std::string path = named != nullptr ? named : "";
+    while (path.ends_with('/'))
+        path.pop_back();
     std::error_code error;
-    const auto real = std::filesystem::weakly_canonical(path, error);
     const auto service = std::filesystem::weakly_canonical("/var/run/kaltor", error);
-    return path.starts_with('/') && real != service ? path : "";
+    const bool own = path.starts_with('/') && std::filesystem::weakly_canonical(path, error) != service;
+    return own && !error ? path : "";
 }
 
 int Refuse(const char *why)

@@ -3,6 +3,7 @@
 // What is understood is written out anew, step by step, and must then be understood the same.
 #include "fuzz.h"
 
+#include <algorithm>
 #include <cstring>
 #include <failure.h>
 #include <kltlibs/kel.h>

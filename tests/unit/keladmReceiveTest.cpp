@@ -2,6 +2,7 @@
 
 #include "eventWords.h"
 #include "failure.h"
+#include "jsonLine.h"
 #include "runDir.h"
 
 #include "kltlibs/msgfmt.h"

@@ -18,6 +18,10 @@
 
 namespace {
 
+// A connection is never silent for too long: no time passes in a story.
+constexpr ListenerLimits kListenerLimits{.idle = std::chrono::hours(24),
+                                         .idleWhenFull = std::chrono::hours(24)};
+
 constexpr auto kPatience = std::chrono::minutes(2); // with a daemon that does not answer or settle
 
 // An event that has come, and the agent that has posted it: its events keep their order.
@@ -43,7 +47,7 @@ public:
         try {
             for (const HostChange &change : mStory.host)
                 ApplyHostChange(change);
-            mListener.emplace();
+            mListener.emplace(kListenerLimits);
             Start();
             PlaySteps(mStory.steps);
             FinishStep();
@@ -102,7 +106,7 @@ private:
         if (action == ReceiverAction::Away) {
             mListener.reset();
         } else {
-            if (!mListener) mListener.emplace();
+            if (!mListener) mListener.emplace(kListenerLimits);
             mListener->SetDeaf(mDeaf);
         }
         Settle("settle");
