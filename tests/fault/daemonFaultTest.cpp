@@ -16,7 +16,7 @@
 namespace {
 
 const DaemonProgram kFaultyDaemon{KELD_BINARY, KELD_LOGSHIM ":" KELD_FAULTS};
-const DaemonProgram kFaultyHandClockDaemon{KELD_HANDCLOCK_BINARY, KELD_FAULTS};
+const DaemonProgram kFaultyHandClockDaemon{KELD_LAB_BINARY, KELD_FAULTS};
 
 constexpr int kPanic = 128 + SIGABRT;
 constexpr int kMinusOne = 255; // as an exit status

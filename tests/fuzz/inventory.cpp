@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <commands.h>
-#include <host.h>
+#include <failure.h>
+#include <hostEntries.h>
 #include <hostInventory.h>
 
 namespace {

@@ -3,8 +3,9 @@
 // What is understood is written out anew, step by step, and must then be understood the same.
 #include "fuzz.h"
 
-#include <commands.h>
+#include <algorithm>
 #include <cstring>
+#include <failure.h>
 #include <kltlibs/kel.h>
 #include <kltlibs/kelrecord.h>
 #include <scenario.h>

@@ -1,7 +1,7 @@
 // The host inventory's names, and what may stand behind them.
 
-#include "commands.h"
-#include "host.h"
+#include "failure.h"
+#include "hostEntries.h"
 #include "runDir.h"
 
 #include <gmock/gmock.h>

@@ -1,7 +1,8 @@
 // The event socket's receiving side, and event records in words.
 
-#include "commands.h"
-#include "receive.h"
+#include "eventWords.h"
+#include "failure.h"
+#include "jsonLine.h"
 #include "runDir.h"
 
 #include "kltlibs/msgfmt.h"

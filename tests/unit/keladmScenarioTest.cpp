@@ -1,6 +1,6 @@
 // The scenario parser, and which events meet an expectation.
 
-#include "commands.h"
+#include "failure.h"
 #include "scenario.h"
 
 #include "kltlibs/kelrecord.h"
@@ -144,4 +144,33 @@ TEST(KeladmScenarioTest, TheExpectedTypeMayBeAPattern)
     EXPECT_TRUE(MeetsEvent("expect within 2s nox.*.down", {}));
     EXPECT_FALSE(MeetsEvent("expect within 2s nox.*.up", {}));
     EXPECT_FALSE(MeetsEvent("expect within 2s nox.problem.net.vmnic.linkstate.dow", {}));
+}
+
+TEST(KeladmScenarioTest, OneLineForAHandMovedClockMakesAStory)
+{
+    EXPECT_FALSE(NeedsHandClock(ParseScenario("expect within 1s nox.problem.*\npause 1s\n")));
+    for (const char *line :
+         {"story It's quoted # by nobody.", "clock +2m", "log none", "receiver deaf", "restart"}) {
+        const std::string text =
+            std::string(line) + "\nexpect nox.problem.*\nexpect within 1s nox.clear.*\n";
+        EXPECT_TRUE(NeedsHandClock(ParseScenario(text))) << line;
+    }
+    EXPECT_EQ(120u, Only<ClockAction>("clock +2m").forward);
+    EXPECT_EQ(1772362800u, Only<ClockAction>("clock set 2026-03-01T11:00:00Z").setTo);
+    EXPECT_EQ("Abandoned event (*)", Only<LogAction>("log Abandoned  event (*)").text.text);
+    EXPECT_EQ("It's quoted # by nobody.", Only<StoryAction>(" story  It's quoted # by nobody. ").heading);
+}
+
+TEST(KeladmScenarioTest, EveryErrorOfAStoryNamesItsLine)
+{
+    for (const char *clock : {"clock", "clock 2s", "clock +1.5s", "clock set", "clock set 11:00:00",
+                              "clock set 2026-03-01T11:00:00"})
+        EXPECT_THAT(FailureOf(clock), StartsWith("line 1: use: clock +2s, in whole seconds"));
+    EXPECT_THAT(FailureOf("restart\npause 1s"), StartsWith("line 2: nothing pauses"));
+    EXPECT_THAT(FailureOf("log"), StartsWith("line 1: use: log none"));
+    EXPECT_THAT(FailureOf("log 'a' b"), StartsWith("line 1: quote all"));
+    EXPECT_THAT(FailureOf("receiver gone"), StartsWith("line 1: use: receiver away"));
+    EXPECT_THAT(FailureOf("restart now"), StartsWith("line 1: nothing may stand"));
+    EXPECT_THAT(FailureOf("story"), StartsWith("line 1: use: story"));
+    EXPECT_THAT(FailureOf("repeat 2\nstory A.\nend"), StartsWith("line 2: a story inside"));
 }

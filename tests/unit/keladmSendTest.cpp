@@ -1,7 +1,7 @@
 // Observations from words: which types they become, and what is said about those that cannot.
 
-#include "commands.h"
-#include "send.h"
+#include "failure.h"
+#include "observationWords.h"
 
 #include "kltlibs/kel.h"
 #include "kltlibs/kelrecord.h"

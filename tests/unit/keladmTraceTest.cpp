@@ -1,7 +1,7 @@
 // Trace lines, as the daemon writes them and as it never would.
 
-#include "commands.h"
-#include "trace.h"
+#include "failure.h"
+#include "traceLine.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
