@@ -227,9 +227,9 @@ void ArmAlarm(std::uint32_t seconds, std::uint64_t now)
     (void)KeldAlarmSet(wakeAlarm, kKeldAlarmOneShot, armedFor);
 }
 
-void ScheduleUplinkTimeout(std::uint32_t delay, const std::string &nic, VmnicStateType state,
-                           std::uint64_t now)
+void ScheduleUplinkTimeout(std::uint32_t delay, const std::string &nic, VmnicStateType state)
 {
+    const std::uint64_t now = KeldNowSeconds();
     nicStates[nic] |= state;
     // KEPT: reckoned from when the alarm was armed, but armed from now, in 32 unsigned bits. The pass takes
     // all that is due by then, so that a record is reported late by as long as the alarm has been running,
@@ -245,8 +245,7 @@ void ScheduleUplinkTimeout(std::uint32_t delay, const std::string &nic, VmnicSta
 // Opens the NIC's batch with a time of its own, or joins the open one.
 void JoinBatch(UplinkBatches &batches, const std::string &nic, const std::string &name, std::int32_t count)
 {
-    if (!batches.byNic.contains(nic))
-        ScheduleUplinkTimeout(kTransitionDelaySeconds, nic, batches.bit, KeldNowSeconds());
+    if (!batches.byNic.contains(nic)) ScheduleUplinkTimeout(kTransitionDelaySeconds, nic, batches.bit);
     batches.byNic[nic].push_back({name, count});
 }
 
@@ -351,8 +350,9 @@ void HandleDue(const std::string &nic, VmnicStateType state)
 // ---- Flapping -------------------------------------------------------------------------------------
 
 // Takes a NIC down whose link went down more often within a minute than the kernel's option allows.
-void CheckLinkFlapping(const std::string &nic, std::uint64_t now)
+void CheckLinkFlapping(const std::string &nic)
 {
+    const std::uint64_t now = KeldNowSeconds();
     std::deque<std::uint64_t> &history = flapHistory[nic];
     history.push_back(now);
     while (!history.empty() && history.front() < now - kFlapWindowSeconds)
@@ -419,10 +419,9 @@ void KeldNetCorrelatorLinkDown(Kel *kel)
 {
     const char *nic = nullptr;
     if (KeldRead<kNic>(kel, &nic) != 0) return;
-    const std::uint64_t now = KeldNowSeconds();
-    CheckLinkFlapping(nic, now);
+    CheckLinkFlapping(nic); // may take its time
     if (!HasState(nic, PgUplinkDown | DvPortUplinkDown))
-        ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkDown, now);
+        ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkDown);
 }
 
 void KeldNetCorrelatorLinkUp(Kel *kel)
@@ -430,14 +429,14 @@ void KeldNetCorrelatorLinkUp(Kel *kel)
     const char *nic = nullptr;
     if (KeldRead<kNic>(kel, &nic) != 0) return;
     if (!HasState(nic, PgUplinkUp | DvPortUplinkUp))
-        ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkUp, KeldNowSeconds());
+        ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkUp);
 }
 
 void KeldNetCorrelatorWatchdog(Kel *kel)
 {
     const char *nic = nullptr;
     if (KeldRead<kNic>(kel, &nic) != 0) return;
-    ScheduleUplinkTimeout(kWatchdogDelaySeconds, nic, WatchdogTimeout, KeldNowSeconds());
+    ScheduleUplinkTimeout(kWatchdogDelaySeconds, nic, WatchdogTimeout);
 }
 
 } // namespace
