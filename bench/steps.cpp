@@ -13,7 +13,7 @@
 #include <keldNetCorrelator.h>
 #include <keldOwn.h>
 #include <keldTrace.h>
-#include <keldTranslation.h>
+#include <keldDomain.h>
 #include <kelproducer.h>
 #include <kltlibs/kthread.h>
 #include <kltlibs/msgfmt.h>

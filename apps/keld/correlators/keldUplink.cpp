@@ -404,11 +404,11 @@ void CheckLinkFlapping(const std::string &nic, std::uint64_t now)
 
 // ---- Observations ---------------------------------------------------------------------------------
 
-constexpr KeldArguments kPortGroupDown = Indexed("nic:%p, portGroup:%p, uplinksLeft:%d, uplinks:%d");
-constexpr KeldArguments kPortGroupUp = Indexed("nic:%p, portGroup:%p, uplinksUp:%d");
-constexpr KeldArguments kDvPortDown = Indexed("nic:%p, switch:%p, port:%p, uplinksLeft:%d, uplinks:%d");
-constexpr KeldArguments kDvPortUp = Indexed("nic:%p, switch:%p, port:%p, uplinksUp:%d");
-constexpr KeldArguments kNic = Indexed("nic:%p");
+constexpr KeldArguments kPortGroupDown = Indexed("%p %p %d %d", "nic, portGroup, uplinksLeft, uplinks");
+constexpr KeldArguments kPortGroupUp = Indexed("%p %p %d", "nic, portGroup, uplinksUp");
+constexpr KeldArguments kDvPortDown = Indexed("%p %p %p %d %d", "nic, switch, port, uplinksLeft, uplinks");
+constexpr KeldArguments kDvPortUp = Indexed("%p %p %p %d", "nic, switch, port, uplinksUp");
+constexpr KeldArguments kNic = Indexed("%p", "nic");
 
 void KeldNetCorrelatorPgDown(Kel *kel)
 {
