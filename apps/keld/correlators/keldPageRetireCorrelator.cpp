@@ -168,32 +168,20 @@ void KeldPageRetireCorrelatorPlatformRequest(Kel *kel)
     KeldPost<kRequestedByFirmware>(fru, hardwareLog);
 }
 
+// clang-format off
 const KeldObservation kObservations[] = {
-    {"kel.pageretire.selectedbutnotretired.high",
-     kNotRetiredCount,
-     KeldPageRetireCorrelatorNotRetired,
-     "posted once while the daemon runs",
-     {&kNotRetiredHigh}},
-    {"kel.pageretire.selectedmpnthreshold.host.exceeded",
-     kSelectedCount,
-     KeldPageRetireCorrelatorThreshold,
-     "posted above the threshold, and again for every further PageRetire/ThresholdInterval percent of it",
-     {&kThresholdExceeded}},
-    {"kel.pageretire.mce.injected",
-     kInjection,
-     KeldPageRetireCorrelatorMceInjected,
-     {"remembered for {window}; {threshold} of one page of a virtual machine, spread over at least "
-      "{spread}, "
-      "post the event and stop the machine",
-      KeldLimit{"window", kInjectionSeconds, "seconds"}, KeldLimit{"threshold", kInjectionsToKill},
-      KeldLimit{"spread", kSpreadToKillSeconds, "seconds"}},
+    {"kel.pageretire.selectedbutnotretired.high", kNotRetiredCount, KeldPageRetireCorrelatorNotRetired,
+     "posted once while the daemon runs", {&kNotRetiredHigh}},
+    {"kel.pageretire.selectedmpnthreshold.host.exceeded", kSelectedCount, KeldPageRetireCorrelatorThreshold,
+     "posted above the threshold, and again for every further PageRetire/ThresholdInterval percent of it", {&kThresholdExceeded}},
+    {"kel.pageretire.mce.injected", kInjection, KeldPageRetireCorrelatorMceInjected,
+     {"remembered for {window}; {threshold} of one page of a virtual machine, spread over at least {spread}, post the event and stop the machine",
+      KeldLimit{"window", kInjectionSeconds, "seconds"}, KeldLimit{"threshold", kInjectionsToKill}, KeldLimit{"spread", kSpreadToKillSeconds, "seconds"}},
      {&kKilling}},
-    {"kel.pageretire.platform.retire.request",
-     kFirmwareRequest,
-     KeldPageRetireCorrelatorPlatformRequest,
-     "posted while PageRetire/ApeiLoggingEnabled is not 0",
-     {&kRequestedByFirmware}},
+    {"kel.pageretire.platform.retire.request", kFirmwareRequest, KeldPageRetireCorrelatorPlatformRequest,
+     "posted while PageRetire/ApeiLoggingEnabled is not 0", {&kRequestedByFirmware}},
 };
+// clang-format on
 
 } // namespace
 
