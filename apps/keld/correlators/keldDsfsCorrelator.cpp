@@ -50,7 +50,8 @@ constexpr Translation kRows[] = {
 // clang-format on
 static_assert(std::size(kRows) == 10 && DistinctUnder(kRows, "kel.dsfs."));
 
-// A device that is gone may have no name any more; its file system still has one.
+// A device that is gone may have no name any more; its file system still has one. A read that fails
+// leaves both null.
 void KeldDsfsCorrelatorDoExtentOffline(Kel *kel)
 {
     const char *device = nullptr, *fileSystem = nullptr;

@@ -122,17 +122,16 @@ void KeldNetCorrelatorFenceFailed(Kel *kel)
 }
 
 // Uplink tracking's rows, and one more. They are constants of another file: complete before this runs.
-template <std::size_t... kIndex>
-auto WithUplinks(const KeldObservation &last, std::index_sequence<kIndex...>)
-{
-    return std::array{keldUplinkObservations[kIndex]..., last};
-}
-const auto kObservations = WithUplinks({"kel.net.fence.port.fail",
-                                        kFence,
-                                        KeldNetCorrelatorFenceFailed,
-                                        "posted as the event that gives the status as a reason",
-                                        {&kFenceBadId, &kFenceSwitchUnavailable, &kFenceResourceLimited}},
-                                       std::make_index_sequence<keldUplinkObservations.size()>{});
+const std::vector<KeldObservation> &kObservations = *[] {
+    auto *rows =
+        new std::vector<KeldObservation>(keldUplinkObservations.begin(), keldUplinkObservations.end());
+    rows->push_back({"kel.net.fence.port.fail",
+                     kFence,
+                     KeldNetCorrelatorFenceFailed,
+                     "posted as the event that gives the status as a reason",
+                     {&kFenceBadId, &kFenceSwitchUnavailable, &kFenceResourceLimited}});
+    return rows;
+}();
 
 } // namespace
 
