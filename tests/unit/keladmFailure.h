@@ -5,7 +5,7 @@
 #include "commands.h"
 
 #include <gmock/gmock.h>
-#include <utility>
+#include <string>
 #include <vector>
 
 // The message of the failure, or "no failure".
@@ -19,13 +19,16 @@ template <typename Call> std::string FailureOf(Call call)
     return "no failure";
 }
 
-// Inputs, and what the message of each must contain.
-using Refusals = std::vector<std::pair<std::string, std::string>>;
+struct Refusal {
+    std::string input;
+    std::string message; // what it must contain
+};
 
-template <typename Parse> void ExpectRefusals(const Refusals &refusals, Parse parse)
+template <typename Parse> void ExpectRefusals(const std::vector<Refusal> &refusals, Parse parse)
 {
-    for (const auto &[input, message] : refusals)
-        EXPECT_THAT(FailureOf([&] { parse(input); }), testing::HasSubstr(message)) << input;
+    for (const Refusal &refusal : refusals)
+        EXPECT_THAT(FailureOf([&] { parse(refusal.input); }), testing::HasSubstr(refusal.message))
+            << refusal.input;
 }
 
 #endif
