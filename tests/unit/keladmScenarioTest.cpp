@@ -80,6 +80,7 @@ TEST(KeladmScenarioTest, EveryErrorNamesItsLineAndWhatWouldBeRight)
                     {"restart now", "line 1: nothing may stand"},
                     {"story", "line 1: use: story"},
                     {"repeat 2\nstory A.\nend", "line 2: a story inside"},
+                    {"host set vms/1/name a\nclock +1s\nstory A.", "line 2: above the first"},
                     {"pause 1s\nobserv kel.x", "line 2: \"observ\": a line begins with observe,"},
                     {"pause", "a time is written 2s, 500ms or 1m"},
                     {"pause -1s", "a time is written"},
