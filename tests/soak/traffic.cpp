@@ -40,7 +40,7 @@ std::uint32_t LoggedBy(std::string_view id)
     for (std::size_t agent = 0; agent < kAgents; ++agent) {
         const KeldDomain &domain = keldCorrelators[agent].domain;
         if (!IsUnder(id, domain)) continue;
-        const std::string_view otherwise = domain.otherwise;
+        const std::string_view otherwise = domain.otherwise.text;
         if (Knows(domain, id) || otherwise.starts_with("written to the log")) agents |= 1U << agent;
     }
     return agents;
@@ -165,10 +165,7 @@ void Traffic::AddRow(std::size_t agent, const Translation &row)
 {
     TrafficKind kind{row.id, &row.arguments, LoggedBy(row.id), false, &row, agent, {}, {}};
     for (std::size_t place = 0; place < row.event.shape.count && !kind.tag; ++place)
-        if (row.arguments.shape.at[row.shows[place]] == 's') {
-            kind.tag = row.shows[place];
-            kind.tagShown = place;
-        }
+        if (row.arguments.shape.at[place] == 's') kind.tag = kind.tagShown = place;
     const std::string type(row.event.TypeId());
     if (!mPosters.emplace(type, agent).second && mPosters[type] != agent)
         throw std::logic_error(type + " is posted by two agents");
@@ -197,7 +194,7 @@ void Traffic::AddOthers()
 {
     for (std::size_t agent = 0; agent < kAgents; ++agent) {
         const KeldDomain &domain = keldCorrelators[agent].domain;
-        const std::string_view otherwise = domain.otherwise;
+        const std::string_view otherwise = domain.otherwise.text;
         const std::string id = "kel." + std::string(domain.domains[0]) + ".unheard.of";
         const bool named = otherwise == "named in the log" || otherwise == "reported in the log as unknown";
         Add({id, nullptr, named ? 1U << agent : LoggedBy(id), named, nullptr, 0, {}, {}}, kOtherWeight);
@@ -245,7 +242,7 @@ std::vector<std::string> Traffic::Shown(std::size_t kind, Serial serial) const
     const Values values(what, serial, DiceFor(mSeed, serial));
     std::vector<std::string> shown;
     for (std::size_t place = 0; place < what.row->event.shape.count; ++place)
-        shown.push_back(values.shown[what.row->shows[place]]);
+        shown.push_back(values.shown[place]);
     return shown;
 }
 

@@ -10,8 +10,8 @@
 
 #include <array>
 #include <cstdint>
+#include <keldDomain.h>
 #include <keldDomains.h>
-#include <keldTranslation.h>
 #include <map>
 #include <memory>
 #include <optional>

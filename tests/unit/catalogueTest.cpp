@@ -88,7 +88,7 @@ TEST_F(EveryRow, PostsItsEventWithItsArguments)
             KeldCorrelate(correlator.domain.defaultHandler, copy, sample.Make(row.id).get());
             std::vector<std::string> shown;
             for (std::size_t i = 0; i < row.event.shape.count; ++i)
-                shown.push_back(sample.shown[row.shows[i]]);
+                shown.push_back(sample.shown[i]);
             EXPECT_THAT(Events(), testing::ElementsAre(
                                       fmt::format("{}({})", row.event.TypeId(), fmt::join(shown, ", "))))
                 << row.id;

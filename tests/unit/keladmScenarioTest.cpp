@@ -173,4 +173,6 @@ TEST(KeladmScenarioTest, EveryErrorOfAStoryNamesItsLine)
     EXPECT_THAT(FailureOf("restart now"), StartsWith("line 1: nothing may stand"));
     EXPECT_THAT(FailureOf("story"), StartsWith("line 1: use: story"));
     EXPECT_THAT(FailureOf("repeat 2\nstory A.\nend"), StartsWith("line 2: a story inside"));
+    EXPECT_THAT(FailureOf("host set vms/1/name a\nclock +1s\nstory A."),
+                StartsWith("line 2: above the first"));
 }

@@ -61,17 +61,15 @@ protected:
         return Events();
     }
 
-    std::uint32_t StateOf(const char *nic) { return KeldUplinkPeek().nicStates.at(nic); }
-
     // Seconds until the wake-up alarm; 0 when it is not armed. Disarms it.
     std::uint32_t TakeAlarm()
     {
         std::uint32_t remaining = 0;
-        EXPECT_EQ(0, KeldAlarmSet(tables.wakeAlarm, kKeldAlarmOneShot, 0, &remaining));
+        EXPECT_EQ(0, KeldAlarmSet(kWakeAlarm, kKeldAlarmOneShot, 0, &remaining));
         return remaining;
     }
 
-    const KeldUplinkTables &tables = KeldUplinkPeek();
+    static constexpr int kWakeAlarm = 0; // the first that the process registers
     int wakeFd = -1;
 };
 
@@ -89,8 +87,6 @@ TEST_F(UplinkTest, PortGroupsThatGoDownTogetherAreReportedByWhatIsLeft)
                 ElementsAre("nox.problem.net.connectivity.lost(vSwitch0, vmnic0, Production, Migration)",
                             "nox.problem.net.redundancy.lost(vSwitch0, vmnic0, Management)",
                             "nox.problem.net.redundancy.degraded(vSwitch0, vmnic0, Lab)"));
-    EXPECT_THAT(tables.pgDownBatches, IsEmpty());
-    EXPECT_EQ(0U, StateOf("vmnic0"));
     EXPECT_THAT(After(100), IsEmpty());
 }
 
@@ -104,8 +100,6 @@ TEST_F(UplinkTest, DvPortsThatGoDownTogetherAreReportedByWhatIsLeft)
     EXPECT_THAT(After(2), ElementsAre("nox.problem.net.dvport.connectivity.lost(dvs/10, vmnic0)",
                                       "nox.problem.net.dvport.redundancy.lost(dvs/9, dvs/12, vmnic0)",
                                       "nox.problem.net.dvport.redundancy.degraded(dvs/8, vmnic0)"));
-    EXPECT_THAT(tables.dvPortDownBatches, IsEmpty());
-    EXPECT_EQ(0U, StateOf("vmnic0"));
 }
 
 TEST_F(UplinkTest, EachNicHasABatchAndATimeOfItsOwn)
@@ -125,13 +119,8 @@ TEST_F(UplinkTest, Kept_ABatchStaysWhenItsSwitchCannotBeFound)
     PgDown("vmnic1", "Nameless", 0);
     PgUp("vmnic0", "Lab", 1);
     EXPECT_THAT(After(2), IsEmpty());
-    EXPECT_EQ(0U, StateOf("vmnic0"));
-    EXPECT_EQ(0U, StateOf("vmnic1"));
-    EXPECT_EQ(1U, tables.pgUpBatches.at("vmnic0").size());
 
     PgDown("vmnic0", "Production", 0);
-    EXPECT_EQ(2U, tables.pgDownBatches.at("vmnic0").size());
-    EXPECT_THAT(tables.pendingTimeouts, IsEmpty());
     LinkDownOf("vmnic0");
     EXPECT_THAT(After(2), ElementsAre("nox.problem.net.vmnic.linkstate.down(vmnic0)"));
 }
@@ -145,7 +134,6 @@ TEST_F(UplinkTest, AnUpBatchGoesByItsFirstEntryEvenWhenThatIsIgnored)
     PgUp("vmnic0", "Lab", 0);
     PgUp("vmnic0", "Production", 1);
     EXPECT_THAT(After(2), IsEmpty());
-    EXPECT_EQ(1U, tables.lostConnectivityPortGroups.size());
 }
 
 TEST_F(UplinkTest, PortGroupsThatComeUpTogetherAreReportedByWhatIsBack)
@@ -160,8 +148,6 @@ TEST_F(UplinkTest, PortGroupsThatComeUpTogetherAreReportedByWhatIsBack)
     EXPECT_THAT(After(2),
                 ElementsAre("nox.clear.net.connectivity.restored(vSwitch0, Production, Migration, vmnic0)",
                             "nox.clear.net.redundancy.restored(vSwitch0, Management, vmnic0)"));
-    EXPECT_THAT(tables.pgUpBatches, IsEmpty());
-    EXPECT_THAT(tables.restoredRedundancyPortGroups, IsEmpty());
 }
 
 TEST_F(UplinkTest, DvPortsThatComeUpTogetherAreReportedByWhatIsBack)
@@ -174,8 +160,6 @@ TEST_F(UplinkTest, DvPortsThatComeUpTogetherAreReportedByWhatIsBack)
     DvUp("vmnic0", "8", 1);
     EXPECT_THAT(After(2), ElementsAre("nox.clear.net.dvport.connectivity.restored(dvs/8, vmnic0)",
                                       "nox.clear.net.dvport.redundancy.restored(dvs/9, vmnic0)"));
-    EXPECT_THAT(tables.dvPortUpBatches, IsEmpty());
-    EXPECT_THAT(tables.restoredRedundancyDvPorts, IsEmpty());
 }
 
 TEST_F(UplinkTest, Kept_ConnectivityThatComesBackWhileAnotherNicHasLostSomeIsNeverNamed)
@@ -248,14 +232,9 @@ TEST_F(UplinkTest, Kept_ADvPortDoesNotComeBackThroughAnotherNicButAPortGroupOfIt
     PgDown("vmnic0", "dvs/8", 0);
     DvDown("vmnic0", "9", 1);
     After(2);
-    ASSERT_EQ(1U, tables.lostConnectivityPortGroups.size());
     DvUp("vmnic1", "8", 1);
     DvUp("vmnic1", "9", 2);
     EXPECT_THAT(After(2), IsEmpty());
-    EXPECT_THAT(tables.lostConnectivityPortGroups, IsEmpty());
-    EXPECT_EQ(1U, tables.lostConnectivityDvPorts.size());
-    EXPECT_EQ(1U, tables.lostRedundancyDvPorts.size());
-    EXPECT_THAT(tables.restoredRedundancyDvPorts, ElementsAre("dvs/9"));
 }
 
 // ---- Link states ----------------------------------------------------------------------------------
@@ -267,7 +246,6 @@ TEST_F(UplinkTest, ALinkStateAloneIsReportedAfterASecond)
     EXPECT_THAT(After(1), ElementsAre("nox.problem.net.vmnic.linkstate.down(vmnic0)"));
     LinkUpOf("vmnic0");
     EXPECT_THAT(After(1), ElementsAre("nox.clear.net.vmnic.linkstate.up(vmnic0)"));
-    EXPECT_EQ(0U, StateOf("vmnic0"));
 }
 
 // Both orders: the batch is open when the link state arrives, or when it comes due.
@@ -286,7 +264,6 @@ TEST_F(UplinkTest, ALinkStateBesideABatchOfItsDirectionIsNotReported)
         link();
         batch();
         EXPECT_THAT(After(2), ElementsAre(Not(HasSubstr("linkstate")))) << "on due";
-        EXPECT_EQ(0U, StateOf("vmnic0"));
     }
 }
 
@@ -310,12 +287,7 @@ TEST_F(UplinkTest, DownAndUpWithinAWatchdogTimeoutAreOneTransientFailure)
     clock.Advance(3);
     PgUp("vmnic0", "Production", 1);
     EXPECT_THAT(After(3), IsEmpty());
-    EXPECT_EQ(WatchdogTimeout | PgUplinkDown | PgUplinkUp, StateOf("vmnic0"));
     EXPECT_THAT(After(1), ElementsAre("nox.problem.net.vmnic.watchdog.reset(vmnic0)"));
-    EXPECT_EQ(0U, StateOf("vmnic0"));
-    EXPECT_THAT(tables.pgDownBatches, IsEmpty());
-    EXPECT_THAT(tables.pgUpBatches, IsEmpty());
-    EXPECT_THAT(tables.pendingTimeouts, IsEmpty());
     PgDown("vmnic0", "Production", 0);
     EXPECT_EQ(1U, After(2).size()) << "the NIC is tracked as before";
 }
@@ -329,8 +301,6 @@ TEST_F(UplinkTest, ALinkUpThatWaitsWithTheWatchdogMakesAFailureTransient)
     LinkUpOf("vmnic0");
     EXPECT_THAT(After(1), ElementsAre("nox.problem.net.vmnic.watchdog.reset(vmnic0)",
                                       "nox.clear.net.vmnic.linkstate.up(vmnic0)"));
-    EXPECT_THAT(tables.dvPortDownBatches, IsEmpty());
-    EXPECT_EQ(0U, StateOf("vmnic0"));
 }
 
 TEST_F(UplinkTest, Kept_ATransientFailureIsAProblemAndEndsAllThatWaits)
@@ -340,7 +310,6 @@ TEST_F(UplinkTest, Kept_ATransientFailureIsAProblemAndEndsAllThatWaits)
     LinkDownOf("vmnic0");
     LinkUpOf("vmnic0");
     EXPECT_THAT(After(0), ElementsAre("nox.problem.net.vmnic.watchdog.reset(vmnic0)"));
-    EXPECT_EQ(0U, StateOf("vmnic0")) << "also what is not due yet";
 }
 
 // The up batch of DVPorts is left, and reports itself: what was lost before the reset is restored.
@@ -353,7 +322,6 @@ TEST_F(UplinkTest, Kept_DvPortsThatCameUpAreReportedDespiteATransientFailure)
     clock.Advance(6);
     DvUp("vmnic0", "8", 1);
     EXPECT_THAT(After(1), ElementsAre("nox.problem.net.vmnic.watchdog.reset(vmnic0)"));
-    EXPECT_THAT(tables.dvPortDownBatches, IsEmpty());
     EXPECT_THAT(After(1), ElementsAre("nox.clear.net.dvport.connectivity.restored(dvs/8, vmnic0)"));
 }
 
@@ -389,7 +357,6 @@ TEST_F(UplinkTest, DownWithoutUpIsReportedWhenTheWatchdogComesDue)
     EXPECT_THAT(After(1), ElementsAre("nox.problem.net.connectivity.lost(vSwitch0, vmnic0, Production)",
                                       "nox.problem.net.dvport.connectivity.lost(dvs/9, vmnic1)",
                                       "nox.problem.net.vmnic.linkstate.down(vmnic2)"));
-    EXPECT_EQ(WatchdogTimeout | DvPortUplinkDown, StateOf("vmnic0")) << "one kind of batch only";
 }
 
 // After every other outcome the NIC stays held, until one watchdog timeout turns out transient.
@@ -397,26 +364,22 @@ TEST_F(UplinkTest, Kept_ANicIsHeldUntilAWatchdogTimeoutIsResolved)
 {
     Watchdog("vmnic0"); // neither down nor up
     EXPECT_THAT(After(7), IsEmpty());
-    EXPECT_EQ(std::uint32_t{WatchdogTimeout}, StateOf("vmnic0"));
 
     PgDown("vmnic0", "Production", 0);
     LinkDownOf("vmnic0");
     EXPECT_THAT(After(100), IsEmpty());
     Watchdog("vmnic0"); // down only
     EXPECT_EQ(1U, After(7).size());
-    EXPECT_EQ(std::uint32_t{WatchdogTimeout}, StateOf("vmnic0"));
 
     PgUp("vmnic0", "Production", 1);
     DvUp("vmnic0", "8", 1);
     EXPECT_THAT(After(2), IsEmpty());
     Watchdog("vmnic0"); // up only
     EXPECT_THAT(After(7), IsEmpty());
-    EXPECT_EQ(WatchdogTimeout | PgUplinkUp | DvPortUplinkUp, StateOf("vmnic0"));
 
     PgDown("vmnic0", "Production", 0);
     Watchdog("vmnic0"); // both
     EXPECT_THAT(After(7), ElementsAre("nox.problem.net.vmnic.watchdog.reset(vmnic0)"));
-    EXPECT_EQ(0U, StateOf("vmnic0"));
 }
 
 // Bits of batches wait for the watchdog, those of link states do not: down and up a while ago are
@@ -428,9 +391,7 @@ TEST_F(UplinkTest, Kept_ALinkStateIsForgottenWhileTheNicIsHeld)
     clock.Advance(2);
     LinkUpOf("vmnic0");
     EXPECT_THAT(After(2), IsEmpty());
-    EXPECT_EQ(std::uint32_t{WatchdogTimeout}, StateOf("vmnic0"));
     EXPECT_THAT(After(3), IsEmpty());
-    EXPECT_EQ(std::uint32_t{WatchdogTimeout}, StateOf("vmnic0"));
 }
 
 // ---- Flapping -------------------------------------------------------------------------------------
@@ -510,7 +471,6 @@ TEST_F(UplinkTest, TheFirstRecordArmsTheAlarmAndTheRestOfAPassArmsItAgain)
     EXPECT_EQ(1U, After(1).size());
     EXPECT_EQ(1U, TakeAlarm()) << "the nearest of three";
     EXPECT_EQ(1U, After(1).size());
-    EXPECT_EQ(4U, tables.armedFor);
     EXPECT_EQ(4U, TakeAlarm());
     After(5);
     EXPECT_EQ(0U, TakeAlarm()) << "nothing waits";
@@ -522,8 +482,6 @@ TEST_F(UplinkTest, Kept_ANearerRecordMovesTheAlarmLessThanItCould)
     Watchdog("vmnic0");
     clock.Advance(3);
     PgDown("vmnic1", "Production", 0);
-    EXPECT_EQ(5U, tables.armedFor);
-    EXPECT_EQ(HandClock::kStart + 3, tables.armedAt);
     EXPECT_EQ(5U, TakeAlarm()) << "not 2";
 }
 
@@ -532,7 +490,6 @@ TEST_F(UplinkTest, ARecordThatIsNotNearerLeavesTheAlarmAlone)
     Watchdog("vmnic0");
     clock.Advance(5);
     PgDown("vmnic1", "Production", 0); // 2 + 5 is not below 7
-    EXPECT_EQ(7U, tables.armedFor);
     EXPECT_EQ(2U, TakeAlarm());
 }
 
@@ -543,7 +500,6 @@ TEST_F(UplinkTest, AClockSteppedBackMakesEveryRecordDueAtOnce)
     LinkDownOf("vmnic2");
     clock.Set(HandClock::kStart - 1);
     EXPECT_EQ(2U, After(0).size());
-    EXPECT_THAT(tables.pendingTimeouts, IsEmpty());
 }
 
 TEST_F(UplinkTest, AnAlarmOfNoSecondsIsArmedForOne)
@@ -551,7 +507,6 @@ TEST_F(UplinkTest, AnAlarmOfNoSecondsIsArmedForOne)
     Watchdog("vmnic0");
     clock.Set(HandClock::kStart - 2);
     PgDown("vmnic1", "Production", 0); // 2 - 2
-    EXPECT_EQ(1U, tables.armedFor);
     EXPECT_EQ(1U, TakeAlarm());
 }
 
@@ -561,7 +516,6 @@ TEST_F(UplinkTest, Kept_AfterALargeStepBackTheAlarmIsNotMoved)
     Watchdog("vmnic0");
     clock.Set(HandClock::kStart - 3600);
     PgDown("vmnic1", "Production", 0);
-    EXPECT_EQ(7U, tables.armedFor);
     EXPECT_EQ(3607U, TakeAlarm());
 }
 
@@ -606,8 +560,6 @@ TEST_F(UplinkTest, WhatCannotBeReadIsDroppedWithoutAWord)
 
     EXPECT_THAT(After(10), IsEmpty());
     EXPECT_THAT(LogLines(), IsEmpty());
-    EXPECT_THAT(tables.nicStates, IsEmpty());
-    EXPECT_THAT(tables.flapHistory, IsEmpty());
 }
 
 // 10,000 transitions of 64 NICs within a second, down and then up: every one is named once.
@@ -634,7 +586,6 @@ TEST_F(UplinkTest, AStormLosesNothingAndLeavesNothingBehind)
 
     each([&](const char *nic) { PgDown(nic, "Production", 0); },
          [&](const char *nic) { DvDown(nic, "8", 0); });
-    EXPECT_EQ(std::size_t{kNics}, tables.pendingTimeouts.size());
     const Lines down = After(2);
     EXPECT_EQ(std::size_t{2 * kNics}, down.size());
     EXPECT_EQ(std::size_t{kTransitions}, named(down, "Production") + named(down, "dvs/8"));
@@ -642,15 +593,6 @@ TEST_F(UplinkTest, AStormLosesNothingAndLeavesNothingBehind)
     each([&](const char *nic) { PgUp(nic, "Production", 2); }, [&](const char *nic) { DvUp(nic, "8", 2); });
     const Lines up = After(2);
     EXPECT_EQ(std::size_t{kTransitions}, named(up, "Production") + named(up, "dvs/8"));
-
-    EXPECT_THAT(tables.pendingTimeouts, IsEmpty());
-    EXPECT_TRUE(tables.pgDownBatches.empty() && tables.pgUpBatches.empty());
-    EXPECT_TRUE(tables.dvPortDownBatches.empty() && tables.dvPortUpBatches.empty());
-    EXPECT_TRUE(tables.lostConnectivityPortGroups.empty() && tables.lostConnectivityDvPorts.empty());
-    EXPECT_TRUE(tables.restoredRedundancyPortGroups.empty() && tables.restoredRedundancyDvPorts.empty());
-    EXPECT_EQ(std::size_t{kNics}, tables.nicStates.size());
-    for (const auto &[nic, state] : tables.nicStates)
-        EXPECT_EQ(0U, state) << nic;
 }
 
 } // namespace
