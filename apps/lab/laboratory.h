@@ -22,7 +22,7 @@ public:
     explicit Laboratory(HandClock &clock);
 
     // Returns when every thread waits and nothing waits for any of them: "". When threads sleep elsewhere,
-    // so that it will not come about until somebody outside does his part, who they are: "ScsiCorrelator
+    // so that it will not come about until somebody outside does his part, who they are: "SCSICorrelator
     // posts". After a minute it says the same of those that still run.
     std::string Settle();
 

@@ -319,9 +319,6 @@ std::vector<Story> StoriesOf(std::span<const ScenarioStep> steps)
     size_t firstLine = steps.front().line;
     takeHost(common);
     if (std::ranges::none_of(steps, isHeading)) return {{firstLine, SIZE_MAX, "", common, steps}};
-    if (!isHeading(steps.front()))
-        throw Failure(kExitUsage, fmt::format("line {}: before the first story, only host lines may stand",
-                                              steps.front().line));
     while (!steps.empty()) {
         Story &story = stories.emplace_back();
         story.line = steps.front().line;

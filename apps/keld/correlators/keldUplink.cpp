@@ -43,48 +43,48 @@ consteval KeldPairing EndsEvery(const char *problem) { return {.clears = problem
 // clang-format off
 constexpr EventText kConnectivityLost(
     "@&!*@*@(nox.problem.net.connectivity.lost)Lost network connectivity on virtual switch %s. Physical NIC %s is down. Affected port groups: %s",
-    "switch, nic, portGroups");
+    "switch, *nic, portGroups");
 constexpr EventText kRedundancyLost(
     "@&!*@*@(nox.problem.net.redundancy.lost)Lost uplink redundancy on virtual switch %s. Physical NIC %s is down. Affected port groups: %s",
-    "switch, nic, portGroups");
+    "switch, *nic, portGroups");
 constexpr EventText kRedundancyDegraded(
     "@&!*@*@(nox.problem.net.redundancy.degraded)Uplink redundancy degraded on virtual switch %s. Physical NIC %s is down. Affected port groups: %s",
-    "switch, nic, portGroups");
+    "switch, *nic, portGroups");
 constexpr EventText kDvPortConnectivityLost(
     "@&!*@*@(nox.problem.net.dvport.connectivity.lost)Lost network connectivity on DVPorts: %s. Physical NIC %s is down.",
-    "dvPorts, nic");
+    "dvPorts, *nic");
 constexpr EventText kDvPortRedundancyLost(
     "@&!*@*@(nox.problem.net.dvport.redundancy.lost)Lost uplink redundancy on DVPorts: %s. Physical NIC %s is down.",
-    "dvPorts, nic");
+    "dvPorts, *nic");
 constexpr EventText kDvPortRedundancyDegraded(
     "@&!*@*@(nox.problem.net.dvport.redundancy.degraded)Uplink redundancy degraded on DVPorts: %s. Physical NIC %s is down.",
-    "dvPorts, nic");
+    "dvPorts, *nic");
 constexpr EventText kConnectivityRestored(
     "@&!*@*@(nox.clear.net.connectivity.restored)Network connectivity restored on virtual switch %s, portgroups: %s. Physical NIC %s is up",
-    "switch, portGroups, nic", EndsEvery("nox.problem.net.connectivity.lost"));
+    "switch, portGroups, *nic", EndsEvery("nox.problem.net.connectivity.lost"));
 constexpr EventText kRedundancyRestored(
     "@&!*@*@(nox.clear.net.redundancy.restored)Uplink redundancy restored on virtual switch %s, portgroups: %s. Physical NIC %s is up",
-    "switch, portGroups, nic", EndsEvery("nox.problem.net.redundancy.lost"));
+    "switch, portGroups, *nic", EndsEvery("nox.problem.net.redundancy.lost"));
 constexpr EventText kDvPortConnectivityRestored(
     "@&!*@*@(nox.clear.net.dvport.connectivity.restored)Network connectivity restored on DVPorts: %s. Physical NIC %s is up",
-    "dvPorts, nic", EndsEvery("nox.problem.net.dvport.connectivity.lost"));
+    "dvPorts, *nic", EndsEvery("nox.problem.net.dvport.connectivity.lost"));
 // KEPT: "is up recently", here alone; receivers match on this text.
 constexpr EventText kDvPortRedundancyRestored(
     "@&!*@*@(nox.clear.net.dvport.redundancy.restored)Uplink redundancy restored on DVPorts: %s. Physical NIC %s is up recently",
-    "dvPorts, nic", EndsEvery("nox.problem.net.dvport.redundancy.lost"));
+    "dvPorts, *nic", EndsEvery("nox.problem.net.dvport.redundancy.lost"));
 constexpr EventText kLinkStateUp(
     "@&!*@*@(nox.clear.net.vmnic.linkstate.up)Physical NIC %s linkstate is up",
-    "nic", {.clears = "nox.problem.net.vmnic.linkstate.down", .on = "nic"});
+    "*nic", {.clears = "nox.problem.net.vmnic.linkstate.down", .on = "nic"});
 constexpr EventText kLinkStateDown(
-    "@&!*@*@(nox.problem.net.vmnic.linkstate.down)Physical NIC %s linkstate is down", "nic");
+    "@&!*@*@(nox.problem.net.vmnic.linkstate.down)Physical NIC %s linkstate is down", "*nic");
 // KEPT: a recovery, and yet a problem: the failure that it tells of was never reported, so that there is
 // nothing that a clear could end.
 constexpr EventText kWatchdogReset(
     "@&!*@*@(nox.problem.net.vmnic.watchdog.reset)Uplink %s has recovered from a transient failure due to watchdog timeout",
-    "nic");
+    "*nic");
 constexpr EventText kLinkFlapping(
     "@&!*@*@(nox.problem.net.vmnic.linkstate.flapping)Taking down physical NIC %s because the link is flapping.",
-    "nic");
+    "*nic");
 // clang-format on
 
 // ---- What is remembered, for the life of the process ----------------------------------------------
@@ -376,11 +376,11 @@ void CheckLinkFlapping(const std::string &nic)
 
 // ---- Observations ---------------------------------------------------------------------------------
 
-constexpr KeldArguments kPortGroupDown = Indexed("nic:%p, portGroup:%p, uplinksLeft:%d, uplinks:%d");
-constexpr KeldArguments kPortGroupUp = Indexed("nic:%p, portGroup:%p, uplinksUp:%d");
-constexpr KeldArguments kDvPortDown = Indexed("nic:%p, switch:%p, port:%p, uplinksLeft:%d, uplinks:%d");
-constexpr KeldArguments kDvPortUp = Indexed("nic:%p, switch:%p, port:%p, uplinksUp:%d");
-constexpr KeldArguments kNic = Indexed("nic:%p");
+constexpr KeldArguments kPortGroupDown = Indexed("%p %p %d %d", "*nic, portGroup, uplinksLeft, uplinks");
+constexpr KeldArguments kPortGroupUp = Indexed("%p %p %d", "*nic, portGroup, uplinksUp");
+constexpr KeldArguments kDvPortDown = Indexed("%p %p %p %d %d", "*nic, switch, port, uplinksLeft, uplinks");
+constexpr KeldArguments kDvPortUp = Indexed("%p %p %p %d", "*nic, switch, port, uplinksUp");
+constexpr KeldArguments kNic = Indexed("%p", "*nic");
 
 // The last argument of a down is for people: it must be there, and no decision reads it.
 void KeldNetCorrelatorPgDown(Kel *kel)
@@ -471,27 +471,33 @@ int KeldUplinkInit()
 }
 
 // clang-format off
+constexpr KeldLimit kTransitionDelay{"delay", kTransitionDelaySeconds, "seconds"};
+constexpr KeldLimit kLinkStateDelay{"delay", kLinkStateDelaySeconds, "seconds"};
+constexpr KeldLimit kWatchdogDelay{"delay", kWatchdogDelaySeconds, "seconds"};
+constexpr KeldLimit kFlapWindow{"window", kFlapWindowSeconds, "seconds"};
+
+constexpr KeldNote kGatheredDown{
+    "gathered for {delay} per NIC, then sorted by the uplinks left: none, one, several", kTransitionDelay};
+constexpr KeldNote kGatheredUp{
+    "gathered for {delay} per NIC, then posted as far as nothing is lost any more on any NIC", kTransitionDelay};
+
 constinit const std::array<KeldObservation, 7> keldUplinkObservations{{
     {"kel.net.pg.uplink.transition.down", kPortGroupDown, KeldNetCorrelatorPgDown,
-     "gathered for 2 seconds per NIC, then sorted by the uplinks left: none, one, several",
-     {&kConnectivityLost, &kRedundancyLost, &kRedundancyDegraded}},
+     kGatheredDown, {&kConnectivityLost, &kRedundancyLost, &kRedundancyDegraded}},
     {"kel.net.pg.uplink.transition.up", kPortGroupUp, KeldNetCorrelatorPgUp,
-     "gathered for 2 seconds per NIC, then posted as far as nothing is lost any more on any NIC",
-     {&kConnectivityRestored, &kRedundancyRestored}},
+     kGatheredUp, {&kConnectivityRestored, &kRedundancyRestored}},
     {"kel.net.dvport.uplink.transition.down", kDvPortDown, KeldNetCorrelatorDvPortDown,
-     "gathered for 2 seconds per NIC, then sorted by the uplinks left: none, one, several",
-     {&kDvPortConnectivityLost, &kDvPortRedundancyLost, &kDvPortRedundancyDegraded}},
+     kGatheredDown, {&kDvPortConnectivityLost, &kDvPortRedundancyLost, &kDvPortRedundancyDegraded}},
     {"kel.net.dvport.uplink.transition.up", kDvPortUp, KeldNetCorrelatorDvPortUp,
-     "gathered for 2 seconds per NIC, then posted as far as nothing is lost any more on any NIC",
-     {&kDvPortConnectivityRestored, &kDvPortRedundancyRestored}},
+     kGatheredUp, {&kDvPortConnectivityRestored, &kDvPortRedundancyRestored}},
     {"kel.net.vmnic.linkstate.down", kNic, KeldNetCorrelatorLinkDown,
-     "posted after 1 second unless an uplink batch carries the news; too many within a minute take the NIC down",
+     {"posted after {delay} unless an uplink batch carries the news; too many within {window} take the NIC down", kLinkStateDelay, kFlapWindow},
      {&kLinkStateDown, &kLinkFlapping}},
     {"kel.net.vmnic.linkstate.up", kNic, KeldNetCorrelatorLinkUp,
-     "posted after 1 second unless an uplink batch carries the news",
+     {"posted after {delay} unless an uplink batch carries the news", kLinkStateDelay},
      {&kLinkStateUp}},
     {"kel.net.uplink.watchdog.timeout", kNic, KeldNetCorrelatorWatchdog,
-     "holds the NIC's events back; down and up within 7 seconds are one transient failure, anything else is posted and holds on until a later timeout is transient",
+     {"holds the NIC's events back; down and up within {delay} are one transient failure, anything else is posted and holds on until a later timeout is transient", kWatchdogDelay},
      {&kWatchdogReset, &kLinkStateDown, &kConnectivityLost, &kRedundancyLost, &kRedundancyDegraded,
       &kDvPortConnectivityLost, &kDvPortRedundancyLost, &kDvPortRedundancyDegraded}},
 }};

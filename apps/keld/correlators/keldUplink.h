@@ -2,7 +2,7 @@
 #ifndef KELD_UPLINK_H
 #define KELD_UPLINK_H
 
-#include "keldTranslation.h"
+#include "keldDomain.h"
 
 #include <array>
 
