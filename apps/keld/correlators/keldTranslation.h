@@ -67,6 +67,8 @@ struct KeldShape {
         return count == given.count;
     }
 
+    bool operator==(const KeldShape &) const = default;
+
     static consteval char Letter(Of kind, const KeldConversion &conversion)
     {
         const char c = conversion.letter;
@@ -124,6 +126,8 @@ struct KeldNames {
     consteval void RequireFor(const KeldShape &shape) const
     {
         if (Count() != shape.count) RowError_NamesDoNotFitArguments();
+        for (std::size_t i = 0; i < shape.count; ++i)
+            if ((*this)[i].empty()) RowError_NamesDoNotFitArguments();
         if (std::ranges::count(std::string_view(list), '*') > 1) RowError_TwoObjects();
     }
 };
@@ -240,12 +244,12 @@ struct Translation {
             const bool byIndex = read.by == KeldArguments::By::Index;
             const KeldShape given =
                 byIndex ? KeldShape::OfTypes<int>() : KeldShape::OfTypes<const char *, int>();
-            if (!KeldShape(KeldShape::Of::Shown, failed[i]).Fits(given) || (i > 0 && !byIndex))
+            if (KeldShape(KeldShape::Of::Shown, failed[i]) != given || (i > 0 && !byIndex))
                 RowError_FailureMessageMalformed();
         }
     }
 };
-static_assert(sizeof(Translation) <= 160, "some three hundred rows stay in the cache");
+static_assert(sizeof(Translation) <= 160, "a row does not pay for what few others need");
 
 // For a table's author: every ID lies below the prefix, and none comes twice.
 template <class Row, std::size_t N>
