@@ -4,7 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <host.h>
+#include <hostEntries.h>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -86,10 +86,12 @@ TEST_F(DocumentTest, TheListOfEventsIsTheCataloguesOwn)
 TEST_F(DocumentTest, TheScenarioComesOutAsItSays)
 {
     const std::string file = host.Path("documented.kel");
-    std::ofstream(file) << Example(formats, "Scenarios");
-    const std::string check =
-        std::string(KELADM_BINARY " replay --check --daemon " KELD_BINARY " ") + file + " >/dev/null";
-    EXPECT_EQ(0, std::system(check.c_str()));
+    for (const auto &[section, program] :
+         {std::pair("Scenarios", KELD_BINARY), std::pair("Stories", KELD_LAB_BINARY)}) {
+        std::ofstream(file) << Example(formats, section);
+        const std::string check = std::string(KELADM_BINARY " replay --check --daemon ") + program;
+        EXPECT_EQ(0, std::system((check + " " + file + " >/dev/null").c_str())) << section;
+    }
 }
 
 TEST_F(DocumentTest, TheInventoryIsTheOneThatKeladmKnows)
