@@ -3,6 +3,7 @@
 #include "keladmFailure.h"
 #include "receive.h"
 #include "runDir.h"
+#include "text.h"
 #include "unixSocket.h"
 
 #include <fcntl.h>
@@ -109,6 +110,12 @@ TEST_F(KeladmReceiveTest, OnlyASocketThatNobodyServesIsReplacedAndOnlyItsOwnRemo
     }
     EXPECT_THROW(EventListener(), Failure);
     EXPECT_EQ(0, access(path.c_str(), F_OK));
+}
+
+TEST(KeladmTextTest, WhateverATextHoldsIsShownOnOneLine)
+{
+    EXPECT_EQ(R"(a\n\x1b[31m)", Printable("a\n\x1b[31m"));
+    EXPECT_EQ("[\"\\n\xEF\xBF\xBD\"]", JsonLine(nlohmann::ordered_json::array({"\n\xff"})));
 }
 
 TEST(KeladmCatalogueTest, AWrongEntryIsNamed)
