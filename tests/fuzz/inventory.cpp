@@ -3,8 +3,8 @@
 // An input is a name, a newline and the value of the entry that it names.
 #include "fuzz.h"
 
-#include <commands.h>
-#include <host.h>
+#include <failure.h>
+#include <hostEntries.h>
 #include <hostInventory.h>
 
 namespace {

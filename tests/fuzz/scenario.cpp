@@ -4,7 +4,7 @@
 #include "fuzz.h"
 
 #include <algorithm>
-#include <commands.h>
+#include <failure.h>
 #include <scenario.h>
 
 namespace {

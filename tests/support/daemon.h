@@ -19,7 +19,7 @@ struct DaemonProgram {
 
 #ifdef KELD_BINARY
 inline const DaemonProgram kShippedDaemon{KELD_BINARY, KELD_LOGSHIM};
-inline const DaemonProgram kHandClockDaemon{KELD_HANDCLOCK_BINARY, ""}; // obeys Advance and Set
+inline const DaemonProgram kHandClockDaemon{KELD_LAB_BINARY, ""}; // obeys Advance and Set
 #endif
 
 // A sanitizer keeps freed memory back, and takes its time.
@@ -81,13 +81,11 @@ public:
     std::size_t ResidentBytes() const { return StatusBytes("VmRSS:"); }
     std::size_t PeakResidentBytes() const { return StatusBytes("VmHWM:"); }
 
-    // Moves the clock of the hand-clock daemon, as HandClock does. All alarms that fall due have been
-    // handled on return.
+    // Moves the clock of the hand-clock daemon, as HandClock does, also under traffic. All alarms that fall
+    // due have been handled on return.
     void Advance(std::uint64_t seconds);
-    void SetClock(std::uint64_t seconds);
 
 private:
-    void Command(const std::string &line);
     char State() const;
     std::size_t CountEntries(const char *directory) const;
     std::size_t StatusBytes(const char *field) const;
@@ -96,7 +94,7 @@ private:
     CapturedText mOutput;
     pid_t mPid = -1;
     int mPidFd = -1;
-    int mClockFd = -1;
+    int mLabFd = -1;
     int mExitStatus = -1; // once it has ended
 };
 

@@ -92,3 +92,74 @@ TEST_F(KeladmCommandTest, ADifferenceIsShownWithWhatCameInstead)
                                  "                argument 1 is \"vmnic0\", not \"vmnic1\"\n"),
                        HasSubstr("FAILED: 1 of 2 expectations met")));
 }
+
+// A failing story shows what was expected beside what came; the next one is played all the same.
+TEST_F(KeladmCommandTest, AStoryThatGoesAnotherWayShowsBothSides)
+{
+    WriteFile("link.kel", "host mkdir kernel/nodes/net/pNics/vmnic0\n"
+                          "story Another NIC.\n"
+                          "observe kel.net.vmnic.linkstate.down vmnic0\n"
+                          "clock +2s\n"
+                          "expect nox.problem.net.vmnic.linkstate.down vmnic1\n"
+                          "story Nobody expects it.\n"
+                          "observe kel.net.vmnic.linkstate.down vmnic0\n"
+                          "clock +2s\n"
+                          "story In another order.\n"
+                          "receiver deaf\n"
+                          "observe kel.external.error acme https://kb.example/1 one\n"
+                          "observe kel.external.error acme https://kb.example/1 two\n"
+                          "receiver back\n"
+                          "expect nox.problem.3rdParty.error acme https://kb.example/1 acme two\n"
+                          "expect nox.problem.3rdParty.error acme https://kb.example/1 acme one\n"
+                          "story A line too many.\n"
+                          "observe kel.clock.x 1\n"
+                          "log none\n"
+                          "story All is well.\n"
+                          "observe kel.clock.x 1\n"
+                          "log No system clock correlator\n"
+                          "log none\n");
+    const std::string play = "$KELADM replay --check --daemon " KELD_LAB_BINARY " link.kel";
+    EXPECT_EQ(
+        "1 FAILED  line 2: Another NIC.\n"
+        "    line 4: clock +2s\n"
+        "      expected  line 5: expect nox.problem.net.vmnic.linkstate.down vmnic1\n"
+        "      came      nox.problem.net.vmnic.linkstate.down vmnic0 (argument 1 is \"vmnic0\", not "
+        "\"vmnic1\")\n"
+        "FAILED  line 6: Nobody expects it.\n"
+        "    line 8: clock +2s\n"
+        "      came      nox.problem.net.vmnic.linkstate.down vmnic0\n"
+        "      expected  nothing\n"
+        "FAILED  line 9: In another order.\n"
+        "    line 13: receiver back\n"
+        "      expected  line 14: expect nox.problem.3rdParty.error acme https://kb.example/1 acme two\n"
+        "      came      nox.problem.3rdParty.error acme https://kb.example/1 acme two (behind another one "
+        "of "
+        "GenericCorrelator)\n"
+        "FAILED  line 16: A line too many.\n"
+        "    line 17: observe kel.clock.x 1\n"
+        "      expected  line 18: log none\n"
+        "      came      log No system clock correlator for kel.clock.x\n"
+        "ok      line 19: All is well.\n"
+        "FAILED: 1 of 5 stories\n",
+        Run(play));
+    EXPECT_EQ("0 ok      line 19: All is well.\nok: 1 of 1 stories\n", Run(play + " --story well"));
+    EXPECT_EQ("0 ok      line 19: All is well.\nok: 1 of 1 stories\n", Run(play + " --story 21"));
+    EXPECT_THAT(Run("$KELADM replay link.kel"),
+                StartsWith("2 keladm replay: a story is played with --check alone"));
+}
+
+TEST_F(KeladmCommandTest, AStoryWhoseDaemonEndsSaysHow)
+{
+    WriteFile("stop.kel", "story It cannot start.\nclock +1s\n");
+    EXPECT_THAT(
+        Run("$KELADM replay --check --daemon /bin/false stop.kel"),
+        HasSubstr("    line 1: It cannot start.\n                the daemon ended early: status 1"));
+}
+
+TEST_F(KeladmCommandTest, TheLaboratoryIsNobodysService)
+{
+    for (const char *directory : {"", "/var/run/kaltor", "/run/../var/run/kaltor/", "lab"})
+        EXPECT_EQ("2 keld-lab: KALTOR_RUN_DIR must name a run directory of its own, not the service's "
+                  "/var/run/kaltor\n",
+                  Run(std::string("KALTOR_RUN_DIR=") + directory + " KELD_LAB_FD=0 " KELD_LAB_BINARY));
+}

@@ -2,7 +2,7 @@
 #ifndef TESTS_UNIT_KELADMFAILURE_H
 #define TESTS_UNIT_KELADMFAILURE_H
 
-#include "commands.h"
+#include "failure.h"
 
 #include <gmock/gmock.h>
 #include <string>

@@ -1,6 +1,6 @@
 // The host inventory's names, and what may stand behind them.
 
-#include "host.h"
+#include "hostEntries.h"
 #include "keladmFailure.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,9 @@
 // The event socket's receiving side, and the catalogue that texts come from.
 
 #include "keladmFailure.h"
-#include "receive.h"
+#include "eventWords.h"
+#include "failure.h"
+#include "jsonLine.h"
 #include "runDir.h"
 #include "text.h"
 #include "unixSocket.h"

@@ -54,9 +54,34 @@ TEST(KeladmScenarioTest, ADoubleQuotedWordBehindTheIdIsTheFormat)
     EXPECT_EQ("22 %s %s", Sent("observe kel.x '10' \"a # b\""));
 }
 
+TEST(KeladmScenarioTest, OneLineForAHandMovedClockMakesAStory)
+{
+    EXPECT_FALSE(NeedsHandClock(ParseScenario("expect within 1s nox.problem.*\npause 1s\n")));
+    for (const char *line :
+         {"story It's quoted # by nobody.", "clock +2m", "log none", "receiver deaf", "restart"}) {
+        const std::string text =
+            std::string(line) + "\nexpect nox.problem.*\nexpect within 1s nox.clear.*\n";
+        EXPECT_TRUE(NeedsHandClock(ParseScenario(text))) << line;
+    }
+    EXPECT_EQ(120u, Only<ClockAction>("clock +2m").forward);
+    EXPECT_EQ(1772362800u, Only<ClockAction>("clock set 2026-03-01T11:00:00Z").setTo);
+    EXPECT_EQ("Abandoned event (*)", Only<LogAction>("log Abandoned  event (*)").text.text);
+    EXPECT_EQ("It's quoted # by nobody.", Only<StoryAction>(" story  It's quoted # by nobody. ").heading);
+}
+
 TEST(KeladmScenarioTest, EveryErrorNamesItsLineAndWhatWouldBeRight)
 {
-    ExpectRefusals({{"pause 1s\nobserv kel.x", "line 2: \"observ\": a line begins with observe,"},
+    ExpectRefusals({{"clock +1.5s", "line 1: use: clock +2s, in whole seconds"},
+                    {"clock set 11:00:00", "line 1: use: clock +2s, in whole seconds"},
+                    {"restart\npause 1s", "line 2: nothing pauses"},
+                    {"log", "line 1: use: log none"},
+                    {"log 'a' b", "line 1: quote all"},
+                    {"receiver gone", "line 1: use: receiver away"},
+                    {"restart now", "line 1: nothing may stand"},
+                    {"story", "line 1: use: story"},
+                    {"repeat 2\nstory A.\nend", "line 2: a story inside"},
+                    {"host set vms/1/name a\nclock +1s\nstory A.", "line 2: above the first"},
+                    {"pause 1s\nobserv kel.x", "line 2: \"observ\": a line begins with observe,"},
                     {"pause", "a time is written 2s, 500ms or 1m"},
                     {"pause -1s", "a time is written"},
                     {"observe kel.x \"open", "the closing \" is missing"},

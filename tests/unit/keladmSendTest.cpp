@@ -2,7 +2,7 @@
 
 #include "keladmFailure.h"
 #include "observation.h"
-#include "send.h"
+#include "observationWords.h"
 
 #include "kltlibs/kelrecord.h"
 

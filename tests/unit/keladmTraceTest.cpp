@@ -1,7 +1,7 @@
 // Trace lines, as the daemon writes them and as it never would.
 
 #include "keladmFailure.h"
-#include "trace.h"
+#include "traceLine.h"
 
 #include <gtest/gtest.h>
 

@@ -13,6 +13,8 @@ std::atomic<bool> gExitRequested{false};
 std::atomic<bool> gStopping{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "the handler may touch it");
 
+std::atomic<KeldLookOut *> gLookOut{nullptr};
+
 sigset_t gWhileWaiting; // fixed after start: the mask the process was started with, our signals open
 
 void HandleSignal(int signal)
@@ -58,7 +60,12 @@ bool KeldExitRequested() { return gExitRequested.load(std::memory_order_relaxed)
 
 int KeldPoll(pollfd *fds, nfds_t count)
 {
+    KeldLookOut *lookOut = KeldGetLookOut();
+    if (lookOut != nullptr) lookOut->Waits(fds, count);
     const int ready = ppoll(fds, count, nullptr, &gWhileWaiting);
+    const int error = errno;
+    if (lookOut != nullptr) lookOut->Left();
+    errno = error;
     if (ready > 0 && TakePendingSignal()) {
         errno = EINTR;
         return -1;
@@ -68,3 +75,6 @@ int KeldPoll(pollfd *fds, nfds_t count)
 
 void KeldSetStopping() { gStopping.store(true, std::memory_order_relaxed); }
 bool KeldStopping() { return gStopping.load(std::memory_order_relaxed); }
+
+void KeldSetLookOut(KeldLookOut *lookOut) { gLookOut.store(lookOut, std::memory_order_relaxed); }
+KeldLookOut *KeldGetLookOut() { return gLookOut.load(std::memory_order_relaxed); }

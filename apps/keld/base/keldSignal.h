@@ -22,4 +22,22 @@ int KeldPoll(pollfd *fds, nfds_t count);
 void KeldSetStopping();
 bool KeldStopping();
 
+// ---- A look-out -------------------------------------------------------------------------------------
+
+// Somebody who has to know when all threads wait, and for what. Each call comes on the thread that it is
+// about, which takes no signal and cannot be cancelled meanwhile; errno need not be kept.
+class KeldLookOut {
+public:
+    virtual ~KeldLookOut() = default;
+    virtual void AgentBegins() = 0;                          // before it registers
+    virtual void AgentEnds() = 0;                            // by itself: not of one that is cancelled
+    virtual void Waits(const pollfd *fds, nfds_t count) = 0; // is about to; the entries go with the call
+    virtual void Left() = 0;                                 // waits no longer
+};
+
+// Null in the daemon as it is shipped. The look-out stays the caller's and must outlive every thread; set
+// it before KeldMain.
+void KeldSetLookOut(KeldLookOut *lookOut);
+KeldLookOut *KeldGetLookOut();
+
 #endif

@@ -34,6 +34,7 @@ void RunEntry(KeldAgentEntry entry);
 void ReportArrival();
 void ForgetCancelledFrames();
 unsigned CutTo32Bits(KeldAgentEntry entry);
+int CancellablePoll(pollfd *fds, nfds_t count);
 
 // Main thread only.
 std::array<pthread_t, kKeldAgentsMax> gThreads;
@@ -167,9 +168,23 @@ int KeldAgentWaitForKel(KeldAgent *agent, Kel **kel)
     }
 }
 
+int KeldAgentPoll(pollfd *fds, nfds_t count)
+{
+    KeldLookOut *lookOut = KeldGetLookOut();
+    if (lookOut == nullptr) return CancellablePoll(fds, count);
+    lookOut->Waits(fds, count);
+    const int ready = CancellablePoll(fds, count);
+    const int error = errno;
+    lookOut->Left();
+    errno = error;
+    return ready;
+}
+
+namespace {
+
 // A frame of its own with nothing to clean up: an asynchronous cancellation can strike at any
 // instruction here, and only a frame without handlers lets it pass wherever it strikes.
-__attribute__((noinline)) int KeldAgentPoll(pollfd *fds, nfds_t count)
+__attribute__((noinline)) int CancellablePoll(pollfd *fds, nfds_t count)
 {
     int type = 0;
     int state = 0;
@@ -183,14 +198,15 @@ __attribute__((noinline)) int KeldAgentPoll(pollfd *fds, nfds_t count)
     return ready;
 }
 
-namespace {
-
 void *AgentTrampoline(void *argument)
 {
     const auto entry = reinterpret_cast<KeldAgentEntry>(argument);
     if (pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr) != 0)
         KeldLog("Failed to set thread cancel type for agent function(%#x).\n", CutTo32Bits(entry));
+    KeldLookOut *lookOut = KeldGetLookOut();
+    if (lookOut != nullptr) lookOut->AgentBegins();
     RunEntry(entry);
+    if (lookOut != nullptr) lookOut->AgentEnds();
     ReportArrival();
     return nullptr;
 }

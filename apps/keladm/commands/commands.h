@@ -1,0 +1,37 @@
+// What the subcommands share: how they are added, how they fail, how they end.
+#ifndef KELADM_COMMANDS_H
+#define KELADM_COMMANDS_H
+
+#include "failure.h"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+// Carries out a subcommand whose options have been read; gives the exit status, or throws Failure.
+using Command = std::function<int()>;
+
+// Each adds its subcommand to app; when the user names it, *chosen becomes what carries it out.
+void AddSendCommand(CLI::App &app, Command *chosen);
+void AddReplayCommand(CLI::App &app, Command *chosen);
+void AddReceiveCommand(CLI::App &app, Command *chosen);
+void AddTraceCommand(CLI::App &app, Command *chosen);
+void AddEventsCommand(CLI::App &app, Command *chosen);
+void AddHostCommand(CLI::App &app, Command *chosen);
+void AddCompletionCommand(CLI::App &app, Command *chosen);
+
+// Options that several subcommands have, in one form.
+void AddCountOption(CLI::App &command, std::uint64_t *count, const std::string &what); // at least 1
+void AddTimeoutOption(CLI::App &command, std::optional<std::chrono::milliseconds> *timeout);
+void AddCatalogueOption(CLI::App &command, std::string *file);
+
+// The whole program.
+int RunKeladm(int argc, char **argv);
+
+#endif

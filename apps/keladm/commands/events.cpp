@@ -1,0 +1,182 @@
+#include "catalogue.h"
+#include "commands.h"
+#include "console.h"
+#include "jsonLine.h"
+#include "text.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <unistd.h>
+
+using json = nlohmann::ordered_json;
+
+namespace {
+
+struct EventsOptions {
+    std::string match = "*";
+    std::string catalogue;
+    bool asJson = false;
+    bool names = false;
+};
+
+std::string ArgumentsText(const std::vector<CatalogueArgument> &arguments)
+{
+    std::string list;
+    for (const CatalogueArgument &argument : arguments)
+        list += fmt::format("{}{} {}", list.empty() ? "" : ", ", argument.type, argument.name);
+    return list;
+}
+
+json ArgumentsJson(const std::vector<CatalogueArgument> &arguments)
+{
+    json list = json::array();
+    for (const CatalogueArgument &argument : arguments)
+        list.push_back({{"name", argument.name}, {"type", argument.type}});
+    return list;
+}
+
+std::string List(const std::vector<std::string> &texts)
+{
+    return fmt::format("{}", fmt::join(texts, ", "));
+}
+
+// The name, then what there is to say about it, one indented line each.
+std::string Block(const std::string &name,
+                  std::initializer_list<std::pair<const char *, std::string>> facts)
+{
+    std::string block = name;
+    for (const auto &[label, text] : facts)
+        if (!text.empty()) block += fmt::format("\n    {:<12}{}", label, Printable(text));
+    return block;
+}
+
+// The other side of a pair, and what the two have in common.
+std::string Paired(const std::vector<std::string> &others, const std::vector<std::string> &pairedOn)
+{
+    if (others.empty()) return "";
+    return List(others) + (pairedOn.empty()
+                               ? " (whatever the arguments)"
+                               : fmt::format(" (of the same {})", fmt::join(pairedOn, " and ")));
+}
+
+std::string Readable(const CatalogueEvent &event)
+{
+    return Block(event.type, {{"text", event.text},
+                              {"arguments", ArgumentsText(event.arguments)},
+                              {"clears", Paired(event.clears, event.pairedOn)},
+                              {"cleared by", Paired(event.clearedBy, event.pairedOn)}});
+}
+
+std::string Readable(const CatalogueObservation &observation)
+{
+    return Block(observation.id, {{"domain", observation.domain},
+                                  {"arguments", ArgumentsText(observation.arguments)},
+                                  {"becomes", List(observation.becomes)},
+                                  {"note", observation.note}});
+}
+
+// The agent's observations that are not listed, in one of its domains.
+std::string Readable(const CatalogueAgent &agent, const std::string &name)
+{
+    return Block(name, {{"any other", fmt::format("{} (by {})", agent.otherwise, agent.name)},
+                        {"becomes", List(agent.becomes)}});
+}
+
+json ToJson(const CatalogueEvent &event)
+{
+    json line{{"kind", "event"},
+              {"type", event.type},
+              {"class", event.eventClass},
+              {"text", event.text},
+              {"arguments", ArgumentsJson(event.arguments)}};
+    if (!event.clears.empty()) line["clears"] = event.clears;
+    if (!event.clearedBy.empty()) line["clearedBy"] = event.clearedBy;
+    if (!event.clears.empty() || !event.clearedBy.empty()) line["pairedOn"] = event.pairedOn;
+    return line;
+}
+
+json ToJson(const CatalogueObservation &observation)
+{
+    json line{{"kind", "observation"},
+              {"id", observation.id},
+              {"domain", observation.domain},
+              {"arguments", ArgumentsJson(observation.arguments)},
+              {"becomes", observation.becomes}};
+    if (!observation.note.empty()) line["note"] = observation.note;
+    return line;
+}
+
+json ToJson(const CatalogueAgent &agent, const std::string &name)
+{
+    return {{"kind", "other observations"},
+            {"id", name},
+            {"agent", agent.name},
+            {"becomes", agent.becomes},
+            {"note", agent.otherwise}};
+}
+
+const std::string &NameOf(const CatalogueEvent &event) { return event.type; }
+const std::string &NameOf(const CatalogueObservation &observation) { return observation.id; }
+
+int Events(const EventsOptions &options)
+{
+    auto catalogue = FindCatalogue(options.catalogue);
+    if (!catalogue)
+        throw Failure(kExitFailed,
+                      fmt::format("no catalogue; name one with --catalogue or KELD_CATALOGUE, or put it "
+                                  "in one of:\n  {}",
+                                  fmt::join(CataloguePlaces(), "\n  ")));
+    Output out(STDOUT_FILENO);
+    size_t shown = 0;
+    auto show = [&](const auto &entries) {
+        for (const auto &entry : entries) {
+            if (!GlobMatches(options.match, NameOf(entry))) continue;
+            shown++;
+            out.Line(options.names    ? NameOf(entry)
+                     : options.asJson ? JsonLine(ToJson(entry))
+                                      : Readable(entry));
+        }
+    };
+    show(catalogue->observations);
+    bool listed = shown > 0; // else the ID of an observation that is not may be meant
+    for (const CatalogueAgent &agent : catalogue->agents)
+        for (const std::string &domain : agent.domains) {
+            std::string name = fmt::format("kel.{}.*", domain);
+            bool meant = GlobMatches(options.match, name) || (!listed && GlobMatches(name, options.match));
+            if (!meant || options.names) continue;
+            shown++;
+            out.Line(options.asJson ? JsonLine(ToJson(agent, name)) : Readable(agent, name));
+        }
+    show(catalogue->events);
+    out.Flush();
+    if (shown == 0)
+        throw Failure(kExitFailed, fmt::format("no observation and no event matches {0}; try '*{1}*'",
+                                               Quoted(options.match), options.match));
+    return kExitOk;
+}
+
+} // namespace
+
+void AddEventsCommand(CLI::App &app, Command *chosen)
+{
+    auto options = std::make_shared<EventsOptions>();
+
+    CLI::App *events = app.add_subcommand("events", "List what is observed and what becomes of it");
+    events->add_option("GLOB", options->match, "Only IDs that match, * and ? being wild cards");
+    AddCatalogueOption(*events, &options->catalogue);
+    auto asJson = events->add_flag("--json", options->asJson, "One JSON object a line");
+    events->add_flag("--names", options->names, "Only the IDs")->excludes(asJson);
+    events->footer(R"(
+The names and types of arguments are those of the observation, then of the event. A
+problem shows what clears it, and on which argument the two are matched; each domain,
+as "kel.net.*", what becomes of any other observation.
+
+Exit status: 1 when nothing matches, and without a catalogue.
+
+Examples:
+  keladm events
+  keladm events 'nox.problem.net.*'
+  keladm events --json kel.net.vmnic.linkstate.down)");
+    events->callback([options, chosen] { *chosen = [options] { return Events(*options); }; });
+}
