@@ -76,26 +76,14 @@ void EventSink::Hide()
     mHidden = std::move(mFd);
 }
 
-std::vector<Bytes> EventSink::DrainRaw()
-{
-    std::vector<Bytes> records;
-    for (const UniqueFd *listener : {&mHidden, &mFd}) // first what came first
-        while (const UniqueFd connection{accept4(listener->Get(), nullptr, nullptr, SOCK_CLOEXEC)})
-            records.push_back(ReadToEnd(connection));
-    return records;
-}
-
-std::vector<EventRecord> EventSink::Drain() { return Decoded(DrainRaw()); }
-
-std::vector<std::string> EventSink::DrainTexts() { return Texts(Drain()); }
-
 std::vector<Bytes> EventSink::WaitForRaw(std::size_t count, std::chrono::milliseconds limit)
 {
     const auto end = std::chrono::steady_clock::now() + limit;
     std::vector<Bytes> records;
     while (true) {
-        for (Bytes &record : DrainRaw())
-            records.push_back(std::move(record));
+        for (const UniqueFd *listener : {&mHidden, &mFd}) // first what came first
+            while (const UniqueFd connection{accept4(listener->Get(), nullptr, nullptr, SOCK_CLOEXEC)})
+                records.push_back(ReadToEnd(connection));
         const auto left =
             std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
         if (records.size() >= count || left.count() <= 0) return records;

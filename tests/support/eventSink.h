@@ -34,9 +34,9 @@ public:
     void Start(int backlog = kBacklog);
 
     // What has been sent since the last call, without waiting for more.
-    std::vector<EventRecord> Drain();
-    std::vector<std::string> DrainTexts();
-    std::vector<std::vector<std::byte>> DrainRaw();
+    std::vector<EventRecord> Drain() { return WaitFor(0); }
+    std::vector<std::string> DrainTexts() { return WaitForTexts(0); }
+    std::vector<std::vector<std::byte>> DrainRaw() { return WaitForRaw(0); }
 
     // Fetches until count events are there, or limit has passed; gives those that came.
     std::vector<EventRecord> WaitFor(std::size_t count, std::chrono::milliseconds limit = kWaitLimit);

@@ -5,6 +5,7 @@
 #include "failure.h"
 #include "jsonLine.h"
 #include "runDir.h"
+#include "text.h"
 #include "unixSocket.h"
 
 #include <fcntl.h>
@@ -111,6 +112,12 @@ TEST_F(KeladmReceiveTest, OnlyASocketThatNobodyServesIsReplacedAndOnlyItsOwnRemo
     }
     EXPECT_THROW(EventListener(), Failure);
     EXPECT_EQ(0, access(path.c_str(), F_OK));
+}
+
+TEST(KeladmTextTest, WhateverATextHoldsIsShownOnOneLine)
+{
+    EXPECT_EQ(R"(a\n\x1b[31m)", Printable("a\n\x1b[31m"));
+    EXPECT_EQ("[\"\\n\xEF\xBF\xBD\"]", JsonLine(nlohmann::ordered_json::array({"\n\xff"})));
 }
 
 TEST(KeladmCatalogueTest, AWrongEntryIsNamed)
