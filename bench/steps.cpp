@@ -8,12 +8,11 @@
 #include <kelValidate.h>
 #include <keldCorrelator.h>
 #include <keldDispatch.h>
+#include <keldDomain.h>
 #include <keldDomains.h>
 #include <keldLog.h>
-#include <keldNetCorrelator.h>
 #include <keldOwn.h>
 #include <keldTrace.h>
-#include <keldTranslation.h>
 #include <kelproducer.h>
 #include <kltlibs/kthread.h>
 #include <kltlibs/msgfmt.h>

@@ -5,10 +5,11 @@
 //
 // The JSON is for the tools, which render event texts from it; the Markdown is docs/events.md.
 
+#include "keldDomain.h"
 #include "keldDomains.h"
-#include "keldTranslation.h"
 
 #include <CLI/CLI.hpp>
+#include <fmt/args.h>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <fstream>
@@ -32,8 +33,6 @@ const char *TypeName(char letter)
     case 'U':
         return "uint64";
     case 'u':
-    case 'H':
-    case 'B':
         return "uint32";
     default:
         return "int32";
@@ -48,15 +47,32 @@ ordered_json ArgumentList(const KeldShape &shape, const KeldNames &names)
     return list;
 }
 
-std::vector<std::string> SplitList(const char *list)
+std::vector<std::string> Split(const KeldNames &names)
 {
     std::vector<std::string> split;
-    for (std::string_view rest = list == nullptr ? "" : list; !rest.empty();) {
-        const std::size_t end = std::min(rest.find(", "), rest.size());
-        split.emplace_back(rest.substr(0, end));
-        rest.remove_prefix(std::min(end + 2, rest.size()));
-    }
+    for (std::size_t i = 0; i < names.Count(); ++i)
+        split.emplace_back(names[i]);
     return split;
+}
+
+// Whole hours as such; any other number as it stands.
+std::string InWords(const KeldLimit &limit)
+{
+    const bool hours = limit.unit == std::string_view("seconds") && limit.value % 3600 == 0;
+    const std::uint64_t number = hours ? limit.value / 3600 : limit.value;
+    std::string unit = hours ? "hours" : limit.unit;
+    if (unit.empty()) return std::to_string(number);
+    if (number == 1) unit.pop_back();
+    return fmt::format("{} {}", number, unit);
+}
+
+// The note with its numbers; throws when it shows one that is not beside it.
+std::string Composed(const KeldNote &note)
+{
+    fmt::dynamic_format_arg_store<fmt::format_context> numbers;
+    for (const KeldLimit &limit : note.limits)
+        if (limit.name != nullptr) numbers.push_back(fmt::arg(limit.name, InWords(limit)));
+    return fmt::vformat(note.text, numbers);
 }
 
 const char *ClassName(KeldEventClass cls)
@@ -88,12 +104,12 @@ private:
             if (name != nullptr) domains.push_back(name);
         mAgents.push_back({{"name", std::string(domain.name) + "Correlator"},
                            {"domains", std::move(domains)},
-                           {"otherwise", domain.otherwise}});
+                           {"otherwise", Composed(domain.otherwise)}});
         for (const KeldObservation &row : domain.observations) {
             ordered_json becomes = ordered_json::array();
             for (const EventText *event : row.posts)
                 if (event != nullptr) becomes.push_back(AddEvent(*event));
-            AddObservation(domain, row.id, row.arguments, becomes, row.note);
+            AddObservation(domain, row.id, row.arguments, becomes, Composed(row.note));
         }
         for (const Translation &row : domain.translations.rows)
             AddObservation(domain, row.id, row.arguments, {AddEvent(row.event)}, "");
@@ -102,15 +118,21 @@ private:
     }
 
     void AddObservation(const KeldDomain &domain, const char *id, const KeldArguments &arguments,
-                        const ordered_json &becomes, const char *note)
+                        const ordered_json &becomes, const std::string &note)
     {
         ordered_json entry = {{"id", id},
                               {"domain", DomainOf(domain, id)},
                               {"agent", mAgents.back()["name"]},
-                              {"arguments", ArgumentList(arguments.shape, arguments.names)},
-                              {"becomes", becomes}};
-        if (*note != '\0') entry["note"] = note;
+                              {"arguments", ArgumentList(arguments.shape, arguments.names)}};
+        AddObject(&entry, arguments.names);
+        entry["becomes"] = becomes;
+        if (!note.empty()) entry["note"] = note;
         mObservations.push_back(std::move(entry));
+    }
+
+    static void AddObject(ordered_json *entry, const KeldNames &names)
+    {
+        if (!names.Object().empty()) (*entry)["object"] = names.Object();
     }
 
     // The one of the agent's domains that the ID belongs to.
@@ -125,13 +147,16 @@ private:
     std::string AddEvent(const EventText &event)
     {
         std::string type(event.TypeId());
+        if (event.names.Count() != event.shape.count)
+            throw std::runtime_error(fmt::format("{} does not name its arguments", type));
         ordered_json entry = {{"type", type},
                               {"class", ClassName(event.cls)},
                               {"text", event.Text()},
                               {"arguments", ArgumentList(event.shape, event.names)}};
-        if (const auto clears = SplitList(event.pairing.clears); !clears.empty()) {
+        AddObject(&entry, event.names);
+        if (const auto clears = Split(event.pairing.clears); !clears.empty()) {
             entry["clears"] = clears;
-            entry["pairedOn"] = SplitList(event.pairing.on);
+            entry["pairedOn"] = Split(event.pairing.on);
         }
         const auto same = Find(type);
         if (same == mEvents.end())
@@ -190,12 +215,15 @@ std::string Cell(std::string text)
     return escaped;
 }
 
-std::string NameList(const ordered_json &arguments)
+// The arguments of an event or observation, its object in bold.
+std::string NameList(const ordered_json &entry)
 {
     std::string list;
-    for (const ordered_json &argument : arguments)
-        list += fmt::format("{}{} ({})", list.empty() ? "" : ", ", argument["name"].get<std::string>(),
-                            argument["type"].get<std::string>());
+    for (const ordered_json &argument : entry["arguments"]) {
+        const bool isObject = entry.value("object", "") == argument["name"];
+        list += fmt::format("{0}{1}{2}{1} ({3})", list.empty() ? "" : ", ", isObject ? "**" : "",
+                            argument["name"].get<std::string>(), argument["type"].get<std::string>());
+    }
     return list;
 }
 
@@ -212,7 +240,8 @@ std::string Markdown(const ordered_json &catalogue)
     std::string page =
         "# Events and observations\n\n"
         "Written by `keld-catalogue` from the daemon's own tables when it is built; do not edit. "
-        "`keladm events` lists the same.\n\n## Events\n";
+        "`keladm events` lists the same. The argument in bold is the object: what the event or observation "
+        "is about.\n\n## Events\n";
     for (const char *cls : {"problem", "clear", "audit"}) {
         page += fmt::format(
             "\n### Class {}\n\n| Event type | Text | Arguments | Pairing |\n|---|---|---|---|\n", cls);
@@ -229,9 +258,8 @@ std::string Markdown(const ordered_json &catalogue)
                                : fmt::format(
                                      " of the same {}",
                                      fmt::join(event["pairedOn"].get<std::vector<std::string>>(), " and "));
-            page +=
-                fmt::format("| `{}` | {} | {} | {} |\n", event["type"].get<std::string>(),
-                            Cell(event["text"].get<std::string>()), NameList(event["arguments"]), pairing);
+            page += fmt::format("| `{}` | {} | {} | {} |\n", event["type"].get<std::string>(),
+                                Cell(event["text"].get<std::string>()), NameList(event), pairing);
         }
     }
     page += "\n## Observations\n";
@@ -246,8 +274,8 @@ std::string Markdown(const ordered_json &catalogue)
             std::string becomes = CodeList(row["becomes"]);
             if (row.contains("note"))
                 becomes += (becomes.empty() ? "" : ": ") + row["note"].get<std::string>();
-            rows += fmt::format("| `{}` | {} | {} |\n", row["id"].get<std::string>(),
-                                NameList(row["arguments"]), Cell(becomes));
+            rows += fmt::format("| `{}` | {} | {} |\n", row["id"].get<std::string>(), NameList(row),
+                                Cell(becomes));
         }
         if (!rows.empty()) page += "| Observation | Arguments | Becomes |\n|---|---|---|\n" + rows + "\n";
         page += "Any other: " + agent["otherwise"].get<std::string>();

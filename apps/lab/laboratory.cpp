@@ -38,8 +38,8 @@ std::optional<std::map<std::string, std::string>> SleepsOfAll()
 
 Laboratory::Laboratory(HandClock &clock) : mClock(clock) { mSeats[mMainThread]; }
 
-// Twice the same, with no move in between: what one look has found idle may have been given something to
-// do while the other was looked at.
+// Two looks with no move in between: what the first has found idle may have been given something to do
+// while another was looked at.
 std::string Laboratory::Settle()
 {
     const auto giveUpAt = steady_clock::now() + kLimit;
@@ -49,15 +49,13 @@ std::string Laboratory::Settle()
             Moves() == moves)
             return "";
 
+        if (MovesSince(moves) && steady_clock::now() < giveUpAt) continue;
         // A thread that sleeps in two looks, and has not gone to sleep in between, has slept all the time;
         // when all have, nobody is left who could wake another.
         const auto sleeps = SleepsOfAll();
         const std::string busy = Busy();
         const bool asleep = sleeps && SleepsOfAll() == sleeps;
         if (!busy.empty() && (asleep || steady_clock::now() >= giveUpAt)) return busy;
-
-        std::unique_lock lock(mMutex);
-        mMoved.wait_for(lock, kLookAgainAfter, [&] { return mMoves != moves; });
     }
 }
 
@@ -105,6 +103,13 @@ std::uint64_t Laboratory::Moves()
 {
     const std::lock_guard guard(mMutex);
     return mMoves;
+}
+
+// True as soon as a thread has begun or ended to wait, false when a while has passed without.
+bool Laboratory::MovesSince(std::uint64_t moves)
+{
+    std::unique_lock lock(mMutex);
+    return mMoved.wait_for(lock, kLookAgainAfter, [&] { return mMoves != moves; });
 }
 
 void Laboratory::AgentBegins()

@@ -22,7 +22,7 @@ public:
     explicit Laboratory(HandClock &clock);
 
     // Returns when every thread waits and nothing waits for any of them: "". When threads sleep elsewhere,
-    // so that it will not come about until somebody outside does his part, who they are: "ScsiCorrelator
+    // so that it will not come about until somebody outside does his part, who they are: "SCSICorrelator
     // posts". After a minute it says the same of those that still run.
     std::string Settle();
 
@@ -50,6 +50,7 @@ private:
     Seat &OwnSeat() { return mSeats[std::this_thread::get_id()]; } // mMutex held
     bool NothingToDo();
     std::uint64_t Moves();
+    bool MovesSince(std::uint64_t moves);
     std::string Busy();
 
     HandClock &mClock;

@@ -9,7 +9,7 @@
 //     advance N       go on by N seconds under traffic that never settles: alarms alone are waited for
 //
 // N being seconds, since the epoch but for the last. It answers "1772366400 ok" with the clock's present
-// time, or "1772366400 busy: ScsiCorrelator posts". KELD_LAB_TIME is the time at which the clock starts, in
+// time, or "1772366400 busy: SCSICorrelator posts". KELD_LAB_TIME is the time at which the clock starts, in
 // place of 2026-03-01 12:00:00 UTC; KELD_LOG_FD is where the log's lines go; KELD_OPTIONAL_AGENTS=1 starts
 // the optional agents too. The scratch partition's link is "scratch" in the run directory.
 #include "laboratory.h"
@@ -31,15 +31,20 @@ namespace {
 std::string Obey(Laboratory &laboratory, HandClock &clock, const char *line)
 {
     unsigned long long seconds = 0;
-    if (std::strcmp(line, "settle\n") == 0) return laboratory.Settle();
-    if (std::sscanf(line, "clock to %llu", &seconds) == 1) return laboratory.MoveTowards(seconds);
-    if (std::sscanf(line, "clock set %llu", &seconds) == 1) return laboratory.Set(seconds);
-    if (std::sscanf(line, "advance %llu", &seconds) == 1) {
+    std::string busy;
+    if (std::strcmp(line, "settle\n") == 0) {
+        busy = laboratory.Settle();
+    } else if (std::sscanf(line, "clock to %llu", &seconds) == 1) {
+        busy = laboratory.MoveTowards(seconds);
+    } else if (std::sscanf(line, "clock set %llu", &seconds) == 1) {
+        busy = laboratory.Set(seconds);
+    } else if (std::sscanf(line, "advance %llu", &seconds) == 1) {
         clock.AwaitWaiter();
         clock.Advance(seconds);
-        return "";
+    } else {
+        return "what?";
     }
-    return "with nothing: what was that?";
+    return busy.empty() ? "ok" : "busy: " + busy;
 }
 
 void ObeyUntilTheEnd(Laboratory &laboratory, HandClock &clock, int fd)
@@ -47,9 +52,8 @@ void ObeyUntilTheEnd(Laboratory &laboratory, HandClock &clock, int fd)
     std::FILE *commands = fdopen(fd, "r");
     char line[64];
     while (commands != nullptr && std::fgets(line, sizeof line, commands) != nullptr) {
-        const std::string busy = Obey(laboratory, clock, line);
-        dprintf(fd, "%llu %s%s\n", static_cast<unsigned long long>(clock.Now()),
-                busy.empty() ? "ok" : "busy: ", busy.c_str());
+        const std::string answer = Obey(laboratory, clock, line);
+        dprintf(fd, "%llu %s\n", static_cast<unsigned long long>(clock.Now()), answer.c_str());
     }
     kill(getpid(), SIGTERM);
 }
@@ -69,11 +73,13 @@ void StartObeying(Laboratory &laboratory, HandClock &clock, int fd)
 std::string OwnRunDirectory()
 {
     const char *named = std::getenv("KALTOR_RUN_DIR");
-    const std::string path = named != nullptr ? named : "";
+    std::string path = named != nullptr ? named : "";
+    while (path.ends_with('/'))
+        path.pop_back();
     std::error_code error;
-    const auto real = std::filesystem::weakly_canonical(path, error);
     const auto service = std::filesystem::weakly_canonical("/var/run/kaltor", error);
-    return path.starts_with('/') && real != service ? path : "";
+    const bool own = path.starts_with('/') && std::filesystem::weakly_canonical(path, error) != service;
+    return own && !error ? path : "";
 }
 
 int Refuse(const char *why)

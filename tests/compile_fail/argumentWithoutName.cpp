@@ -2,4 +2,4 @@
 // Every argument has a name for the catalogue.
 #include "keldTranslation.h"
 
-constexpr KeldArguments kNameless = Args("component:%p, %p");
+constexpr KeldArguments kNameless = Args("%p %p %p", "component, , message");

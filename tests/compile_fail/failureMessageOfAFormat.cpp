@@ -3,6 +3,6 @@
 #include "keldTranslation.h"
 
 constexpr Translation kRow{"kel.scsi.device.off",
-                           Args("device:%p"),
+                           Args("%p", "device"),
                            "@&!*@*@(nox.problem.scsi.device.off)Device %s is off.",
                            {.failed = {"Failed to read the arguments: %d"}}};

@@ -3,6 +3,6 @@
 #include "keldTranslation.h"
 
 constexpr Translation kRow{"kel.scsi.device.off",
-                           Indexed("device:%p"),
+                           Indexed("%p", "device"),
                            "@&!*@*@(nox.problem.scsi.device.off)Device %s is off.",
                            {.failed = {"Failed to read argument %d of %s"}}};

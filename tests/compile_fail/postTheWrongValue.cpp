@@ -1,6 +1,6 @@
 // Refused: the values do not fit the conversions of this text
 // A text posted where the event shows a number.
-#include "keldTranslation.h"
+#include "keldHandler.h"
 
 static constexpr EventText kOff{"@&!*@*@(nox.problem.scsi.path.off)%u paths are off.", "paths"};
 

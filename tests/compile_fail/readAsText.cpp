@@ -2,4 +2,5 @@
 // A text is read as a pointer into the observation.
 #include "keldTranslation.h"
 
-constexpr Translation kRow{"kel.net.gone", Args("nic:%s"), "@&!*@*@(nox.problem.net.gone)NIC %s is gone."};
+constexpr Translation kRow{"kel.net.gone", Args("%s", "nic"),
+                           "@&!*@*@(nox.problem.net.gone)NIC %s is gone."};

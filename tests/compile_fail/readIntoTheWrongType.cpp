@@ -1,8 +1,8 @@
 // Refused: the destinations do not fit the conversions
 // A text read into a number.
-#include "keldTranslation.h"
+#include "keldHandler.h"
 
-static constexpr KeldArguments kDevice = Args("device:%p, redundancy:%d");
+static constexpr KeldArguments kDevice = Args("%p %d", "device, redundancy");
 
 int Read(const Kel *kel, const char **device, long *redundancy)
 {

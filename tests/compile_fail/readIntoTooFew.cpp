@@ -1,7 +1,7 @@
 // Refused: one destination for each conversion
 // A conversion without a destination.
-#include "keldTranslation.h"
+#include "keldHandler.h"
 
-static constexpr KeldArguments kDevice = Args("device:%p, redundancy:%d");
+static constexpr KeldArguments kDevice = Args("%p %d", "device, redundancy");
 
 int Read(const Kel *kel, const char **device) { return KeldRead<kDevice>(kel, device); }

@@ -2,5 +2,5 @@
 // 64 bits read and 32 shown.
 #include "keldTranslation.h"
 
-constexpr Translation kRow{"kel.scsi.latency", Args("microseconds:%lu"),
+constexpr Translation kRow{"kel.scsi.latency", Args("%lu", "microseconds"),
                            "@&!*@*@(nox.problem.scsi.latency)Latency is %u microseconds."};

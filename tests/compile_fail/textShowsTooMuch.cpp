@@ -3,5 +3,5 @@
 #include "keldTranslation.h"
 
 constexpr Translation kRow{
-    "kel.dsfs.volume.umounted", Args("fileSystem:%p"),
+    "kel.dsfs.volume.umounted", Args("%p", "fileSystem"),
     "@&!*@*@(nox.audit.dsfs.volume.umounted)File system %s on volume %s is un-mounted."};

@@ -3,4 +3,4 @@
 #include "keldTranslation.h"
 
 constexpr KeldArguments kThirteen =
-    Args("a:%d, b:%d, c:%d, d:%d, e:%d, f:%d, g:%d, h:%d, i:%d, j:%d, k:%d, l:%d, m:%d");
+    Args("%d %d %d %d %d %d %d %d %d %d %d %d %d", "a, b, c, d, e, f, g, h, i, j, k, l, m");

@@ -1,15 +1,18 @@
-// What the host-management libraries promise about storage, by their public headers alone.
+// What the host-management libraries promise about storage and virtual machines, by their public headers
+// alone.
 
 #include "runDir.h"
 
-#include <knxctl/hostFactory.h>
-#include <knxctl/nodeAdmException.h>
-#include <knxctl/storageInfo.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <knxctl/hostFactory.h>
+#include <knxctl/nodeAdmException.h>
+#include <knxctl/resourceInfo.h>
+
+namespace {
 
 using NodeAdm::Lib::NodeAdmException;
+using NodeAdm::Storage::DiskLun;
 using testing::ElementsAre;
 
 class StorageContract : public testing::Test {
@@ -19,27 +22,22 @@ protected:
     const std::unique_ptr<NodeAdm::Storage::StorageInfo> storage = host->GetStorageInfo();
 };
 
-TEST_F(StorageContract, PathLeadsToItsDevice)
+TEST_F(StorageContract, PathLeadsToItsDeviceWhoseRedundancyIsOneOfFourValues)
 {
     EXPECT_THROW((void)storage->GetDeviceNameOfPath("hba1:C0:T0:L4"), NodeAdmException);
-    runDir.Host("storage/paths/hba1:C0:T0:L4", "naa.60a98000");
-    EXPECT_EQ("naa.60a98000", storage->GetDeviceNameOfPath("hba1:C0:T0:L4"));
-    runDir.Host("storage/paths/fc.20%2F1", "naa.1");
-    EXPECT_EQ("naa.1", storage->GetDeviceNameOfPath("fc.20/1"));
-}
-
-TEST_F(StorageContract, PathRedundancyIsOneOfFourValues)
-{
+    runDir.Host("storage/paths/hba1:C0:T0:L4", "naa.1");
+    EXPECT_EQ("naa.1", storage->GetDeviceNameOfPath("hba1:C0:T0:L4"));
     EXPECT_THROW((void)storage->GetLun("naa.1"), NodeAdmException);
     runDir.HostDirectory("storage/devices/naa.1");
     const auto lun = storage->GetLun("naa.1");
     EXPECT_EQ("naa.1", lun->GetName());
+    EXPECT_EQ(nullptr, dynamic_cast<DiskLun *>(lun.get()));
     EXPECT_THROW((void)lun->GetPathRedundancy(), NodeAdmException);
     for (const std::uint32_t value : {0U, 1U, 2U, 3U}) {
         runDir.Host("storage/devices/naa.1/pathRedundancy", std::to_string(value));
         EXPECT_EQ(value, lun->GetPathRedundancy());
     }
-    for (const char *text : {"4", "-1", "", "two", "2 ", "99999999999999999999"}) {
+    for (const char *text : {"4", "-1", "", "two"}) {
         runDir.Host("storage/devices/naa.1/pathRedundancy", text);
         EXPECT_THROW((void)lun->GetPathRedundancy(), NodeAdmException) << text;
     }
@@ -47,42 +45,32 @@ TEST_F(StorageContract, PathRedundancyIsOneOfFourValues)
 
 TEST_F(StorageContract, DiskLunHasItsPartitionsInAscendingOrder)
 {
-    runDir.HostDirectory("storage/devices/naa.1");
-    EXPECT_EQ(nullptr, dynamic_cast<NodeAdm::Storage::DiskLun *>(storage->GetLun("naa.1").get()));
     runDir.Host("storage/devices/naa.1/partitions/10", "ds-ten");
     runDir.Host("storage/devices/naa.1/partitions/2", "ds-two");
     runDir.Host("storage/devices/naa.1/partitions/.3.tmp", "ds-three"); // half way to its name
     const auto lun = storage->GetLun("naa.1");
-    const auto *disk = dynamic_cast<NodeAdm::Storage::DiskLun *>(lun.get());
-    ASSERT_NE(nullptr, disk);
-    EXPECT_THAT(disk->GetPartitions(), ElementsAre(2, 10));
+    const auto &disk = dynamic_cast<DiskLun &>(*lun);
+    EXPECT_THAT(disk.GetPartitions(), ElementsAre(2, 10));
     EXPECT_EQ("ds-ten", storage->GetDatastoreOn("naa.1:10"));
     EXPECT_EQ("", storage->GetDatastoreOn("naa.1:3"));
     EXPECT_THROW((void)storage->GetDatastoreOn("naa.1"), NodeAdmException);
-    runDir.HostDirectory("storage/devices/naa.1/partitions/4");
-    EXPECT_THROW((void)storage->GetDatastoreOn("naa.1:4"), NodeAdmException);
-}
-
-TEST_F(StorageContract, DeviceThatGoesAwayMeanwhileFailsItsCalls)
-{
-    runDir.Host("storage/devices/naa.1/pathRedundancy", "3");
-    runDir.Host("storage/devices/naa.1/partitions/1", "ds-gold");
-    const auto lun = storage->GetLun("naa.1");
-    runDir.RemoveHost("storage/devices/naa.1");
+    runDir.RemoveHost("storage/devices/naa.1"); // meanwhile
     EXPECT_THROW((void)lun->GetPathRedundancy(), NodeAdmException);
-    EXPECT_THAT(dynamic_cast<NodeAdm::Storage::DiskLun &>(*lun).GetPartitions(), ElementsAre());
+    EXPECT_THAT(disk.GetPartitions(), ElementsAre());
 }
 
-TEST_F(StorageContract, FileSystemsAreListedInOrderAndReportTheirNames)
+TEST_F(StorageContract, VirtualMachineIsFoundByItsWorldAndTerminated)
 {
-    EXPECT_TRUE(KnxCtl::Storage::StorageInfoImpl().GetFileSystems().empty());
-    runDir.Host("storage/filesystems/b/name", "ds-silver");
-    runDir.Host("storage/filesystems/a/uuid", "5f3c1d2e");
-    runDir.Host("storage/filesystems/a/name", "ds-gold");
-    const auto mounted = KnxCtl::Storage::StorageInfoImpl().GetFileSystems();
-    ASSERT_EQ(2U, mounted.size());
-    EXPECT_EQ("5f3c1d2e", mounted[0]->GetUuid());
-    EXPECT_EQ("ds-gold", mounted[0]->GetName());
-    EXPECT_EQ("ds-silver", mounted[1]->GetName());
-    EXPECT_THROW((void)mounted[1]->GetUuid(), NodeAdmException);
+    const KnxCtl::Resource::ResourceInfoImpl resources;
+    EXPECT_THROW((void)resources.GetVirtualMachineByWorldId(4711), NodeAdmException);
+    runDir.Host("vms/4711/name", "web01");
+    const auto machine = resources.GetVirtualMachineByWorldId(4711);
+    EXPECT_EQ("web01", machine->GetName());
+    machine->Terminate(false);
+    EXPECT_EQ("0", runDir.HostText("vms/4711/terminated"));
+    runDir.RemoveHost("vms/4711");
+    runDir.Host("vms/4711", "no folder");
+    EXPECT_THROW(machine->Terminate(false), NodeAdmException);
 }
+
+} // namespace

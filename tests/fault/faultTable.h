@@ -16,7 +16,6 @@ enum class Seam : std::size_t {
     Bind,
     Cancel,
     Connect,
-    Fcntl,
     GetTimeOfDay,
     Join,
     Listen,

@@ -1,23 +1,13 @@
 #include "faults.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <limits>
-#include <stdexcept>
 #include <sys/mman.h>
 #include <system_error>
 #include <unistd.h>
-
-namespace {
-
-template <std::size_t kSize> void Copy(std::array<char, kSize> &to, const std::string &text)
-{
-    if (text.size() >= kSize) throw std::invalid_argument(text + ": too long");
-    to.fill('\0');
-    text.copy(to.data(), text.size());
-}
-
-} // namespace
 
 Faults::Faults(const std::string &path) : mVariable(kFaultTableVariable + ("=" + path))
 {
@@ -40,8 +30,9 @@ void Faults::Arm(const Fault &fault, Times times)
 {
     FaultSlot &slot = SlotOf(fault.seam);
     slot.error = 0;
-    Copy(slot.thread, fault.thread);
-    Copy(slot.path, fault.path);
+    const bool path = std::strchr(fault.of, '/') != nullptr;
+    std::snprintf(slot.thread.data(), slot.thread.size(), "%s", path ? "" : fault.of);
+    std::snprintf(slot.path.data(), slot.path.size(), "%s", path ? fault.of : "");
     slot.size = fault.size;
     slot.passes = fault.nth - 1;
     slot.failures = times == Times::Once ? 1 : std::numeric_limits<std::int64_t>::max();

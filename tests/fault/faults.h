@@ -1,4 +1,4 @@
-// Lets calls of a daemon fail; for programs linked into this test, see swapFaultTest.cpp.
+// Lets calls of a daemon fail.
 #ifndef TESTS_FAULT_FAULTS_H
 #define TESTS_FAULT_FAULTS_H
 
@@ -10,10 +10,9 @@
 struct Fault {
     Seam seam;
     int error;
+    const char *of = "";  // of a thread, or with a part of a path, which has a "/" in it
     std::int64_t nth = 1; // the first call that fails, of those that are meant
-    const char *thread = "";
-    const char *path = "";
-    std::size_t size = 0;
+    std::size_t size = 0; // asking for so many bytes
 };
 
 enum class Times { Once, ForEver };

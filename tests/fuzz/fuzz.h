@@ -1,8 +1,8 @@
 // What the fuzz targets share.
 //
-// A target is one file with one LLVMFuzzerTestOneInput. It is linked twice: with libFuzzer, which makes
-// up inputs, and with replayMain.cpp, which runs those of corpus/<target> as the test fuzz.<target>. A
-// file that once broke a target is put there and stays.
+// A target is one file with one Fuzz. It is linked twice with main.cpp: with libFuzzer, which makes up
+// inputs, and without, where it runs those of corpus/<target> as the test fuzz.<target>. A file that once
+// broke a target is put there and stays.
 #ifndef TESTS_FUZZ_FUZZ_H
 #define TESTS_FUZZ_FUZZ_H
 
@@ -10,10 +10,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <kltlibs/kel.h>
+#include <memory>
 #include <string>
 #include <string_view>
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size);
+// The input lies in memory of exactly its size, so that a sanitizer sees a read behind its end.
+void Fuzz(std::string_view input);
 
 // What has to hold for every input. Ends the program, so that the fuzzer keeps the input.
 #define FUZZ_CHECK(condition)                                                                              \
@@ -24,17 +27,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         }                                                                                                  \
     } while (false)
 
-inline std::string_view AsText(const std::uint8_t *data, std::size_t size)
-{
-    return {reinterpret_cast<const char *>(data), size};
-}
-
 // Takes the bytes up to the first separator off *rest, and the separator; all of it when there is none.
-inline std::string TakeUntil(std::string_view *rest, char separator)
-{
-    const std::string_view part = rest->substr(0, rest->find(separator));
-    rest->remove_prefix(part.size() < rest->size() ? part.size() + 1 : part.size());
-    return std::string(part);
-}
+std::string TakeUntil(std::string_view *rest, char separator);
+
+// The text, which is freed; checks that it ends where its length says.
+std::string TakeText(char *text, std::size_t length);
+
+// Null when the record is refused.
+std::unique_ptr<Kel, void (*)(Kel *)> MakeKel(std::string_view record);
 
 #endif

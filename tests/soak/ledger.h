@@ -11,92 +11,65 @@
 #include "traffic.h"
 
 #include <atomic>
+#include <deque>
 #include <eventRecord.h>
+#include <map>
 #include <mutex>
-#include <unordered_map>
 
-// One producer from its first observation to its last. It may be cut short.
+// One producer from its first observation to its last.
 struct ProducerLife {
-    std::vector<std::uint16_t> script;
-    std::atomic<std::uint32_t> sent = 0; // counted before it is sent
-    std::atomic<bool> ended = false;
-
-    // The ledger's thread only: the next number for each agent, the last one delivered from each.
-    std::array<std::uint32_t, kAgents> next{};
-    std::array<std::int64_t, kAgents> delivered{};
-    bool complete = false;
-
-    explicit ProducerLife(std::vector<std::uint16_t> what) : script(std::move(what)) { delivered.fill(-1); }
+    std::atomic<Serial> next = 0; // to be sent; counted before it is sent
+    // The ledger's, for each agent: what is next to be taken in, and whose event is next to come at best.
+    std::vector<Serial> taken, delivered;
 };
 
+// One thread, where nothing else is said.
 class Ledger {
 public:
     explicit Ledger(const Traffic &traffic);
 
-    // Any thread, before the first observation is sent.
-    std::shared_ptr<ProducerLife> Begin(std::uint32_t producer);
+    // Any thread, before the first observation is sent; stays to the end.
+    ProducerLife &Begin();
 
-    // One thread. Whole lines; an event only after the lines that were written before it came.
+    // Whole lines; an event only after the lines that were written before it came.
     void TakeLog(std::string_view lines);
     void TakeEvent(const EventRecord &event);
 
-    // True when nothing is owed any more: all that was sent was taken in, all that was posted has come,
-    // waits or was abandoned. Any thread may ask.
-    bool IsEven() const { return mEven; }
-    std::uint64_t Settled() const { return mSettled; } // how often that was looked at
-    void Settle();
+    // What is owed, for a failure message: nothing when all that was sent was taken in, and all that was
+    // posted has come, waits or was abandoned.
+    std::string Owed();
+    bool HasFailed() const { return mFailures != 0; } // any thread
 
-    bool HasFailed() const { return mFailures != 0; }
-    std::string Summary() const;
-    std::string Unsettled() const; // what is owed, for a failure message
-
-    std::uint64_t Disconnected() const { return mDisconnected; } // trace clients that did not read
-    std::uint64_t TakenIn() const { return mTakenIn; }
-    std::uint64_t Posted() const { return mPosted; }
-    std::uint64_t Dropped() const { return mDropped; }
+    struct Counts {
+        std::uint64_t takenIn = 0, posted = 0, dropped = 0; // dropped by the rate limit
+        std::uint64_t delivered = 0, queued = 0, resent = 0, abandoned = 0;
+        std::uint64_t disconnected = 0; // trace clients that did not read
+    };
+    const Counts &Total() const { return mTotal; }
 
 private:
-    struct Owed {
-        bool pending = false;
-        Serial serial;
-        std::uint16_t kind = 0;
-    };
-    struct TypeAccount {
-        std::size_t agent = 0;
-        bool hasState = false;
-        std::optional<std::size_t> tag;
-        std::uint64_t posted = 0, delivered = 0, queued = 0, resent = 0, abandoned = 0;
-        Serial last; // posted
-    };
-    struct OnItsWay {
-        std::uint16_t kind = 0;
-        bool queued = false;
+    struct Account {
+        std::int64_t underway = 0; // posted, but neither delivered nor waiting
+        Serial last = UINT64_MAX;  // posted; none of those from state
     };
 
-    void TakeLine(std::string_view line);
-    void TakeObservation(std::size_t agent, Serial serial);
-    void TakeUnheard(std::string_view id);
-    void TakePosted(std::size_t agent, std::string_view type);
-    void TakeDropped(std::string_view type);
-    void Advance(ProducerLife &life, std::size_t agent, Serial serial);
-    ProducerLife *Life(std::uint32_t producer);
-    ProducerLife *Sent(Serial serial); // null, with a failure, when it was not, or is long done with
-    TypeAccount *Account(std::string_view type);
+    void TakeLine(const std::string &line);
+    void TakeIn(std::size_t agent, Serial serial);
+    void TakePosted(const std::string &type);
+    std::optional<Serial> Settle(const std::string &type);
+    ProducerLife *Sent(Serial serial);
+    void PassOver(Serial &next, std::size_t agent, Serial end) const;
+    Account &Book(const std::string &type, int underway, std::uint64_t &total);
     void Fail(const std::string &what);
 
     const Traffic &mTraffic;
-    mutable std::mutex mMutex; // mLives
-    std::map<std::uint32_t, std::shared_ptr<ProducerLife>> mLives;
-
-    std::unordered_map<std::string_view, std::size_t> mAgents; // by name
-    std::array<std::string, kAgents> mNames;
-    std::array<Owed, kAgents> mOwed{};
-    std::map<std::string, TypeAccount, std::less<>> mAccounts;
-    std::map<Serial, OnItsWay> mOutstanding; // tagged events that have been posted and not come
-    std::atomic<std::uint64_t> mTakenIn = 0, mPosted = 0, mDropped = 0, mDisconnected = 0;
+    std::mutex mMutex; // mLives
+    std::deque<ProducerLife> mLives;
+    std::vector<std::optional<Serial>> mOwed; // by each agent: an event, or a line that it was dropped
+    std::map<std::string, Account> mAccounts; // by event type
+    std::map<Serial, bool> mUnderway;         // tagged events that were posted and have not come: queued?
+    Counts mTotal;
     std::atomic<int> mFailures = 0;
-    std::atomic<bool> mEven = false;
-    std::atomic<std::uint64_t> mSettled = 0;
 };
 
 #endif

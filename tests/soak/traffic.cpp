@@ -1,256 +1,138 @@
 #include "traffic.h"
 
-#include <charconv>
-#include <cstring>
+#include <algorithm>
+#include <fstream>
 #include <kltlibs/msgfmt.h>
+#include <map>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
-namespace {
+using nlohmann::json;
 
-constexpr std::string_view kTagMark = "soak-";
-constexpr std::size_t kScriptMax = 20'000;
+namespace {
 
 // How often each sort comes: one-to-one rows make most of the traffic. What is gathered over time comes
 // seldom, as on a host: thousands in one batch would make an event that is too large to be posted.
 constexpr std::size_t kRowWeight = 40;
-constexpr std::size_t kOtherWeight = 40;
 constexpr std::size_t kStateWeight = 4;
 constexpr std::size_t kUplinkWeight = 1;
 
-bool IsUnder(std::string_view id, const KeldDomain &domain)
+// As an event shows it; it travels as nine numbers, n and the next ones.
+std::string UuidText(unsigned n)
 {
-    for (const char *name : domain.domains)
-        if (name != nullptr && id.starts_with("kel." + std::string(name) + ".")) return true;
-    return false;
+    char text[40];
+    std::snprintf(text, sizeof text, "%08x-%08x-%04x-%02x%02x%02x%02x%02x%02x", n, n + 1, n + 2, n + 3,
+                  n + 4, n + 5, n + 6, n + 7, n + 8);
+    return text;
 }
-
-bool Knows(const KeldDomain &domain, std::string_view id)
-{
-    for (const Translation &row : domain.translations.rows)
-        if (row.id == id) return true;
-    for (const KeldObservation &row : domain.observations)
-        if (row.id == id) return true;
-    return false;
-}
-
-// Who leaves a trace line of it.
-std::uint32_t LoggedBy(std::string_view id)
-{
-    std::uint32_t agents = 0;
-    for (std::size_t agent = 0; agent < kAgents; ++agent) {
-        const KeldDomain &domain = keldCorrelators[agent].domain;
-        if (!IsUnder(id, domain)) continue;
-        const std::string_view otherwise = domain.otherwise;
-        if (Knows(domain, id) || otherwise.starts_with("written to the log")) agents |= 1U << agent;
-    }
-    return agents;
-}
-
-Dice DiceFor(std::uint64_t seed, Serial serial) { return Dice(seed ^ serial.ToTimestamp()); }
-
-// The arguments of one observation, and how an event shows each.
-struct Values {
-    std::string format;
-    std::vector<std::string> texts;
-    std::vector<KelProducerArg> args;
-    std::vector<std::string> shown;
-
-    Values(const TrafficKind &kind, Serial serial, Dice dice)
-    {
-        if (kind.arguments == nullptr) return;
-        const KeldArguments &arguments = *kind.arguments;
-        texts.reserve(arguments.shape.count); // args point into it
-        for (std::size_t i = 0; i < arguments.shape.count; ++i)
-            Add(arguments.shape.at[i], arguments.names[i], kind.tag == i ? serial.ToTag() : std::string(),
-                dice);
-    }
-
-    void Add(char letter, std::string_view name, const std::string &tag, Dice &dice)
-    {
-        switch (letter) {
-        case 's':
-            texts.push_back(TextFor(name, dice) + tag);
-            Push("%s ", {MSGFMT_TYPE_STRING, 0, texts.back().c_str()});
-            shown.push_back(texts.back());
-            return;
-        case 'v': {
-            const auto number = static_cast<unsigned>(dice.Below(250));
-            for (unsigned part = 0; part < 9; ++part)
-                Push("%x ", {MSGFMT_TYPE_UINT32, number + part % 5, nullptr});
-            char text[40];
-            std::snprintf(text, sizeof text, "%08x-%08x-%04x-%02x%02x%02x%02x%02x%02x", number, number + 1,
-                          number + 2, number + 3, number + 4, number, number + 1, number + 2, number + 3);
-            shown.emplace_back(text);
-            return;
-        }
-        case 'D':
-            return AddNumber("%ld ", MSGFMT_TYPE_INT64, dice.Below(1ULL << 40));
-        case 'U':
-            return AddNumber("%lu ", MSGFMT_TYPE_UINT64, dice.Below(1ULL << 40));
-        case 'u':
-            return AddNumber("%u ", MSGFMT_TYPE_UINT32, dice.Below(1ULL << 31));
-        default: // of what has narrower forms: what fits each
-            return AddNumber("%d ", MSGFMT_TYPE_INT32, dice.Below(name.starts_with("uplinks") ? 3 : 100));
-        }
-    }
-
-    void AddNumber(const char *conversion, std::uint32_t type, std::uint64_t number)
-    {
-        Push(conversion, {type, number, nullptr});
-        shown.push_back(std::to_string(number));
-    }
-
-    // Few names of each sort, as a host has.
-    static std::string TextFor(std::string_view name, Dice &dice)
-    {
-        const std::string number = std::to_string(dice.Below(4));
-        if (name == "nic") return "vmnic" + number;
-        if (name == "portGroup") return "PG-" + number;
-        if (name == "path") return "hba1:C0:T0:L" + number;
-        return std::string(name) + "-" + number;
-    }
-
-    void Push(const char *conversion, KelProducerArg arg)
-    {
-        format += conversion;
-        args.push_back(arg);
-    }
-};
 
 } // namespace
 
-std::uint64_t Dice::Next()
+std::uint64_t Dice::Below(std::uint64_t end)
 {
-    std::uint64_t z = mState += 0x9E3779B97F4A7C15;
+    std::uint64_t z = state += 0x9E3779B97F4A7C15;
     z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9;
     z = (z ^ (z >> 27)) * 0x94D049BB133111EB;
-    return z ^ (z >> 31);
+    return (z ^ (z >> 31)) % end;
 }
 
-Serial Serial::FromTimestamp(std::uint64_t timestamp)
+std::string ToTag(Serial serial) { return "-soak" + std::to_string(serial) + "-"; }
+
+std::optional<Serial> FindTag(const std::string &text)
 {
-    const std::uint64_t serial = timestamp - kObservationTime;
-    return {static_cast<std::uint32_t>(serial >> 20), static_cast<std::uint32_t>(serial & kNumberMax)};
+    const std::size_t at = text.find("-soak");
+    if (at == text.npos) return std::nullopt;
+    return std::strtoull(text.c_str() + at + 5, nullptr, 10);
 }
 
-std::string Serial::ToTag() const
+Traffic::Traffic(const std::string &catalogueFile, std::uint64_t seed) : mSeed(seed)
 {
-    return "." + std::string(kTagMark) + std::to_string(producer) + "-" + std::to_string(number) + "-";
-}
-
-std::optional<Serial> Serial::FromText(std::string_view text)
-{
-    const std::size_t mark = text.find(kTagMark);
-    if (mark == text.npos) return std::nullopt;
-    Serial serial;
-    const char *const end = text.data() + text.size();
-    const char *at = std::from_chars(text.data() + mark + kTagMark.size(), end, serial.producer).ptr;
-    if (at == end || std::from_chars(at + 1, end, serial.number).ec != std::errc()) return std::nullopt;
-    return serial;
-}
-
-Traffic::Traffic(std::uint64_t seed) : mSeed(seed)
-{
-    for (std::size_t agent = 0; agent < kAgents; ++agent) {
-        const KeldDomain &domain = keldCorrelators[agent].domain;
-        for (const Translation &row : domain.translations.rows)
-            AddRow(agent, row);
-        for (const KeldObservation &row : domain.observations)
-            AddObservation(agent, row);
+    std::ifstream file(catalogueFile);
+    const json catalogue = json::parse(file);
+    for (const json &agent : catalogue["agents"])
+        mAgents.push_back({agent["name"], agent["domains"],
+                           agent["otherwise"].get<std::string>().starts_with("written to the log")});
+    for (const json &row : catalogue["observations"])
+        AddListed(row, catalogue["events"]);
+    // What no table knows: ignored, written to the log, or named there as unknown.
+    for (std::size_t agent = 0; agent < mAgents.size(); ++agent) {
+        const json &entry = catalogue["agents"][agent];
+        TrafficKind kind{.id = "kel." + mAgents[agent].domains.front() + ".unheard.of"};
+        kind.isNamed = entry["otherwise"] == "named in the log" ||
+                       entry["otherwise"] == "reported in the log as unknown";
+        if (kind.isNamed) kind.agent = agent;
+        Add(std::move(kind), kRowWeight);
     }
-    AddOthers();
+    Add({.id = "kel.nobody.listens"}, kRowWeight);
 }
 
-void Traffic::AddRow(std::size_t agent, const Translation &row)
+void Traffic::AddListed(const json &row, const json &events)
 {
-    TrafficKind kind{row.id, &row.arguments, LoggedBy(row.id), false, &row, agent, {}, {}};
-    for (std::size_t place = 0; place < row.event.shape.count && !kind.tag; ++place)
-        if (row.arguments.shape.at[row.shows[place]] == 's') {
-            kind.tag = row.shows[place];
-            kind.tagShown = place;
-        }
-    const std::string type(row.event.TypeId());
-    if (!mPosters.emplace(type, agent).second && mPosters[type] != agent)
-        throw std::logic_error(type + " is posted by two agents");
-    mTags[type].insert(kind.tagShown);
-    Add(std::move(kind), kRowWeight);
-}
-
-void Traffic::AddObservation(std::size_t agent, const KeldObservation &row)
-{
-    for (const EventText *event : row.posts)
-        if (event != nullptr) {
-            mPosters.emplace(event->TypeId(), agent);
-            mWithState.emplace(event->TypeId());
-            mTags[std::string(event->TypeId())].insert(std::nullopt);
-        }
-    const std::string_view id = row.id;
+    TrafficKind kind{.id = row["id"]};
+    const auto agent = std::ranges::find(mAgents, row["agent"].get<std::string>(), &Agent::name);
+    kind.agent = static_cast<std::size_t>(agent - mAgents.begin());
+    for (const json &argument : row["arguments"])
+        kind.arguments.push_back({argument["name"], argument["type"]});
     // A watchdog holds its NIC's batches back, for good when nothing comes up: they would only grow.
-    if (id == "kel.net.uplink.watchdog.timeout") return;
-    const bool uplink = id.starts_with("kel.net.");
-    Add({row.id, &row.arguments, LoggedBy(id), false, nullptr, agent, {}, {}},
-        uplink ? kUplinkWeight : kStateWeight);
-}
-
-// What no table knows: ignored, written to the log, or named there as unknown.
-void Traffic::AddOthers()
-{
-    for (std::size_t agent = 0; agent < kAgents; ++agent) {
-        const KeldDomain &domain = keldCorrelators[agent].domain;
-        const std::string_view otherwise = domain.otherwise;
-        const std::string id = "kel." + std::string(domain.domains[0]) + ".unheard.of";
-        const bool named = otherwise == "named in the log" || otherwise == "reported in the log as unknown";
-        Add({id, nullptr, named ? 1U << agent : LoggedBy(id), named, nullptr, 0, {}, {}}, kOtherWeight);
-        if (domain.defaultPosts == nullptr) continue;
-        const std::string type(domain.defaultPosts->TypeId());
-        mPosters.emplace(type, agent);
-        mWithState.insert(type);
-        mTags[type].insert(std::nullopt);
+    if (kind.id == "kel.net.uplink.watchdog.timeout") return;
+    std::size_t weight = kind.id.starts_with("kel.net.") ? kUplinkWeight : kStateWeight;
+    if (!row.contains("note")) { // which tells what state or a decision makes of it
+        weight = kRowWeight;
+        mEvents.insert(kind.event = row["becomes"].at(0));
+        for (const json &event : events)
+            if (event["type"] == kind.event)
+                for (const json &argument : event["arguments"])
+                    kind.shows.push_back(argument["name"]);
     }
-    Add({"kel.nobody.listens", nullptr, 0, false, nullptr, 0, {}, {}}, kOtherWeight);
+    Add(std::move(kind), weight);
 }
 
 void Traffic::Add(TrafficKind kind, std::size_t weight)
 {
-    mWeighted.insert(mWeighted.end(), weight, static_cast<std::uint16_t>(mKinds.size()));
+    for (std::size_t agent = 0; agent < mAgents.size(); ++agent)
+        for (const std::string &domain : mAgents[agent].domains)
+            if (kind.id.starts_with("kel." + domain + ".") &&
+                (agent == kind.agent || mAgents[agent].logsAll))
+                kind.takers |= 1U << agent;
+    mWeighted.insert(mWeighted.end(), weight, mKinds.size());
     mKinds.push_back(std::move(kind));
 }
 
-std::vector<std::uint16_t> Traffic::Script(std::uint32_t producer) const
+const TrafficKind &Traffic::KindOf(Serial serial) const
 {
-    Dice dice(mSeed ^ (std::uint64_t{producer} << 32));
-    std::vector<std::uint16_t> script(1 + dice.Below(kScriptMax));
-    for (std::uint16_t &kind : script)
-        kind = mWeighted[dice.Below(mWeighted.size())];
-    return script;
+    return mKinds[mWeighted[Dice{mSeed ^ serial}.Below(mWeighted.size())]];
 }
 
-void Traffic::Append(RecordBytes &batch, std::size_t kind, Serial serial) const
+TrafficObservation Traffic::Make(Serial serial) const
 {
-    const TrafficKind &what = mKinds[kind];
-    const Values values(what, serial, DiceFor(mSeed, serial));
-    const std::string id = what.unheard ? what.id + serial.ToTag() : what.id;
-    std::byte record[4096];
+    const TrafficKind &kind = KindOf(serial);
+    const std::string tag = ToTag(serial);
+    Dice dice{~mSeed ^ serial};
+    std::string format;
+    std::vector<KelProducerArg> args;
+    std::map<std::string, std::string> shown; // by name
+    for (const auto &[name, type] : kind.arguments) {
+        const auto n = static_cast<unsigned>(dice.Below(name.starts_with("uplinks") ? 3 : 100));
+        if (type == "string") { // few of each sort, as a host has; what goes into state stays so
+            shown[name] = name + "-" + std::to_string(n % 4) + (kind.event.empty() ? "" : tag);
+            format += "%s ";
+            args.push_back({MSGFMT_TYPE_STRING, 0, shown[name].c_str()});
+            continue;
+        }
+        shown[name] = type == "uuid" ? UuidText(n) : std::to_string(n);
+        for (unsigned part = 0; part < (type == "uuid" ? 9 : 1); ++part) {
+            format += "%d ";
+            args.push_back({MSGFMT_TYPE_INT32, n + part, nullptr});
+        }
+    }
+    const std::string id = kind.isNamed ? kind.id + tag : kind.id;
+    TrafficObservation made{RecordBytes(4096)};
     std::size_t length = 0;
-    const int error =
-        KelRecord_BuildFromArgs(record, sizeof record, &length, serial.ToTimestamp(), id.c_str(),
-                                values.format.c_str(), values.args.data(), values.args.size());
-    if (error != 0) throw std::runtime_error(id + ": " + std::strerror(error));
-    batch.insert(batch.end(), record, record + length);
-}
-
-std::vector<std::string> Traffic::Shown(std::size_t kind, Serial serial) const
-{
-    const TrafficKind &what = mKinds[kind];
-    const Values values(what, serial, DiceFor(mSeed, serial));
-    std::vector<std::string> shown;
-    for (std::size_t place = 0; place < what.row->event.shape.count; ++place)
-        shown.push_back(values.shown[what.row->shows[place]]);
-    return shown;
-}
-
-std::optional<std::size_t> Traffic::TagOf(const std::string &type) const
-{
-    const auto found = mTags.find(type);
-    return found == mTags.end() || found->second.size() != 1 ? std::nullopt : *found->second.begin();
+    if (KelRecord_BuildFromArgs(made.record.data(), made.record.size(), &length, kObservationTime + serial,
+                                id.c_str(), format.c_str(), args.data(), args.size()) != 0)
+        throw std::logic_error(id + " cannot be built");
+    made.record.resize(length);
+    for (const std::string &name : kind.shows)
+        made.shown.push_back(shown.at(name));
+    return made;
 }

@@ -1,104 +1,79 @@
 // Plausible traffic of a whole host, made from one number.
 //
-// What can be sent is taken from the daemon's tables; what is sent follows from the seed, the producer
-// and its count alone. So each observation can be made anew wherever its serial is known: nothing that
-// was sent has to be kept to say what must have come of it.
+// What can be sent is taken from the catalogue; what is sent follows from the seed and the observation's
+// serial alone. So each observation can be made anew wherever its serial is known: nothing that was sent
+// has to be kept to say what must have come of it.
 #ifndef TESTS_SOAK_TRAFFIC_H
 #define TESTS_SOAK_TRAFFIC_H
 
 #include "observation.h"
 
-#include <array>
-#include <cstdint>
-#include <keldDomains.h>
-#include <keldTranslation.h>
-#include <map>
-#include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <set>
-#include <string>
-#include <string_view>
-#include <vector>
-
-constexpr std::size_t kAgents = std::tuple_size_v<decltype(keldCorrelators)>;
 
 // A small generator of even numbers, the same on every machine.
-class Dice {
-public:
-    explicit Dice(std::uint64_t seed) : mState(seed) {}
-    std::uint64_t Next();
-    std::uint64_t Below(std::uint64_t end) { return Next() % end; }
-
-private:
-    std::uint64_t mState;
+struct Dice {
+    std::uint64_t state;
+    std::uint64_t Below(std::uint64_t end);
 };
 
-// Which observation it is: the number-th of a producer. An observation carries it as its time stamp, and
-// an event, where one of its texts comes from the observation, in that text.
-struct Serial {
-    std::uint32_t producer = 0;
-    std::uint32_t number = 0;
-    auto operator<=>(const Serial &) const = default;
-
-    static constexpr std::uint32_t kNumberMax = (1U << 20) - 1;
-    std::uint64_t ToTimestamp() const
-    {
-        return kObservationTime + (std::uint64_t{producer} << 20 | number);
-    }
-    static Serial FromTimestamp(std::uint64_t timestamp);
-    std::string ToTag() const; // "naa.soak-12-345-"
-    static std::optional<Serial> FromText(std::string_view text);
-};
+// Which observation it is: the producer, and in the low bits how many that one has sent before. An
+// observation carries it behind its time stamp and in its texts; so an event that shows a text does, too.
+using Serial = std::uint64_t;
+constexpr unsigned kSerialBits = 20;
+std::string ToTag(Serial serial); // "-soak12345-"
+std::optional<Serial> FindTag(const std::string &text);
 
 // One kind of observation, and what must come of it.
 struct TrafficKind {
+    struct Argument {
+        std::string name;
+        std::string type;
+    };
     std::string id;
-    const KeldArguments *arguments = nullptr;
-    std::uint32_t takers = 0; // agents that leave a line in the log, a bit each: its trace line,
-    bool unheard = false;     // or its ID as that of something unknown
+    std::vector<Argument> arguments{};
+    std::size_t agent = SIZE_MAX; // that knows it, if any, and posts the event
+    std::uint32_t takers = 0;     // agents that leave a line in the log, a bit each: its trace line,
+    bool isNamed = false;         // or its ID as that of something unknown
+    // Where it becomes exactly one event, with nothing in between: its type, and which arguments it shows.
+    std::string event{};
+    std::vector<std::string> shows{};
 
-    bool IsTakenBy(std::size_t agent) const { return (takers >> agent & 1) != 0; }
+    bool IsTakenBy(std::size_t taker) const { return taker < 32 && (takers >> taker & 1) != 0; }
+};
 
-    // Exactly one event, and nothing in between: who posts it, and where its serial is.
-    const Translation *row = nullptr;
-    std::size_t postedBy = 0;
-    std::optional<std::size_t> tag;      // the argument
-    std::optional<std::size_t> tagShown; // its place in the event
+struct TrafficObservation {
+    RecordBytes record;
+    std::vector<std::string> shown{}; // the arguments of the event that it must become, as texts
 };
 
 class Traffic {
 public:
-    explicit Traffic(std::uint64_t seed);
+    Traffic(const std::string &catalogueFile, std::uint64_t seed);
 
-    const TrafficKind &Kind(std::size_t index) const { return mKinds[index]; }
+    struct Agent {
+        std::string name;
+        std::vector<std::string> domains;
+        bool logsAll; // of its domains
+    };
+    const std::vector<Agent> &Agents() const { return mAgents; }
 
-    // What one producer sends, in order.
-    std::vector<std::uint16_t> Script(std::uint32_t producer) const;
+    // True for an event type that some kind becomes; others are posted when state says so.
+    bool IsOfAKind(const std::string &event) const { return mEvents.count(event) != 0; }
 
-    // Appends one observation to a batch.
-    void Append(RecordBytes &batch, std::size_t kind, Serial serial) const;
-
-    // The arguments of the event that it must become, as texts.
-    std::vector<std::string> Shown(std::size_t kind, Serial serial) const;
-
-    // By whom an event type is posted; what has state, and posts it when it sees fit.
-    const std::map<std::string, std::size_t, std::less<>> &Posters() const { return mPosters; }
-    bool HasState(std::string_view type) const { return mWithState.find(type) != mWithState.end(); }
-    // The place of the serial in events of the type; none where any row or state posts it without.
-    std::optional<std::size_t> TagOf(const std::string &type) const;
+    const TrafficKind &KindOf(Serial serial) const;
+    TrafficObservation Make(Serial serial) const;
 
 private:
-    void AddRow(std::size_t agent, const Translation &row);
-    void AddObservation(std::size_t agent, const KeldObservation &row);
-    void AddOthers();
+    void AddListed(const nlohmann::json &row, const nlohmann::json &events);
     void Add(TrafficKind kind, std::size_t weight);
 
     std::uint64_t mSeed;
+    std::vector<Agent> mAgents;
+    std::set<std::string> mEvents;
     std::vector<TrafficKind> mKinds;
-    std::vector<std::uint16_t> mWeighted; // each kind as often as it weighs
-    std::map<std::string, std::size_t, std::less<>> mPosters;
-    std::map<std::string, std::set<std::optional<std::size_t>>, std::less<>> mTags;
-    std::set<std::string, std::less<>> mWithState;
+    std::vector<std::size_t> mWeighted; // each kind as often as it weighs
 };
 
 #endif

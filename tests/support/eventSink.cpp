@@ -1,58 +1,38 @@
 #include "eventSink.h"
 
-#include <cerrno>
-#include <cstring>
+#include "unixSocket.h"
+
 #include <gtest/gtest.h>
-#include <kltlibs/rundir.h>
 #include <poll.h>
-#include <stdexcept>
 #include <string_view>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <system_error>
-#include <unistd.h>
 
 namespace {
 
 using Bytes = std::vector<std::byte>;
 
-sockaddr_un Address()
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (KltRunDir_Path("carad-pling.sock", address.sun_path, sizeof address.sun_path) != 0)
-        throw std::runtime_error("no run directory");
-    return address;
-}
+constexpr char kSocket[] = "carad-pling.sock";
 
 // One connection's bytes to its end.
-Bytes ReadToEnd(int fd)
+Bytes ReadToEnd(const UniqueFd &connection)
 {
     Bytes bytes;
     std::byte piece[4096];
-    while (true) {
-        pollfd readable{fd, POLLIN, 0};
-        if (poll(&readable, 1, static_cast<int>(std::chrono::milliseconds(kWaitLimit).count())) != 1) {
-            ADD_FAILURE() << "a sender keeps its connection open without sending";
-            return bytes;
-        }
-        const ssize_t got = read(fd, piece, sizeof piece);
+    while (WaitForEvents(connection.Get(), POLLIN) != 0) {
+        const ssize_t got = read(connection.Get(), piece, sizeof piece);
         if (got <= 0) return bytes;
         bytes.insert(bytes.end(), piece, piece + got);
     }
+    ADD_FAILURE() << "a sender keeps its connection open without sending";
+    return bytes;
 }
 
 std::vector<EventRecord> Decoded(const std::vector<Bytes> &records)
 {
-    std::vector<EventRecord> events;
-    for (const Bytes &record : records) {
-        EventRecord event;
-        std::string error;
-        if (EventRecord_Decode(record, &event, &error) == 0)
-            events.push_back(std::move(event));
-        else
-            ADD_FAILURE() << "not an event record: " << error;
-    }
+    std::vector<EventRecord> events(records.size());
+    std::string error;
+    for (std::size_t i = 0; i < records.size(); ++i)
+        EXPECT_EQ(0, EventRecord_Decode(records[i], &events[i], &error))
+            << "not an event record: " << error;
     return events;
 }
 
@@ -71,8 +51,7 @@ std::string ToText(const EventRecord &event)
     std::string text = event.typeId + "(";
     std::string_view separator = "";
     for (const EventArgument &argument : event.arguments) {
-        text += separator;
-        text += argument.ToText();
+        text.append(separator).append(argument.ToText());
         separator = ", ";
     }
     return text + ")";
@@ -80,47 +59,35 @@ std::string ToText(const EventRecord &event)
 
 void EventSink::Start(int backlog)
 {
-    if (mFd >= 0) return;
-    const sockaddr_un address = Address();
-    unlink(address.sun_path);
-    mFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (bind(mFd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
-        listen(mFd, backlog) != 0)
-        throw std::system_error(errno, std::generic_category(), address.sun_path);
+    if (!mFd) mFd = ListenAt(RunPath(kSocket), backlog);
 }
 
 void EventSink::Stop()
 {
-    if (mFd < 0) return;
-    close(mFd);
-    mFd = -1;
-    unlink(Address().sun_path);
+    mHidden.Reset();
+    if (!mFd) return;
+    mFd.Reset();
+    unlink(RunPath(kSocket).c_str());
 }
 
-std::vector<Bytes> EventSink::DrainRaw()
+void EventSink::Hide()
 {
-    std::vector<Bytes> records;
-    for (int fd; (fd = accept4(mFd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0; close(fd))
-        records.push_back(ReadToEnd(fd));
-    return records;
+    unlink(RunPath(kSocket).c_str());
+    mHidden = std::move(mFd);
 }
-
-std::vector<EventRecord> EventSink::Drain() { return Decoded(DrainRaw()); }
-
-std::vector<std::string> EventSink::DrainTexts() { return Texts(Drain()); }
 
 std::vector<Bytes> EventSink::WaitForRaw(std::size_t count, std::chrono::milliseconds limit)
 {
     const auto end = std::chrono::steady_clock::now() + limit;
     std::vector<Bytes> records;
     while (true) {
-        for (Bytes &record : DrainRaw())
-            records.push_back(std::move(record));
+        for (const UniqueFd *listener : {&mHidden, &mFd}) // first what came first
+            while (const UniqueFd connection{accept4(listener->Get(), nullptr, nullptr, SOCK_CLOEXEC)})
+                records.push_back(ReadToEnd(connection));
         const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+            std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
         if (records.size() >= count || left.count() <= 0) return records;
-        pollfd readable{mFd, POLLIN, 0};
-        poll(&readable, 1, static_cast<int>(left.count()));
+        WaitForEvents(mFd.Get(), POLLIN, left);
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <eventRecord.h>
+#include <kltlibs/uniquefd.h>
 #include <string>
 #include <vector>
 
@@ -25,17 +26,17 @@ public:
     EventSink() { Start(); }
     ~EventSink() { Stop(); }
     EventSink(const EventSink &) = delete;
-    EventSink &operator=(const EventSink &) = delete;
 
-    // Goes away, as an agent that is being restarted, and comes back. Stopping drops what was sent but
-    // not fetched; both are allowed at any time.
+    // Goes away, as an agent that is being restarted, and comes back. Stopping drops what was sent but not
+    // fetched; hiding keeps it, until the next time. Allowed at any time.
     void Stop();
+    void Hide();
     void Start(int backlog = kBacklog);
 
     // What has been sent since the last call, without waiting for more.
-    std::vector<EventRecord> Drain();
-    std::vector<std::string> DrainTexts();
-    std::vector<std::vector<std::byte>> DrainRaw();
+    std::vector<EventRecord> Drain() { return WaitFor(0); }
+    std::vector<std::string> DrainTexts() { return WaitForTexts(0); }
+    std::vector<std::vector<std::byte>> DrainRaw() { return WaitForRaw(0); }
 
     // Fetches until count events are there, or limit has passed; gives those that came.
     std::vector<EventRecord> WaitFor(std::size_t count, std::chrono::milliseconds limit = kWaitLimit);
@@ -44,10 +45,11 @@ public:
                                                    std::chrono::milliseconds limit = kWaitLimit);
 
     // The listening descriptor, for a test that is to accept without reading.
-    int Fd() const { return mFd; }
+    int Fd() const { return mFd.Get(); }
 
 private:
-    int mFd = -1;
+    UniqueFd mFd;
+    UniqueFd mHidden; // where nobody can connect any more
 };
 
 #endif

@@ -1,19 +1,14 @@
 #include "observation.h"
 
+#include "unixSocket.h"
 #include "waitFor.h"
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <kltlibs/rundir.h>
 #include <poll.h>
-#include <stdexcept>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <system_error>
-#include <unistd.h>
-#include <utility>
 
 namespace {
 
@@ -53,12 +48,17 @@ TestKel MakeKel(const char *id, const char *format, ...)
     va_start(args, format);
     const RecordBytes record = MakeRecordVA(id, format, args);
     va_end(args);
+    return MakeKel(record);
+}
+
+TestKel MakeKel(std::span<const std::byte> record)
+{
     void *buffer = std::malloc(record.size());
     std::memcpy(buffer, record.data(), record.size());
     Kel *kel = nullptr;
     const int error = Kel_MakeKel(buffer, static_cast<std::uint32_t>(record.size()), &kel);
     if (error != 0) std::free(buffer);
-    Require(error, id);
+    Require(error, "Kel_MakeKel");
     return TestKel(kel, Kel_Free);
 }
 
@@ -68,53 +68,24 @@ void Send(int context, const char *id, const char *format, ...)
     va_start(args, format);
     const RecordBytes record = MakeRecordVA(id, format, args);
     va_end(args);
-    KelProducer *producer = nullptr;
-    Require(KelProducer_Open(context, &producer), "KelProducer_Open");
-    const int error = KelProducer_Send(producer, record.data(), record.size());
-    KelProducer_Close(producer);
-    Require(error, id);
+    Require(RawProducer(context).Send(record), id);
 }
 
 RawProducer::RawProducer(int context)
-    : mFd(socket(AF_UNIX,
-                 (context == KELPRODUCER_USER_CONTEXT ? SOCK_SEQPACKET : SOCK_DGRAM) | SOCK_CLOEXEC, 0))
+    : mFd(context == KELPRODUCER_USER_CONTEXT
+              ? ConnectTo(RunPath("kel/user.sock"), SOCK_SEQPACKET)
+              : ConnectTo(RunPath("kel/async-" + std::to_string(context) + ".sock"), SOCK_DGRAM))
 {
-    const std::string name = context == KELPRODUCER_USER_CONTEXT
-                                 ? "kel/user.sock"
-                                 : "kel/async-" + std::to_string(context) + ".sock";
     // A datagram larger than the daemon's largest buffer needs more room than the system gives.
-    setsockopt(mFd, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof kSendBufferBytes);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    Require(KltRunDir_Path(name.c_str(), address.sun_path, sizeof address.sun_path), "run directory");
-    if (connect(mFd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        const int error = errno;
-        close(mFd);
-        Require(error, name.c_str());
-    }
-}
-
-RawProducer::~RawProducer()
-{
-    if (mFd >= 0) close(mFd);
-}
-
-RawProducer::RawProducer(RawProducer &&other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
-
-RawProducer &RawProducer::operator=(RawProducer &&other) noexcept
-{
-    std::swap(mFd, other.mFd);
-    return *this;
+    setsockopt(mFd.Get(), SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof kSendBufferBytes);
 }
 
 int RawProducer::Send(std::span<const std::byte> bytes)
 {
-    return send(mFd, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0 ? errno : 0;
+    return send(mFd.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0 ? errno : 0;
 }
 
 bool RawProducer::WaitUntilClosed()
 {
-    pollfd state{mFd, POLLIN | POLLRDHUP, 0};
-    return poll(&state, 1, static_cast<int>(std::chrono::milliseconds(kWaitLimit).count())) == 1 &&
-           (state.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+    return (WaitForEvents(mFd.Get(), POLLIN | POLLRDHUP) & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }

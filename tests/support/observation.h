@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <kelproducer.h>
 #include <kltlibs/kel.h>
+#include <kltlibs/uniquefd.h>
 #include <memory>
 #include <span>
 #include <string>
@@ -20,6 +21,7 @@ using RecordBytes = std::vector<std::byte>;
 // One observation as an object: MakeKel("kel.scsi.device.close", "%s", "naa.1"). Throws
 // std::runtime_error when the record cannot be built or is refused; so do the others here.
 TestKel MakeKel(const char *id, const char *format, ...) __attribute__((format(printf, 2, 3)));
+TestKel MakeKel(std::span<const std::byte> record);
 
 // One observation as a raw record.
 RecordBytes MakeRecord(const char *id, const char *format, ...) __attribute__((format(printf, 2, 3)));
@@ -33,11 +35,8 @@ void Send(int context, const char *id, const char *format, ...) __attribute__((f
 class RawProducer {
 public:
     explicit RawProducer(int context);
-    ~RawProducer();
-    RawProducer(RawProducer &&other) noexcept;
-    RawProducer &operator=(RawProducer &&other) noexcept;
 
-    int Fd() const { return mFd; }
+    int Fd() const { return mFd.Get(); }
 
     // Sends one datagram or packet, whatever is in it; waits while the daemon is busy. 0 or an errno
     // value (EPIPE when the daemon has closed the connection).
@@ -47,7 +46,7 @@ public:
     bool WaitUntilClosed();
 
 private:
-    int mFd;
+    UniqueFd mFd;
 };
 
 #endif

@@ -16,11 +16,8 @@ constexpr std::size_t kBaseBytesMax = 60;
 HostInventory::Path PartsOf(std::string_view entry)
 {
     HostInventory::Path parts;
-    for (std::size_t start = 0; start <= entry.size();) {
-        const std::size_t end = std::min(entry.find('/', start), entry.size());
-        parts.push_back(HostInventory::UnescapeName(entry.substr(start, end - start)).value());
-        start = end + 1;
-    }
+    for (const std::filesystem::path &part : std::filesystem::path(entry))
+        parts.push_back(HostInventory::UnescapeName(part.string()).value());
     return parts;
 }
 

@@ -1,43 +1,17 @@
 #include "traceClient.h"
 
+#include "unixSocket.h"
 #include "waitFor.h"
 
-#include <cerrno>
 #include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <system_error>
-#include <unistd.h>
-#include <utility>
 
-TraceClient::TraceClient(const std::string &path) : mFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
-{
-    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    if (connect(mFd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) return;
-    const int error = errno;
-    close(mFd);
-    throw std::system_error(error, std::generic_category(), path);
-}
-
-TraceClient::~TraceClient()
-{
-    if (mFd >= 0) close(mFd);
-}
-
-TraceClient::TraceClient(TraceClient &&other) noexcept
-    : mFd(std::exchange(other.mFd, -1)), mRead(std::move(other.mRead)), mTaken(other.mTaken),
-      mBytesRead(other.mBytesRead)
-{
-}
+TraceClient::TraceClient(const std::string &path) : mFd(ConnectTo(path)) {}
 
 std::string TraceClient::Line()
 {
     std::size_t newline;
     while ((newline = mRead.find('\n', mTaken)) == mRead.npos) {
-        pollfd readable{.fd = mFd, .events = POLLIN, .revents = 0};
-        if (poll(&readable, 1, static_cast<int>(std::chrono::milliseconds(kWaitLimit).count())) != 1)
-            return "(nothing)";
+        if (WaitForEvents(mFd.Get(), POLLIN) == 0) return "(nothing)";
         if (!Read()) return "(end)";
     }
     std::string line = mRead.substr(mTaken, newline - mTaken);
@@ -55,16 +29,14 @@ std::vector<std::string> TraceClient::History()
 
 bool TraceClient::Fetch()
 {
-    pollfd readable{.fd = mFd, .events = POLLIN, .revents = 0};
-    return poll(&readable, 1, 0) == 1 && Read();
+    return WaitForEvents(mFd.Get(), POLLIN, std::chrono::milliseconds(0)) != 0 && Read();
 }
 
 bool TraceClient::Read()
 {
     char bytes[65536];
-    const ssize_t count = read(mFd, bytes, sizeof bytes);
+    const ssize_t count = read(mFd.Get(), bytes, sizeof bytes);
     if (count <= 0) return false;
     mRead.erase(0, std::exchange(mTaken, 0)).append(bytes, static_cast<std::size_t>(count));
-    mBytesRead += static_cast<std::size_t>(count);
     return true;
 }

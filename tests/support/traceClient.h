@@ -3,6 +3,7 @@
 #define TESTSUPPORT_TRACECLIENT_H
 
 #include <cstddef>
+#include <kltlibs/uniquefd.h>
 #include <string>
 #include <vector>
 
@@ -11,11 +12,8 @@
 class TraceClient {
 public:
     explicit TraceClient(const std::string &path);
-    ~TraceClient();
-    TraceClient(TraceClient &&other) noexcept;
-    TraceClient(const TraceClient &) = delete;
 
-    int Fd() const { return mFd; }
+    int Fd() const { return mFd.Get(); }
 
     // The next line without its newline; "(end)" behind the last one, "(nothing)" when none comes.
     std::string Line();
@@ -26,16 +24,12 @@ public:
     // Takes in what has come already, without waiting: true when it was anything.
     bool Fetch();
 
-    // How many bytes have been read from the socket so far.
-    std::size_t BytesRead() const { return mBytesRead; }
-
 private:
     bool Read();
 
-    int mFd;
+    UniqueFd mFd;
     std::string mRead;
     std::size_t mTaken = 0; // of mRead
-    std::size_t mBytesRead = 0;
 };
 
 #endif

@@ -1,6 +1,7 @@
 #include "waitFor.h"
 
 #include <ctime>
+#include <poll.h>
 #include <thread>
 
 bool WaitUntil(const std::function<bool()> &condition, std::chrono::milliseconds limit)
@@ -11,6 +12,12 @@ bool WaitUntil(const std::function<bool()> &condition, std::chrono::milliseconds
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+short WaitForEvents(int fd, short events, std::chrono::milliseconds limit)
+{
+    pollfd state{fd, events, 0};
+    return poll(&state, 1, static_cast<int>(limit.count())) == 1 ? state.revents : short{0};
 }
 
 void UseProcessorTime(std::chrono::milliseconds amount)

@@ -11,6 +11,9 @@ constexpr std::chrono::seconds kWaitLimit{60};
 // True as soon as condition() holds, false when limit has passed without.
 bool WaitUntil(const std::function<bool()> &condition, std::chrono::milliseconds limit = kWaitLimit);
 
+// What poll reports of a descriptor; 0 when limit has passed without any of events.
+short WaitForEvents(int fd, short events, std::chrono::milliseconds limit = kWaitLimit);
+
 // Uses processor time of this process, as much as somebody who spins would get meanwhile.
 void UseProcessorTime(std::chrono::milliseconds amount);
 

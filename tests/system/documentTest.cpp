@@ -1,16 +1,13 @@
 // What the documents promise, against what the programs do.
 #include "systemTest.h"
+#include "traceClient.h"
 
 #include <filesystem>
 #include <fstream>
 #include <hostEntries.h>
-#include <kltlibs/rundir.h>
 #include <regex>
 #include <set>
 #include <sstream>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 namespace {
 
@@ -73,25 +70,28 @@ TEST_F(DocumentTest, TheExampleBecomesTheEventAndTheTraceLinesBelowIt)
     ASSERT_EQ(1U, events.size());
     EXPECT_EQ(Dump(Example(formats, "The event record")), events[0]);
 
-    const std::string expected = Example(formats, "Trace lines") + "\n";
-    const int trace = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    ASSERT_EQ(0, KltRunDir_Path("keld-trace.sock", address.sun_path, sizeof address.sun_path));
-    ASSERT_EQ(0, connect(trace, reinterpret_cast<const sockaddr *>(&address), sizeof address));
-    std::string lines(expected.size(), '\0');
-    EXPECT_EQ(static_cast<ssize_t>(lines.size()), recv(trace, lines.data(), lines.size(), MSG_WAITALL));
-    EXPECT_EQ(expected, lines);
-    close(trace);
+    TraceClient trace(host.Path("keld-trace.sock"));
+    std::istringstream lines(Example(formats, "Trace lines"));
+    for (std::string line; std::getline(lines, line);)
+        EXPECT_EQ(line, trace.Line());
+    EXPECT_EQ("", trace.Line());
+}
+
+TEST_F(DocumentTest, TheListOfEventsIsTheCataloguesOwn)
+{
+    EXPECT_TRUE(ReadAll(KELD_BINARY_DIR "/catalogue/events.md") == Document("events.md"))
+        << "docs/events.md is stale: run scripts/update-docs";
 }
 
 TEST_F(DocumentTest, TheScenarioComesOutAsItSays)
 {
     const std::string file = host.Path("documented.kel");
-    std::ofstream(file) << Example(formats, "Scenarios");
-    const std::string check =
-        std::string(KELADM_BINARY " replay --check --daemon " KELD_BINARY " ") + file + " >/dev/null";
-    EXPECT_EQ(0, std::system(check.c_str()));
+    for (const auto &[section, program] :
+         {std::pair("Scenarios", KELD_BINARY), std::pair("Stories", KELD_LAB_BINARY)}) {
+        std::ofstream(file) << Example(formats, section);
+        const std::string check = std::string(KELADM_BINARY " replay --check --daemon ") + program;
+        EXPECT_EQ(0, std::system((check + " " + file + " >/dev/null").c_str())) << section;
+    }
 }
 
 TEST_F(DocumentTest, TheInventoryIsTheOneThatKeladmKnows)

@@ -1,4 +1,4 @@
-// The daemon as a process: options, start, signals, stop.
+// The daemon as a process: options, start, and who else runs.
 #include "systemTest.h"
 
 #include <fcntl.h>
@@ -11,34 +11,31 @@ namespace {
 
 class ProcessTest : public SystemTest {
 protected:
-    bool NothingOpened() const
+    // The exit status of a daemon that goes no further than its start.
+    int Run(const Texts &options)
     {
-        return !std::filesystem::exists(host.Path("kel")) &&
-               !std::filesystem::exists(host.Path("keld-trace.sock"));
+        daemon.emplace(kShippedDaemon, options);
+        const int status = daemon->WaitForExit();
+        EXPECT_FALSE(std::filesystem::exists(host.Path("kel")));
+        EXPECT_FALSE(std::filesystem::exists(host.Path("keld-trace.sock")));
+        return status;
     }
 };
 
-TEST_F(ProcessTest, EveryOptionButOneShowsTheUsageAndOpensNothing)
+TEST_F(ProcessTest, Kept_EveryOptionButOneShowsTheUsageAndOpensNothing)
 {
     const std::string usage = "Usage: " + kShippedDaemon.path +
                               " [options]\nvalid options are:\n\t--help|-h - display this help\n";
     for (const Texts &options : {Texts{"-h"}, Texts{"--help"}, Texts{"-l", "5"}, Texts{"--loglevel=5"},
                                  Texts{"-t"}, Texts{"-e", "--test"}}) {
-        daemon.emplace(kShippedDaemon, options);
-        EXPECT_EQ(0, daemon->WaitForExit()) << options.back();
+        EXPECT_EQ(0, Run(options)) << options.back();
         EXPECT_EQ(usage, daemon->Output()) << options.back();
     }
     for (const Texts &refused : {Texts{"-x"}, Texts{"--bogus"}, Texts{"-l"}}) {
-        daemon.emplace(kShippedDaemon, refused);
-        EXPECT_EQ(0, daemon->WaitForExit()) << refused.back();
+        EXPECT_EQ(0, Run(refused)) << refused.back();
         EXPECT_TRUE(daemon->Output().ends_with(usage)) << daemon->Output();
     }
-    EXPECT_TRUE(NothingOpened());
     EXPECT_EQ(std::nullopt, host.HostText("kernel/options/Misc/KelAsyncEnable"));
-}
-
-TEST_F(ProcessTest, EnablingObservationsSetsTheKernelOption)
-{
     Start(kShippedDaemon, {"-e", "--enablekels"});
     EXPECT_EQ("1", host.HostText("kernel/options/Misc/KelAsyncEnable"));
 }
@@ -47,81 +44,43 @@ TEST_F(ProcessTest, ForeignKernelSignatureIsFatal)
 {
     host.Host("kernel/signature", "deadbeef");
     host.Host("kernel/builddate", "Mar  1 2026 12:00:00");
-    daemon.emplace(kShippedDaemon);
-    EXPECT_EQ(128 + SIGABRT, daemon->WaitForExit());
-
+    EXPECT_EQ(128 + SIGABRT, Run({}));
     const std::string message =
         "md5 signature mismatch with running kernix built on Mar  1 2026 12:00:00 (my build date: 0.1.0)";
     EXPECT_EQ("Keld - Panic: " + message + "\n", daemon->Output());
     EXPECT_EQ((Texts{"Keld - Panic: ", message}), daemon->Log().Lines());
-    EXPECT_TRUE(NothingOpened());
 }
 
 TEST_F(ProcessTest, UnusableRunDirectoryIsAStatusAndALine)
 {
-    const auto reasonFor = [this](const std::string &directory, const Texts &options) {
-        setenv("KALTOR_RUN_DIR", directory.c_str(), 1);
-        daemon.emplace(kShippedDaemon, options);
-        EXPECT_EQ(22, daemon->WaitForExit()) << daemon->Output();
-        setenv("KALTOR_RUN_DIR", host.Path().c_str(), 1);
-        const Texts lines = daemon->Log().Lines();
-        EXPECT_EQ((Texts{lines.at(0), "Exiting. rc:22"}), lines);
-        return lines.at(0);
+    const auto expectReason = [&](const Texts &options, const std::string &reason) {
+        for (const std::string &unusable :
+             {"/" + std::string(80, 'r'), std::string("run"), std::string()}) {
+            setenv("KALTOR_RUN_DIR", unusable.c_str(), 1);
+            EXPECT_EQ(22, Run(options)) << daemon->Output();
+            setenv("KALTOR_RUN_DIR", host.Path().c_str(), 1);
+            EXPECT_EQ((Texts{reason, "Exiting. rc:22"}), daemon->Log().Lines());
+        }
     };
-    for (const std::string &unusable : {"/" + std::string(80, 'r'), std::string("run"), std::string()}) {
-        EXPECT_EQ("KALTOR_RUN_DIR must be an absolute path of at most 80 bytes", reasonFor(unusable, {}));
-        EXPECT_EQ("option Misc/KelAsyncEnable cannot be set: Invalid argument",
-                  reasonFor(unusable, {"-e"}));
-    }
+    expectReason({}, "KALTOR_RUN_DIR must be an absolute path of at most 80 bytes");
+    expectReason({"-e"}, "option Misc/KelAsyncEnable cannot be set: Invalid argument");
 }
 
-TEST_F(ProcessTest, LogLinesCarryPriorityAndTime)
-{
-    Start(kHandClockDaemon, {});
-    EXPECT_EQ(0, daemon->Terminate());
-    EXPECT_TRUE(daemon->Log().Raw().ends_with(":00.000Z: Exiting. rc:0\n")) << daemon->Log().Raw();
-    EXPECT_TRUE(daemon->Log().Raw().starts_with("<6>2026-03-01T")) << daemon->Log().Raw();
-}
-
-TEST_F(ProcessTest, SecondDaemonLeavesTheFirstAlone)
+TEST_F(ProcessTest, AnotherDaemonLeavesTheFirstAloneAndTakesOverOnceItIsKilled)
 {
     Start(kShippedDaemon);
-    Daemon second(kShippedDaemon);
-    EXPECT_EQ(16, second.WaitForExit());
-
+    {
+        Daemon second(kShippedDaemon);
+        EXPECT_EQ(16, second.WaitForExit());
+    }
+    daemon->Signal(SIGPIPE); // is ignored
     SendReport(7, "still here");
     SendReport(kUser, "here too");
     EXPECT_EQ(2U, receiver.WaitFor(2).size());
-}
-
-TEST_F(ProcessTest, NextDaemonTakesOverWhatAKilledOneLeft)
-{
-    Start(kShippedDaemon);
     EXPECT_EQ(128 + SIGKILL, daemon->Terminate(SIGKILL));
     Start(kShippedDaemon);
     SendReport(0, "after a kill");
     EXPECT_EQ(Reported(Texts{"after a kill"}), receiver.WaitForTexts(1));
-}
-
-TEST_F(ProcessTest, BrokenPipeSignalIsIgnored)
-{
-    Start(kShippedDaemon);
-    for (int i = 0; i < 10; ++i)
-        daemon->Signal(SIGPIPE);
-    SendReport(3, "still here");
-    EXPECT_EQ(Reported(Texts{"still here"}), receiver.WaitForTexts(1));
-}
-
-TEST_F(ProcessTest, BothSignalsStopItWithTheSameLastLines)
-{
-    for (const int signal : {SIGTERM, SIGINT}) {
-        Start(kShippedDaemon);
-        EXPECT_EQ(0, daemon->Terminate(signal));
-        const Texts lines = daemon->Log().Lines();
-        ASSERT_LE(2U, lines.size());
-        EXPECT_EQ((Texts{"Exiting due to signal.", "Exiting. rc:0"}), Texts(lines.end() - 2, lines.end()));
-        EXPECT_FALSE(std::filesystem::exists(host.Path("kel/async-0.sock")));
-    }
 }
 
 TEST_F(ProcessTest, ObservationsSentBeforeTheirAgentIsThereAreHandled)

@@ -58,19 +58,6 @@ protected:
         ASSERT_TRUE(daemon->Log().WaitForLine("[" + id + "]")) << daemon->Log().Raw();
     }
 
-    // Every whole record that has reached the generic agent so far, by its ID, without marks.
-    Texts Received() const
-    {
-        Texts ids;
-        for (const std::string &line : daemon->Log().LinesWith("[GenericCorrelator] ")) {
-            const std::size_t start = line.find("[kel.");
-            if (start == std::string::npos) continue;
-            const std::string id = line.substr(start + 1, line.find(']', start) - start - 1);
-            if (!id.starts_with("kel.external.mark")) ids.push_back(id);
-        }
-        return ids;
-    }
-
     RunDir host;
     EventSink receiver;
     std::optional<Daemon> daemon;

@@ -8,7 +8,7 @@
 
 #include "eventSink.h"
 #include "handClock.h"
-#include "keldTranslation.h"
+#include "keldDomain.h"
 #include "logCapture.h"
 #include "observation.h"
 #include "runDir.h"

@@ -1,28 +1,18 @@
 // The program as its users run it: exit statuses, closed pipes, full disks, a scenario played and compared.
 
 #include "runDir.h"
-#include "waitFor.h"
+#include "text.h"
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <sys/wait.h>
-#include <unistd.h>
 
 using testing::HasSubstr;
 using testing::StartsWith;
 
 namespace {
-
-std::string ReadAll(const std::string &path)
-{
-    std::stringstream content;
-    content << std::ifstream(path).rdbuf();
-    return content.str();
-}
 
 class KeladmCommandTest : public testing::Test {
 protected:
@@ -44,7 +34,7 @@ protected:
     {
         const std::string output = mRun.Path("output");
         int status = std::system(("cd '" + mRun.Path() + "' && { " + command + "\n} >output 2>&1").c_str());
-        return std::to_string(WEXITSTATUS(status)) + " " + ReadAll(output);
+        return std::to_string(WEXITSTATUS(status)) + " " + ReadFile(output);
     }
 
     RunDir mRun;
@@ -52,81 +42,41 @@ protected:
 
 } // namespace
 
-TEST_F(KeladmCommandTest, WrongUsageAndAMissingDaemonHaveStatusesOfTheirOwn)
+TEST_F(KeladmCommandTest, WhatCannotBeDoneHasItsStatusAndItsReason)
 {
-    EXPECT_THAT(Run("$KELADM"), StartsWith("2 keladm: A subcommand is required"));
-    EXPECT_THAT(Run("$KELADM recieve"), StartsWith("2 keladm: \"recieve\" is no subcommand"));
-    EXPECT_THAT(Run("$KELADM host list --all"),
-                StartsWith("2 keladm host list: The following argument was not expected: --all\n"
-                           "Try \"keladm host list --help\"."));
-    EXPECT_THAT(Run("$KELADM host lst"), StartsWith("2 keladm host: \"lst\" is no subcommand"));
-    EXPECT_THAT(Run("$KELADM receive --count -1"),
-                StartsWith("2 keladm receive: --count: \"-1\" is not a number from 1 up"));
-    EXPECT_THAT(Run("$KELADM trace --timeout 5x"),
-                StartsWith("2 keladm trace: --timeout: \"5x\" is no time such as 5s"));
-    EXPECT_THAT(Run("$KELADM replay --speed 0 -"),
-                StartsWith("2 keladm replay: --speed: \"0\" is not a number above 0"));
-    EXPECT_THAT(Run("$KELADM send kel.x -m %d ten"), StartsWith("2 keladm send: argument 1"));
-    EXPECT_THAT(Run("$KELADM send kel.x"), StartsWith("3 keladm send: no daemon serves "));
-    EXPECT_THAT(Run("$KELADM trace"), StartsWith("3 keladm trace: no daemon serves "));
-    EXPECT_THAT(Run("KALTOR_RUN_DIR=run $KELADM receive"),
-                StartsWith("2 keladm receive: KALTOR_RUN_DIR is \"run\""));
-    EXPECT_THAT(Run("$KELADM host set swap/reconfigured -- -1"),
-                StartsWith("2 keladm host set: swap/reconfigured"));
-    EXPECT_THAT(Run("$KELADM host get swap/failure"),
-                StartsWith("1 keladm host get: swap/failure: absent"));
-    EXPECT_THAT(Run("$KELADM host --help"), StartsWith("0 "));
-}
-
-TEST_F(KeladmCommandTest, TheHostIsReadBackAsItWasWritten)
-{
-    EXPECT_EQ("0 vSwitch0\nnet/portgroups/Production = vSwitch0\n",
-              Run("$KELADM host set 'net/portgroups/Production' vSwitch0 && "
-                  "$KELADM host get 'net/portgroups/Production' && $KELADM host list"));
-    EXPECT_EQ("0 {\"name\":\"net/portgroups/Production\",\"value\":\"vSwitch0\"}\n",
-              Run("$KELADM host list --json net"));
-}
-
-TEST_F(KeladmCommandTest, AFullDiskIsReported)
-{
-    EXPECT_THAT(Run("$KELADM host set swap/failure x && $KELADM host list >/dev/full"),
-                StartsWith("1 keladm host list: cannot write the output: No space left"));
-}
-
-TEST_F(KeladmCommandTest, AReceiverEndsWellWithoutItsReaderAndOnASignal)
-{
-    EXPECT_EQ("0 0\n",
-              Run("{ $KELADM receive; echo $? >status; } | true; cat status; [ ! -e carad-pling.sock ]"));
-    EXPECT_EQ(
-        "0 ",
-        Run("$KELADM receive & while [ ! -S carad-pling.sock ]; do :; done; kill -TERM $!; wait $! && "
-            "[ ! -e carad-pling.sock ]"));
-    EXPECT_THAT(Run("$KELADM receive --count 1 --timeout 1ms"),
-                StartsWith("1 keladm receive: 0 of 1 events came"));
-    EXPECT_EQ("0 ", Run("$KELADM receive --timeout 1ms"));
+    WriteFile("empty.scenario", "pause 60s\n");
+    const std::pair<const char *, const char *> rows[] = {
+        {"$KELADM recieve", "2 keladm: \"recieve\" is no subcommand"},
+        {"$KELADM receive --count -1", "2 keladm receive: --count: \"-1\" is not a number from 1 up"},
+        {"$KELADM trace --timeout 5x", "2 keladm trace: --timeout: \"5x\" is no time such as 5s"},
+        {"$KELADM replay --speed 0 -", "2 keladm replay: --speed: \"0\" is not a number above 0"},
+        {"$KELADM send kel.x", "3 keladm send: no daemon serves "},
+        {"KALTOR_RUN_DIR=run $KELADM receive", "2 keladm receive: KALTOR_RUN_DIR is \"run\""},
+        {"$KELADM host set swap/reconfigured -- -1", "2 keladm host set: swap/reconfigured"},
+        {"$KELADM host get swap/failure", "1 keladm host get: swap/failure: absent"},
+        {"$KELADM host set swap/failure x && $KELADM host list >/dev/full",
+         "1 keladm host list: cannot write the output: No space left"},
+        {"$KELADM host list --json", "0 {\"name\":\"swap/failure\",\"value\":\"x\"}\n"},
+        {"$KELADM host set storage/paths/hba1%2F4 naa.6 && cat host/storage/paths/hba1%2F4 && "
+         "$KELADM host remove storage && $KELADM host remove storage",
+         "1 naa.6\nkeladm host remove: storage: "},
+        {"$KELADM receive --timeout 1ms", "0 "},
+        {"$KELADM receive --count 1 --timeout 1ms", "1 keladm receive: 0 of 1 events came"},
+        {"$KELADM replay --check --daemon /bin/false empty.scenario",
+         "1 keladm replay: the daemon did not start: status 1"}};
+    for (const auto &[command, told] : rows)
+        EXPECT_THAT(Run(command), StartsWith(told)) << command;
 }
 
 TEST_F(KeladmCommandTest, TheCommittedCompletionIsThePresentOne)
 {
     const std::string committed = std::string(KELD_SOURCE_DIR) + "/packaging/keladm.bash-completion";
-    EXPECT_EQ("0 " + ReadAll(committed), Run("$KELADM completion bash"));
+    EXPECT_EQ("0 " + ReadFile(committed), Run("$KELADM completion bash"));
     EXPECT_EQ("0 completion --catalogue\n",
               Run("bash -c 'source \"$0\"; COMP_WORDS=(keladm com); COMP_CWORD=1; _keladm; echo -n "
                   "\"$COMPREPLY \"; "
                   "COMP_WORDS=(keladm receive --ca); COMP_CWORD=2; _keladm; echo $COMPREPLY' '" +
                   committed + "'"));
-}
-
-TEST_F(KeladmCommandTest, AScenarioIsPlayedAndComparedWithADaemonOfItsOwn)
-{
-    WriteFile("link.scenario",
-              "host set kernel/nodes/system/systemUuid 01234567-89ab-cdef-0123-456789abcdef\n"
-              "observe kel.net.vmnic.linkstate.down vmnic0\n"
-              "expect within 60s nox.problem.net.vmnic.linkstate.down vmnic0\n"
-              "expect none within 0s nox.clear.*\n");
-    EXPECT_THAT(
-        Run("mkdir t; TMPDIR=$PWD/t $KELADM replay --check link.scenario; s=$?; rmdir t && exit $s"),
-        testing::AllOf(StartsWith("0 "), HasSubstr("ok: 2 of 2 expectations met")));
 }
 
 TEST_F(KeladmCommandTest, ADifferenceIsShownWithWhatCameInstead)
@@ -135,16 +85,81 @@ TEST_F(KeladmCommandTest, ADifferenceIsShownWithWhatCameInstead)
                                "observe kel.net.vmnic.linkstate.down vmnic2\n"
                                "expect within 60s nox.problem.* vmnic2\n"
                                "expect within 0s nox.problem.net.vmnic.linkstate.down vmnic1\n");
-    EXPECT_THAT(Run("$KELADM replay --check link.scenario"),
-                testing::AllOf(StartsWith("1 "), HasSubstr("FAILED    line 4: expect within 0s"),
-                               HasSubstr("\n              nox.problem.net.vmnic.linkstate.down vmnic0\n"
-                                         "                argument 1 is \"vmnic0\", not \"vmnic1\"\n"),
-                               HasSubstr("FAILED: 1 of 2 expectations met")));
+    EXPECT_THAT(
+        Run("mkdir t; TMPDIR=$PWD/t $KELADM replay --check link.scenario; s=$?; rmdir t && exit $s"),
+        testing::AllOf(StartsWith("1 "), HasSubstr("FAILED    line 4: expect within 0s"),
+                       HasSubstr("\n              nox.problem.net.vmnic.linkstate.down vmnic0\n"
+                                 "                argument 1 is \"vmnic0\", not \"vmnic1\"\n"),
+                       HasSubstr("FAILED: 1 of 2 expectations met")));
 }
 
-TEST_F(KeladmCommandTest, ADaemonThatEndsAtOnceIsReported)
+// A failing story shows what was expected beside what came; the next one is played all the same.
+TEST_F(KeladmCommandTest, AStoryThatGoesAnotherWayShowsBothSides)
 {
-    WriteFile("empty.scenario", "pause 60s\n");
-    EXPECT_THAT(Run("$KELADM replay --check --daemon /bin/false empty.scenario"),
-                StartsWith("1 keladm replay: the daemon did not start: status 1"));
+    WriteFile("link.kel", "host mkdir kernel/nodes/net/pNics/vmnic0\n"
+                          "story Another NIC.\n"
+                          "observe kel.net.vmnic.linkstate.down vmnic0\n"
+                          "clock +2s\n"
+                          "expect nox.problem.net.vmnic.linkstate.down vmnic1\n"
+                          "story Nobody expects it.\n"
+                          "observe kel.net.vmnic.linkstate.down vmnic0\n"
+                          "clock +2s\n"
+                          "story In another order.\n"
+                          "receiver deaf\n"
+                          "observe kel.external.error acme https://kb.example/1 one\n"
+                          "observe kel.external.error acme https://kb.example/1 two\n"
+                          "receiver back\n"
+                          "expect nox.problem.3rdParty.error acme https://kb.example/1 acme two\n"
+                          "expect nox.problem.3rdParty.error acme https://kb.example/1 acme one\n"
+                          "story A line too many.\n"
+                          "observe kel.clock.x 1\n"
+                          "log none\n"
+                          "story All is well.\n"
+                          "observe kel.clock.x 1\n"
+                          "log No system clock correlator\n"
+                          "log none\n");
+    const std::string play = "$KELADM replay --check --daemon " KELD_LAB_BINARY " link.kel";
+    EXPECT_EQ(
+        "1 FAILED  line 2: Another NIC.\n"
+        "    line 4: clock +2s\n"
+        "      expected  line 5: expect nox.problem.net.vmnic.linkstate.down vmnic1\n"
+        "      came      nox.problem.net.vmnic.linkstate.down vmnic0 (argument 1 is \"vmnic0\", not "
+        "\"vmnic1\")\n"
+        "FAILED  line 6: Nobody expects it.\n"
+        "    line 8: clock +2s\n"
+        "      came      nox.problem.net.vmnic.linkstate.down vmnic0\n"
+        "      expected  nothing\n"
+        "FAILED  line 9: In another order.\n"
+        "    line 13: receiver back\n"
+        "      expected  line 14: expect nox.problem.3rdParty.error acme https://kb.example/1 acme two\n"
+        "      came      nox.problem.3rdParty.error acme https://kb.example/1 acme two (behind another one "
+        "of "
+        "GenericCorrelator)\n"
+        "FAILED  line 16: A line too many.\n"
+        "    line 17: observe kel.clock.x 1\n"
+        "      expected  line 18: log none\n"
+        "      came      log No system clock correlator for kel.clock.x\n"
+        "ok      line 19: All is well.\n"
+        "FAILED: 1 of 5 stories\n",
+        Run(play));
+    EXPECT_EQ("0 ok      line 19: All is well.\nok: 1 of 1 stories\n", Run(play + " --story well"));
+    EXPECT_EQ("0 ok      line 19: All is well.\nok: 1 of 1 stories\n", Run(play + " --story 21"));
+    EXPECT_THAT(Run("$KELADM replay link.kel"),
+                StartsWith("2 keladm replay: a story is played with --check alone"));
+}
+
+TEST_F(KeladmCommandTest, AStoryWhoseDaemonEndsSaysHow)
+{
+    WriteFile("stop.kel", "story It cannot start.\nclock +1s\n");
+    EXPECT_THAT(
+        Run("$KELADM replay --check --daemon /bin/false stop.kel"),
+        HasSubstr("    line 1: It cannot start.\n                the daemon ended early: status 1"));
+}
+
+TEST_F(KeladmCommandTest, TheLaboratoryIsNobodysService)
+{
+    for (const char *directory : {"", "/var/run/kaltor", "/run/../var/run/kaltor/", "lab"})
+        EXPECT_EQ("2 keld-lab: KALTOR_RUN_DIR must name a run directory of its own, not the service's "
+                  "/var/run/kaltor\n",
+                  Run(std::string("KALTOR_RUN_DIR=") + directory + " KELD_LAB_FD=0 " KELD_LAB_BINARY));
 }

@@ -1,4 +1,4 @@
-// The alarms on their own thread, and the step that it repeats.
+// The alarms on their own thread.
 
 #include "keldAlarm.h"
 
@@ -8,7 +8,6 @@
 #include <atomic>
 #include <climits>
 #include <gtest/gtest.h>
-#include <kltlibs/ktime.h>
 #include <string>
 #include <utility>
 
@@ -43,17 +42,22 @@ protected:
     static void NoteA() { Note("a"); }
     static void NoteB() { Note("b"); }
 
-    // What has fired when so many seconds have passed: "a10 b12 ".
-    std::string After(std::uint64_t seconds)
+    static int OneShot(int alarm, std::uint32_t seconds)
     {
-        clock.Advance(seconds);
-        return std::exchange(fired, "");
+        return KeldAlarmSet(alarm, kKeldAlarmOneShot, seconds);
     }
     static std::uint32_t SetAndTellRemaining(int alarm, std::uint32_t seconds)
     {
         std::uint32_t remaining = UINT_MAX;
         EXPECT_EQ(0, KeldAlarmSet(alarm, kKeldAlarmOneShot, seconds, &remaining));
         return remaining;
+    }
+
+    // What has fired when so many seconds have passed: "a10 b12 ".
+    std::string After(std::uint64_t seconds)
+    {
+        clock.Advance(seconds);
+        return std::exchange(fired, "");
     }
 
     static inline AlarmTest *test = nullptr;
@@ -70,45 +74,46 @@ TEST_F(AlarmTest, SixteenAreRegisteredAndTheNextIsRefused)
         EXPECT_EQ(number, KeldAlarmRegister(NoteB));
     EXPECT_EQ(-1, KeldAlarmRegister(NoteB));
     EXPECT_EQ(-1, KeldAlarmRegister(NoteB));
-    EXPECT_EQ(0, KeldAlarmSet(15, kKeldAlarmOneShot, 5));
+    EXPECT_EQ(0, OneShot(15, 5));
     for (const int unknown : {-1, 16}) {
         std::uint32_t remaining = 99;
         EXPECT_EQ(1, KeldAlarmSet(unknown, kKeldAlarmOneShot, 5, &remaining));
         EXPECT_EQ(0U, remaining);
     }
+    for (const std::uint32_t unknownMode : {2U, 0x100U})
+        EXPECT_EQ(1, KeldAlarmSet(15, unknownMode, 2));
     EXPECT_EQ("b5 ", After(10));
 }
 
-TEST_F(AlarmTest, AnUnknownModeIsRefusedAndChangesNothing)
-{
-    EXPECT_EQ(0, KeldAlarmSet(a, kKeldAlarmOneShot, 5));
-    for (const std::uint32_t mode : {2U, 0x100U, UINT_MAX})
-        EXPECT_EQ(1, KeldAlarmSet(a, mode, 2));
-    EXPECT_EQ("a5 ", After(20));
-}
-
-TEST_F(AlarmTest, SettingTellsWhatThePreviousSettingHadLeft)
-{
-    EXPECT_EQ(0U, SetAndTellRemaining(a, 10));
-    After(3);
-    EXPECT_EQ(7U, SetAndTellRemaining(a, 4)); // moved, not added
-    EXPECT_EQ("a7 ", After(20));
-    EXPECT_EQ(0U, SetAndTellRemaining(a, 0));
-}
-
 // A clock that nobody moves wakes nobody: the thread is told of every setting.
-TEST_F(AlarmTest, TheThreadWaitsForWhatWasSetLast)
+TEST_F(AlarmTest, TheThreadWaitsForTheEarliestAndFiresTheLowestOfThoseThatAreDue)
 {
     const auto waitsFor = [this](std::uint64_t moment) {
         return WaitUntil([=, this] { return clock.waitedFor == moment; });
     };
     EXPECT_TRUE(waitsFor(0));
-    EXPECT_EQ(0, KeldAlarmSet(a, kKeldAlarmOneShot, 180));
+    EXPECT_EQ(0, OneShot(a, 180));
     EXPECT_TRUE(waitsFor(HandClock::kStart + 180));
-    EXPECT_EQ(0, KeldAlarmSet(b, kKeldAlarmOneShot, 5));
+    EXPECT_EQ(0, OneShot(b, 5));
     EXPECT_TRUE(waitsFor(HandClock::kStart + 5));
-    EXPECT_EQ(0, KeldAlarmSet(b, kKeldAlarmOneShot, 0));
+    EXPECT_EQ(0, OneShot(b, 0));
     EXPECT_TRUE(waitsFor(HandClock::kStart + 180));
+    EXPECT_EQ(0, OneShot(b, 180));
+    EXPECT_EQ("a180 b180 ", After(200));
+    EXPECT_TRUE(waitsFor(0));
+}
+
+TEST_F(AlarmTest, SettingMovesAnAlarmAndTellsWhatItHadLeft)
+{
+    EXPECT_EQ(0U, SetAndTellRemaining(a, 10));
+    EXPECT_EQ(0, OneShot(b, 12));
+    EXPECT_EQ("", After(3));
+    EXPECT_EQ(7U, SetAndTellRemaining(a, 4)); // moved, not added
+    EXPECT_EQ("a7 b12 ", After(20));
+    EXPECT_EQ(0U, SetAndTellRemaining(a, 10));
+    EXPECT_EQ("", After(9));
+    EXPECT_EQ(1U, SetAndTellRemaining(a, 0));
+    EXPECT_EQ("", After(100));
 }
 
 TEST_F(AlarmTest, APeriodicAlarmCountsFromTheMomentItFired)
@@ -122,59 +127,34 @@ TEST_F(AlarmTest, APeriodicAlarmCountsFromTheMomentItFired)
     EXPECT_EQ("", After(100));
 }
 
-TEST_F(AlarmTest, AnAlarmDisarmedWhileItIsWaitedForDoesNotFire)
-{
-    EXPECT_EQ(0, KeldAlarmSet(a, kKeldAlarmOneShot, 10));
-    EXPECT_EQ(0, KeldAlarmSet(b, kKeldAlarmOneShot, 12));
-    EXPECT_EQ("", After(9));
-    EXPECT_EQ(1U, SetAndTellRemaining(a, 0));
-    EXPECT_EQ("b12 ", After(100));
-}
-
 TEST_F(AlarmTest, AHandlerMayArmAndDisarmItselfAndOthers)
 {
     static int own, other;
     own = KeldAlarmRegister([] {
         Note("self");
-        EXPECT_EQ(0, KeldAlarmSet(own, kKeldAlarmOneShot, 3));
-        EXPECT_EQ(0, KeldAlarmSet(other, kKeldAlarmOneShot, 0)); // due in the same second
+        EXPECT_EQ(0, OneShot(own, 3));
+        EXPECT_EQ(0, OneShot(other, 0)); // due in the same second
     });
     other = KeldAlarmRegister([] { Note("other"); });
     EXPECT_EQ(0, KeldAlarmSet(other, kKeldAlarmPeriodic, 3));
-    EXPECT_EQ(0, KeldAlarmSet(own, kKeldAlarmOneShot, 3));
+    EXPECT_EQ(0, OneShot(own, 3));
     EXPECT_EQ("self3 self6 self9 ", After(10));
-    EXPECT_EQ(0, KeldAlarmSet(own, kKeldAlarmOneShot, 0));
+    EXPECT_EQ(0, OneShot(own, 0));
 }
 
 // They wait for the wall clock, which moves the moment with it.
 TEST_F(AlarmTest, AClockThatIsSetMovesTheMoment)
 {
-    EXPECT_EQ(0, KeldAlarmSet(a, kKeldAlarmOneShot, 10));
+    EXPECT_EQ(0, OneShot(a, 10));
     clock.Set(HandClock::kStart - 100);
     EXPECT_EQ("", After(109));
     EXPECT_EQ("a10 ", After(1));
 
-    EXPECT_EQ(0, KeldAlarmSet(a, kKeldAlarmOneShot, 10));
+    EXPECT_EQ(0, OneShot(a, 10));
     clock.Set(HandClock::kStart - 100);
     EXPECT_EQ(120U, SetAndTellRemaining(a, 5));
     clock.Set(HandClock::kStart + 50);
     EXPECT_EQ("a50 ", After(0));
-}
-
-TEST(AlarmStepTest, TheLowestNumberOfThoseDueFiresFirstAndTheEarliestIsWaitedFor)
-{
-    KeldAlarmMap alarms;
-    const KeldAlarmHandler one = [] {}, two = [] {};
-    alarms[1] = {.mode = kKeldAlarmOneShot, .interval = 10, .due = 1010, .handler = one};
-    alarms[2] = {.mode = kKeldAlarmPeriodic, .interval = 4, .due = 1004, .handler = two};
-    alarms[3] = {};
-    EXPECT_EQ(1004U, KeldAlarmNextStep(alarms, 1003).waitUntil);
-    EXPECT_EQ(one, KeldAlarmNextStep(alarms, 1010).fire);
-    EXPECT_EQ(two, KeldAlarmNextStep(alarms, 1010).fire);
-    EXPECT_EQ(1014U, KeldAlarmNextStep(alarms, 1010).waitUntil);
-    alarms[2].due = 0;
-    EXPECT_EQ(nullptr, KeldAlarmNextStep(alarms, 9999).fire);
-    EXPECT_EQ(std::nullopt, KeldAlarmNextStep(alarms, 9999).waitUntil);
 }
 
 } // namespace

@@ -12,7 +12,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <stdexcept>
 #include <string>
 #include <unistd.h>
 
@@ -21,17 +20,11 @@ namespace {
 using testing::ElementsAre;
 using testing::SizeIs;
 
-RecordBytes Batch(std::initializer_list<RecordBytes> records)
+int Dispatch(std::initializer_list<RecordBytes> records)
 {
     RecordBytes batch;
     for (const RecordBytes &record : records)
         batch.insert(batch.end(), record.begin(), record.end());
-    return batch;
-}
-
-int Dispatch(std::initializer_list<RecordBytes> records)
-{
-    const RecordBytes batch = Batch(records);
     return KeldDispatch(batch.data(), batch.size());
 }
 
@@ -39,30 +32,23 @@ RecordBytes LinkDown(const char *nic) { return MakeRecord("kel.net.vmnic.linksta
 
 // ---- Subscriptions ----------------------------------------------------------------------------------
 
-TEST(SubscriptionTest, APrefixTakesWhatLiesBelowItAndAnExactIdItselfAlone)
+TEST(SubscriptionTest, TenPrefixesTakeWhatLiesBelowThemAndTenExactIdsThemselvesAlone)
 {
     KeldSubscription subscription;
-    EXPECT_EQ(0, KeldSubscriptionAddDomain(&subscription, "net"));
     EXPECT_EQ(0, KeldSubscriptionAddExactId(&subscription, "kel.cpu.mce.intr"));
-    for (const char *taken : {"kel.net.x", "kel.net.vmnic.linkstate.down", "kel.cpu.mce.intr"})
-        EXPECT_TRUE(KeldSubscriptionMatches(subscription, taken)) << taken;
-    for (const char *left : {"kel.net", "kel.network.x", "kel.ne.x", "net.x", "kel.cpu.mce",
-                             "kel.cpu.mce.intr.x", "kel.cpu.mce.int", ""})
-        EXPECT_FALSE(KeldSubscriptionMatches(subscription, left)) << left;
-}
-
-TEST(SubscriptionTest, TenPrefixesAndTenExactIdsAreHeld)
-{
-    KeldSubscription subscription;
-    for (int i = 0; i < 10; ++i) {
+    for (int i = 1; i < 10; ++i) {
         EXPECT_EQ(0, KeldSubscriptionAddDomain(&subscription, "domain" + std::to_string(i)));
         EXPECT_EQ(0, KeldSubscriptionAddExactId(&subscription, "kel.exact" + std::to_string(i)));
     }
+    EXPECT_EQ(0, KeldSubscriptionAddDomain(&subscription, "net"));
     EXPECT_EQ(1, KeldSubscriptionAddDomain(&subscription, "domain10"));
     EXPECT_EQ(1, KeldSubscriptionAddExactId(&subscription, "kel.exact10"));
-    EXPECT_TRUE(KeldSubscriptionMatches(subscription, "kel.domain9.x"));
-    EXPECT_TRUE(KeldSubscriptionMatches(subscription, "kel.exact9"));
-    EXPECT_FALSE(KeldSubscriptionMatches(subscription, "kel.domain10.x"));
+    for (const char *taken :
+         {"kel.net.x", "kel.net.vmnic.linkstate.down", "kel.domain9.x", "kel.cpu.mce.intr", "kel.exact9"})
+        EXPECT_TRUE(KeldSubscriptionMatches(subscription, taken)) << taken;
+    for (const char *left : {"kel.net", "kel.network.x", "kel.ne.x", "net.x", "kel.cpu.mce",
+                             "kel.cpu.mce.intr.x", "kel.cpu.mce.int", "", "kel.domain10.x", "kel.exact10"})
+        EXPECT_FALSE(KeldSubscriptionMatches(subscription, left)) << left;
 }
 
 // ---- Streams ----------------------------------------------------------------------------------------
@@ -148,17 +134,11 @@ TEST_F(StreamTest, RecordInThreePiecesBecomesOneKel)
     EXPECT_EQ("vmnic3", Read(stream));
 }
 
-TEST_F(StreamTest, RefusedAndHalfReadRecordsEndWithTheirStream)
+TEST_F(StreamTest, RefusedRecordEndsWithItsStream)
 {
     record[8] = std::byte{'X'}; // of the magic
     Write(record.size());
     EXPECT_EQ("refused", Read(stream));
-    EXPECT_EQ(0, KeldStreamUnregister(stream));
-
-    stream = Register({"net"});
-    written = 0;
-    Write(40);
-    EXPECT_EQ("again", Read(stream));
     EXPECT_EQ(0, KeldStreamUnregister(stream));
 }
 
@@ -167,10 +147,7 @@ TEST_F(StreamDeathTest, EndOfFileEndsTheDaemon)
     Write(10);
     EXPECT_EQ("again", Read(stream));
     (void)stream->writeFd.Close();
-    Kel *kel = nullptr;
-    bool complete = false;
-    EXPECT_DEATH((void)KeldStreamReadKel(stream, &kel, &complete),
-                 "Keld - Panic: EOF trying to read 22 bytes from stream 0x");
+    EXPECT_DEATH(Read(stream), "Keld - Panic: EOF trying to read 22 bytes from stream 0x");
 }
 
 // Such records are never made: the library refuses them before they get here.
@@ -213,18 +190,6 @@ TEST_F(AgentTest, ThirtyTwoAgentsAreStartedAndTheNextIsRefused)
     EXPECT_THAT(log.Lines(), ElementsAre("Failed to start agent. Already reached max limit of 32 agents."));
 }
 
-TEST_F(AgentTest, AnAgentThatCannotBeSetUpHoldsNobodyUp)
-{
-    KeldAgentStart([] {
-        const std::vector<std::string> eleven(11, "net");
-        KeldAgentRun("Greedy", eleven, {}, [](KeldAgent *) { ADD_FAILURE() << "it runs"; });
-    });
-    StartSteady();
-    KeldAgentAwaitAll();
-    EXPECT_THAT(log.Lines(), ElementsAre("Failed to initialize agent Greedy (error code: 1) "));
-    ExpectSteadyServed("kel.steady.after");
-}
-
 // The main thread waits in the agent's full pipe, half a record written, when the agent ends.
 TEST_F(AgentTest, AnAgentThatEndsBehindAFullPipeHoldsNobodyUp)
 {
@@ -237,19 +202,17 @@ TEST_F(AgentTest, AnAgentThatEndsBehindAFullPipeHoldsNobodyUp)
                 pollfd writable{agent->stream->writeFd.Get(), POLLOUT, 0};
                 return poll(&writable, 1, 0) == 0;
             }));
-            throw std::runtime_error("out of luck");
+            throw 22;
         });
     });
     StartSteady();
     KeldAgentAwaitAll();
 
     const RecordBytes large = MakeRecord("kel.doomed.large", "%s", std::string(100'000, 'x').c_str());
-    EXPECT_EQ(0, Dispatch({MakeRecord("kel.doomed.first", " "), large, large,
-                           MakeRecord("kel.steady.behind", " ")}));
-    EXPECT_TRUE(log.WaitForLine("us: [kel.steady.behind]")) << log.Raw();
-    EXPECT_TRUE(log.WaitForLine("Exception (out of luck) in agent function(0x")) << log.Raw();
+    EXPECT_EQ(0, Dispatch({MakeRecord("kel.doomed.first", " "), large, large}));
+    ExpectSteadyServed("kel.steady.behind");
+    EXPECT_TRUE(log.WaitForLine("Unknown exception in agent function(0x")) << log.Raw();
     EXPECT_THAT(log.LinesWith("Done cleaning up agent."), SizeIs(1));
-
     EXPECT_EQ(0, Dispatch({large, large})); // nobody's any more
     ExpectSteadyServed("kel.steady.after");
 }

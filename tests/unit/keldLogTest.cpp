@@ -7,11 +7,7 @@
 
 #include <cstdlib>
 #include <gtest/gtest.h>
-#include <kltlibs/ktime.h>
-#include <set>
 #include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -68,22 +64,6 @@ TEST_F(LogTest, ALineOfAnyLengthStaysWholeAndNoTextIsTakenForAFormat)
     ASSERT_EQ(2U, lines.size());
     EXPECT_TRUE(lines[0].ends_with("] 5us: [kel.external.error] " + text));
     EXPECT_TRUE(lines[1].ends_with("] 18446744073709551615us: [(null)] (null)")) << lines[1];
-}
-
-TEST_F(LogTest, LinesOfSeveralThreadsAllArriveWhole)
-{
-    constexpr int kThreads = 4, kLines = 2000;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i)
-        threads.emplace_back([] {
-            for (int line = 0; line < kLines; ++line)
-                KeldLog("%s\n", "Successfully sent event (nox.audit.dcui.enabled) after 1 failure.");
-        });
-    for (std::thread &thread : threads)
-        thread.join();
-    const auto lines = log.Lines();
-    EXPECT_EQ(std::size_t{kThreads * kLines}, lines.size());
-    EXPECT_EQ(1U, std::set(lines.begin(), lines.end()).size());
 }
 
 } // namespace

@@ -8,35 +8,35 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
+void HandleOwn(Kel *) {}
+void HandleShared(Kel *kel);
+KeldTranslated sharedResult;
+
 // clang-format off
 constexpr Translation kRows[] = {
-    {"kel.row.inorder",   Args("device:%p, paths:%u, state:%d"),
+    {"kel.row.inorder", Args("%p %u %d", "*device, paths, state"),
      "@&!*@*@(nox.problem.row.inorder)%s has %u paths, state %d."},
-    {"kel.row.reordered", Args("component:%p, count:%u, message:%p"),
-     "@&!*@*@(nox.audit.row.reordered)%s from %s: %u times. %s", {.shows = "2 0 1 2"}},
-    {"kel.row.fewer",     Args("device:%p, count:%u"), "@&!*@*@(nox.clear.row.fewer)%u", {.shows = "1"}},
-    {"kel.row.none",      Args(""), "@&!*@*@(nox.problem.row.none)100%% of it."},
-    {"kel.row.widths",    Args("byte:%hhu, small:%hhd, word:%hx, short:%hd, long:%ld, huge:%lx, letter:%c"),
-     "@&!*@*@(nox.problem.row.widths)%hhu %hhd %#hx %hd %ld %lx %c"},
-    {"kel.row.uuid",      Args("label:%p, volume:%U, mode:%p"),
-     "@&!*@*@(nox.problem.row.uuid)%s (%s) %s", {.shows = "1 0 2"}},
-    {"kel.row.nullas",    Args("device:%p, path:%p").NullAs(1, "(none)"), "@&!*@*@(nox.problem.row.nullas)%s %s"},
-    {"kel.row.message",   ByMessage("Page %lu of %s is 100%% lost.", "page, file"),
+    {"kel.row.none",    Args(""), "@&!*@*@(nox.clear.row.none)100%% of it."},
+    {"kel.row.widths",  Args("%d %u %ld %lx", "small, paths, long, huge"), "@&!*@*@(nox.problem.row.widths)%d %#x %ld %lx"},
+    {"kel.row.uuid",    Args("%p %U %p", "label, *volume, mode"), "@&!*@*@(nox.audit.row.uuid)%s (%s) %s"},
+    {"kel.row.message", ByMessage("Page %lu of %s is 100%% lost.", "page, *file"),
      "@&!*@*@(nox.problem.row.message)Page %lu of %s."},
-    {"kel.row.format",    Args("device:%p, count:%d"), "@&!*@*@(nox.problem.row.format)%s %d",
+    {"kel.row.format",  Args("%p %d", "device, count"), "@&!*@*@(nox.problem.row.format)%s %d",
      {.failed = {"Failed to read %s: %d"}}},
-    {"kel.row.index",     Indexed("device:%p, path:%p, count:%d"), "@&!*@*@(nox.problem.row.index)%s %s %d",
-     {.failed = {"No device: %d", "No path of %s: %d", "No count of %s: %d"}}},
+    {"kel.row.index",   Indexed("%p %u %p", "device, count, path"), "@&!*@*@(nox.problem.row.index)%s %u %s",
+     {.failed = {"No device: %d", "No count: %d"}}},
+    {"kel.row.own",     Args("%d", "count"), "@&!*@*@(nox.problem.row.own)%d", {.handler = HandleOwn}},
+    {"kel.row.shared",  Args("%d", "count"), "@&!*@*@(nox.problem.row.shared)%d", {.handler = HandleShared}},
 };
 // clang-format on
 
-void HandleOwn(Kel *) {}
-constexpr KeldObservation kObservations[] = {{"kel.row.own", Args(""), HandleOwn, "known, and ignored"}};
+void HandleShared(Kel *kel) { sharedResult = KeldTranslateById<kRows, HandleShared>(kel); }
+
+constexpr KeldObservation kObservations[] = {
+    {"kel.row.observed", Args(""), HandleOwn, "known, and ignored"}};
 
 constexpr KeldDomain kDomain{.name = "Row",
                              .domains = {"row"},
-                             .defaultHandler = KeldCorrelatorIgnore,
-                             .otherwise = "ignored",
                              .translations = KeldTranslations<kRows>,
                              .observations = kObservations};
 
@@ -50,44 +50,30 @@ TEST_F(TranslationRowTest, TableHasEveryRowAndEveryObservation)
 {
     const KeldCorrelatorTable table = KeldDomainTable(kDomain);
     EXPECT_EQ(std::size(kRows) + std::size(kObservations), table.size());
+    EXPECT_EQ(HandleOwn, table.at("kel.row.observed"));
     EXPECT_EQ(HandleOwn, table.at("kel.row.own"));
 }
 
-TEST_F(TranslationRowTest, PlaceholdersShowTheArgumentsThatTheRowSays)
+TEST_F(TranslationRowTest, EventHasTheTextTheNamesAndTheObjectOfItsRow)
 {
-    Observe(MakeKel("kel.row.inorder", "%s %u %d", "naa.1", 4000000000U, -3));
-    Observe(MakeKel("kel.row.reordered", "%s %u %s", "acme-raid", 7U, "rebuild"));
-    Observe(MakeKel("kel.row.fewer", "%s %u", "naa.1", 2U));
-    Observe(MakeKel("kel.row.none", "%s", "ignored"));
-    EXPECT_THAT(Events(), ElementsAre("nox.problem.row.inorder(naa.1, 4000000000, -3)",
-                                      "nox.audit.row.reordered(rebuild, acme-raid, 7, rebuild)",
-                                      "nox.clear.row.fewer(2)", "nox.problem.row.none()"));
-}
-
-TEST_F(TranslationRowTest, NamesFollowThePlaceholders)
-{
-    const KeldNames &names = kRows[1].event.names;
-    EXPECT_THAT(std::vector<std::string>(names.begin(), names.begin() + 4),
-                ElementsAre("message", "component", "count", "message"));
-    EXPECT_EQ("%s from %s: %u times. %s", kRows[1].event.Text());
-    EXPECT_EQ("nox.audit.row.reordered", kRows[1].event.TypeId());
+    const EventText &event = kRows[3].event;
+    EXPECT_EQ("%s (%s) %s", event.Text());
+    EXPECT_EQ("nox.audit.row.uuid", event.TypeId());
+    EXPECT_EQ("label", event.names[0]);
+    EXPECT_EQ("volume", event.names[1]);
+    EXPECT_EQ("volume", event.names.Object());
+    EXPECT_EQ("", kRows[5].event.names.Object());
 }
 
 TEST_F(TranslationRowTest, NumbersKeepTheirWidthAndSign)
 {
-    Observe(MakeKel("kel.row.widths", "%u %d %u %d %ld %lu %c", 255U, -128, 0xffffU, -32768, LONG_MIN,
-                    ULONG_MAX, 'x'));
+    Observe(MakeKel("kel.row.inorder", "%s %u %d", "naa.1", 4000000000U, -3));
+    Observe(MakeKel("kel.row.none", "%s", "ignored"));
+    Observe(MakeKel("kel.row.widths", "%d %u %ld %lu", INT_MIN, UINT_MAX, LONG_MIN, ULONG_MAX));
     EXPECT_THAT(Events(),
-                ElementsAre("nox.problem.row.widths(255, -128, 65535, -32768, -9223372036854775808, "
-                            "18446744073709551615, 120)"));
-}
-
-TEST_F(TranslationRowTest, NumberThatDoesNotFitIsNotPosted)
-{
-    Observe(MakeKel("kel.row.widths", "%u %d %u %d %ld %lu %c", 255U, -128, 0x10000U, 0, 0L, 0UL, 'x'));
-    Observe(MakeKel("kel.row.fewer", "%s %ld", "naa.1", 0x100000000L));
-    EXPECT_THAT(Events(), IsEmpty());
-    EXPECT_THAT(LogLines(), IsEmpty());
+                ElementsAre("nox.problem.row.inorder(naa.1, 4000000000, -3)", "nox.clear.row.none()",
+                            "nox.problem.row.widths(-2147483648, 4294967295, -9223372036854775808, "
+                            "18446744073709551615)"));
 }
 
 TEST_F(TranslationRowTest, UuidIsNineArgumentsAndOneText)
@@ -95,17 +81,29 @@ TEST_F(TranslationRowTest, UuidIsNineArgumentsAndOneText)
     Observe(MakeKel("kel.row.uuid", "%s %x-%x-%x-%x%x%x%x%x%x %s", "datastore1", 0xfU, 0xffffffffU, 0xabU,
                     0U, 1U, 0x10U, 0x7fU, 0x80U, 0xffU, "ro"));
     EXPECT_THAT(Events(),
-                ElementsAre("nox.problem.row.uuid(0000000f-ffffffff-00ab-0001107f80ff, datastore1, ro)"));
+                ElementsAre("nox.audit.row.uuid(datastore1, 0000000f-ffffffff-00ab-0001107f80ff, ro)"));
 }
 
-TEST_F(TranslationRowTest, NullTextFailsUnlessTheRowSaysWhatItBecomes)
+TEST_F(TranslationRowTest, WhatCannotBeReadIsNotPosted)
 {
-    Observe(MakeKel("kel.row.nullas", "%s %s", "naa.1", none));
-    EXPECT_THAT(Events(), ElementsAre("nox.problem.row.nullas(naa.1, (none))"));
-    Observe(MakeKel("kel.row.nullas", "%s %s", none, "hba1:C0:T0:L4"));
     Observe(MakeKel("kel.row.inorder", "%s %u %d", none, 2U, 0));
+    Observe(MakeKel("kel.row.inorder", "%s %u", "naa.1", 2U));
+    Observe(MakeKel("kel.row.inorder", "%s %lu %d", "naa.1", 0x100000000UL, 0));
     EXPECT_THAT(Events(), IsEmpty());
     EXPECT_THAT(LogLines(), IsEmpty()) << "a row without a failure message fails silently";
+}
+
+TEST_F(TranslationRowTest, SharedHandlerDoesWhatTheRowOfTheIdSaysIfItIsOneOfItsOwn)
+{
+    Observe(MakeKel("kel.row.shared", "%d", 7));
+    EXPECT_EQ(KeldTranslated::Posted, sharedResult);
+    EXPECT_THAT(Events(), ElementsAre("nox.problem.row.shared(7)"));
+
+    Observe(MakeKel("kel.row.shared", "%s", "seven"));
+    EXPECT_EQ(KeldTranslated::NotRead, sharedResult);
+    HandleShared(MakeKel("kel.row.own", "%d", 7).get());
+    EXPECT_EQ(KeldTranslated::NoSuchRow, sharedResult);
+    EXPECT_THAT(Events(), IsEmpty());
 }
 
 TEST_F(TranslationRowTest, MessageTextIsItsOwnFormat)
@@ -128,17 +126,15 @@ TEST_F(TranslationRowTest, FailedReadOfAFormatNamesTheObservationAndTheStatus)
 
 TEST_F(TranslationRowTest, FailedReadByIndexHasAMessageOfItsOwn)
 {
-    Observe(MakeKel("kel.row.index", "%s %s %d", "naa.1", "hba1:C0:T0:L4", 3));
-    EXPECT_THAT(Events(), ElementsAre("nox.problem.row.index(naa.1, hba1:C0:T0:L4, 3)"));
+    Observe(MakeKel("kel.row.index", "%s %u %s", "naa.1", 3, "hba1:C0:T0:L4"));
+    EXPECT_THAT(Events(), ElementsAre("nox.problem.row.index(naa.1, 3, hba1:C0:T0:L4)"));
 
     Observe(MakeKel("kel.row.index", "%d", 1));
     Observe(MakeKel("kel.row.index", "%s", none)); // before what is missing behind it
     Observe(MakeKel("kel.row.index", "%s", "naa.1"));
-    Observe(MakeKel("kel.row.index", "%s %s %s", "naa.1", "hba1:C0:T0:L4", "three"));
-    Observe(MakeKel("kel.row.index", "%s %s %d", "naa.1", none, 3));
+    Observe(MakeKel("kel.row.index", "%s %u", "naa.1", 3)); // the third has none
     EXPECT_THAT(Events(), IsEmpty());
-    EXPECT_THAT(LogLines(), ElementsAre("No device: 22", "No device: 22", "No path of naa.1: 22",
-                                        "No count of naa.1: 22", "No path of naa.1: 22"));
+    EXPECT_THAT(LogLines(), ElementsAre("No device: 22", "No device: 22", "No count: 22"));
 }
 
 } // namespace

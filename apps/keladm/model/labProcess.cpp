@@ -72,7 +72,7 @@ void LabProcess::Command(const std::string &line)
     std::string text = line + "\n";
     if (send(mChannel.Get(), text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size()))
         return;
-    throw Failure(kExitFailed, mDaemon->Stop().value_or("the daemon has ended"));
+    throw Failure(kExitFailed, mDaemon->AwaitEnd());
 }
 
 LabProcess::Answer LabProcess::TakeAnswer()
@@ -80,7 +80,7 @@ LabProcess::Answer LabProcess::TakeAnswer()
     char buffer[256];
     ssize_t count = recv(mChannel.Get(), buffer, sizeof buffer, MSG_DONTWAIT);
     if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR))
-        throw Failure(kExitFailed, mDaemon->Stop().value_or("the daemon has ended"));
+        throw Failure(kExitFailed, mDaemon->AwaitEnd());
     if (count > 0) mAnswer.append(buffer, static_cast<size_t>(count));
     if (!mAnswer.ends_with('\n')) return {};
 

@@ -144,6 +144,12 @@ std::optional<std::string> DaemonProcess::Stop()
     return fmt::format("the daemon {}: {}", early ? "ended early" : "ended badly", HowItEnded());
 }
 
+std::string DaemonProcess::AwaitEnd()
+{
+    WaitEnd(Clock::now() + kForceAfter);
+    return Stop().value_or("the daemon has ended");
+}
+
 // Without a descriptor that tells, it looks every 20 milliseconds.
 bool DaemonProcess::WaitEnd(Clock::time_point until)
 {

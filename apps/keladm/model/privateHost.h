@@ -52,6 +52,9 @@ public:
     // Asks it to end, waits, and tells what went wrong: nothing for an orderly end with status 0.
     std::optional<std::string> Stop();
 
+    // Tells how it ended of itself, which it is about to do.
+    std::string AwaitEnd();
+
 private:
     bool WaitEnd(Clock::time_point until);
     std::string HowItEnded() const;

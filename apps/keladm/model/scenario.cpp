@@ -91,6 +91,20 @@ void CheckTimes(std::span<const ScenarioStep> steps, bool handClock)
     }
 }
 
+// What stands above the first story belongs to all of them.
+void CheckAboveStories(std::span<const ScenarioStep> steps)
+{
+    const ScenarioStep *other = nullptr;
+    for (const ScenarioStep &step : steps) {
+        if (std::holds_alternative<StoryAction>(step.action)) {
+            if (other == nullptr) return;
+            throw Wrong(
+                fmt::format("line {}: above the first story, only host lines may stand", other->line));
+        }
+        if (other == nullptr && !std::holds_alternative<HostChange>(step.action)) other = &step;
+    }
+}
+
 } // namespace
 
 bool NeedsHandClock(std::span<const ScenarioStep> steps)
@@ -121,6 +135,7 @@ std::vector<ScenarioStep> ParseScenario(std::string_view text)
     }
     auto steps = builder.Finish();
     CheckTimes(steps, NeedsHandClock(steps));
+    CheckAboveStories(steps);
     return steps;
 }
 

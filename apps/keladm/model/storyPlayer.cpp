@@ -18,6 +18,13 @@
 
 namespace {
 
+// A connection is never silent for too long: no time passes in a story.
+constexpr ListenerLimits kListenerLimits{.idle = std::chrono::hours(24),
+                                         .idleWhenFull = std::chrono::hours(24)};
+
+// A daemon that has settled takes an observation at once, one that waits for a deaf receiver as many as
+// its pipes and sockets hold.
+constexpr auto kSendPatience = std::chrono::seconds(10);
 constexpr auto kPatience = std::chrono::minutes(2); // with a daemon that does not answer or settle
 
 // An event that has come, and the agent that has posted it: its events keep their order.
@@ -43,7 +50,7 @@ public:
         try {
             for (const HostChange &change : mStory.host)
                 ApplyHostChange(change);
-            mListener.emplace();
+            mListener.emplace(kListenerLimits);
             Start();
             PlaySteps(mStory.steps);
             FinishStep();
@@ -102,7 +109,7 @@ private:
         if (action == ReceiverAction::Away) {
             mListener.reset();
         } else {
-            if (!mListener) mListener.emplace();
+            if (!mListener) mListener.emplace(kListenerLimits);
             mListener->SetDeaf(mDeaf);
         }
         Settle("settle");
@@ -119,7 +126,7 @@ private:
     void Start()
     {
         mLab.emplace(mProgram, mDirectory.Path() + "/daemon.err", mNow, mLog.Fd());
-        mSender.emplace(mStop.Get());
+        mSender.emplace(mStop.Get(), kSendPatience);
         Settle("settle");
     }
 
@@ -315,9 +322,6 @@ std::vector<Story> StoriesOf(std::span<const ScenarioStep> steps)
     size_t firstLine = steps.front().line;
     takeHost(common);
     if (std::ranges::none_of(steps, isHeading)) return {{firstLine, SIZE_MAX, "", common, steps}};
-    if (!isHeading(steps.front()))
-        throw Failure(kExitUsage, fmt::format("line {}: before the first story, only host lines may stand",
-                                              steps.front().line));
     while (!steps.empty()) {
         Story &story = stories.emplace_back();
         story.line = steps.front().line;

@@ -20,7 +20,7 @@ struct Story {
     std::span<const ScenarioStep> steps; // the others
 };
 
-// In their order. Throws Failure when anything but host lines stands before the first heading.
+// In their order; none of an empty file.
 std::vector<Story> StoriesOf(std::span<const ScenarioStep> steps);
 
 // One step, or the start, after which not all was as expected.

@@ -2,10 +2,11 @@
 
 #include "keldUtil.h"
 
+#include "keldConversion.h"
+
 #include <kltlibs/ktime.h>
 #include <knxctl/storageInfo.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <memory>
@@ -29,29 +30,14 @@ bool GoesBy(const KnxCtl::Storage::FileSystem &fileSystem, std::string_view name
 // width and precision, a string as a pointer. 0, or EINVAL.
 int ConvertFormat(std::string_view text, std::string *format)
 {
-    constexpr std::string_view kDigits = "0123456789";
-    const auto take = [&text](std::string_view set, std::size_t most) {
-        const std::size_t end = std::min({text.find_first_not_of(set), text.size(), most});
-        const std::string_view taken = text.substr(0, end);
-        text.remove_prefix(end);
-        return taken;
-    };
-    for (;;) {
-        text.remove_prefix(std::min(text.find('%'), text.size()));
-        if (text.empty()) return 0;
-        text.remove_prefix(1);
-        if (!take("%", 1).empty()) continue;
-        take(" #+-0", 1);
-        take(kDigits, text.npos);
-        if (!take(".", 1).empty()) take(kDigits, text.npos);
-        std::string_view length = take("h", 2);
-        if (length.empty()) length = take("l", 2);
-        if (length.empty()) length = take("L", 1);
-        const std::string_view conversion = take("cdiouxsX", 1);
-        if (conversion.empty()) return EINVAL;
-        (*format += '%') += length;
-        *format += conversion == "s" ? "p" : conversion == "X" ? "x" : conversion;
+    constexpr std::string_view kAccepted = "cdiouxsX";
+    while (const std::optional<KeldConversion> conversion = KeldTakeConversion(&text)) {
+        const char letter = conversion->letter;
+        if (kAccepted.find(letter) == kAccepted.npos) return EINVAL;
+        (*format += '%') += conversion->length;
+        *format += letter == 's' ? 'p' : letter == 'X' ? 'x' : letter;
     }
+    return 0;
 }
 
 } // namespace

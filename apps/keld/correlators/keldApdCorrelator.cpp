@@ -7,11 +7,11 @@
 
 #include "keldDomains.h"
 
-#include "keldTranslation.h"
+#include "keldDomain.h"
 
 namespace {
 
-constexpr KeldArguments kIdentifier = Indexed("identifier:%p");
+constexpr KeldArguments kIdentifier = Indexed("%p", "*identifier");
 
 // clang-format off
 constexpr Translation kRows[] = {
@@ -20,7 +20,7 @@ constexpr Translation kRows[] = {
     {"kel.storage.apd.exit", kIdentifier,
      "@&!*@*@(nox.clear.storage.apd.exit)Device or filesystem with identifier [%s] has exited the All Paths Down state.",
      {.pairing = {"nox.problem.storage.apd.start, nox.problem.storage.apd.timeout", "identifier"}}},
-    {"kel.storage.apd.timeout", Indexed("identifier:%p, seconds:%d"),
+    {"kel.storage.apd.timeout", Indexed("%p %d", "*identifier, seconds"),
      "@&!*@*@(nox.problem.storage.apd.timeout)Device or filesystem with identifier [%s] has entered the All Paths Down Timeout state after being in the All Paths Down state for %d seconds. I/Os will now be fast failed."},
 };
 // clang-format on

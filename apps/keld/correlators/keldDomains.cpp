@@ -1,15 +1,13 @@
 #include "keldDomains.h"
 
-#include "keldTranslation.h"
+#include "keldDomain.h"
 
 // Domains of which nothing is known yet. Their agents are there so that each domain has its place and its
 // subscription.
-const KeldDomain keldCpuDomain{
-    .name = "Cpu", .domains = {"cpu"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+const KeldDomain keldCpuDomain{.name = "Cpu", .domains = {"cpu"}};
 void KeldCorrelator_StartCpu() { KeldDomainRun(keldCpuDomain); }
 
-const KeldDomain keldZornDomain{
-    .name = "Zorn", .domains = {"zorn"}, .defaultHandler = KeldCorrelatorIgnore, .otherwise = "ignored"};
+const KeldDomain keldZornDomain{.name = "Zorn", .domains = {"zorn"}};
 void KeldCorrelator_StartZorn() { KeldDomainRun(keldZornDomain); }
 
 const std::array<KeldCorrelatorEntry, 18> keldCorrelators{{

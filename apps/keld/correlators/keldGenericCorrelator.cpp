@@ -10,34 +10,46 @@
 
 #include "keldDomains.h"
 
-#include "keldTranslation.h"
+#include "keldDomain.h"
 
 namespace {
 
-constexpr KeldArguments kReport = Args("component:%p, link:%p, message:%p");
+constexpr KeldArguments kReport = Args("%p %p %p", "*component, link, message");
 
 // The component fills the first and the third place.
-constexpr KeldRowOptions kReportedBy{.shows = "0 1 0 2"};
+constexpr KeldNames kShown = "*component, link, component, message";
 
 // clang-format off
-constexpr EventText kWarning =
-    "@&!*@*@(nox.problem.3rdParty.warning)A 3rd party component, %s, running on NOX has reported a warning related to a problem. Please follow the knowledge base link (%s) to see the steps to remedy the problem as reported by %s. The message reported is: %s.";
-constexpr EventText kError =
-    "@&!*@*@(nox.problem.3rdParty.error)A 3rd party component, %s, running on NOX has reported an error. Please follow the knowledge base link (%s) to see the steps to remedy the problem as reported by %s. The message reported is: %s.";
+constexpr EventText kWarning{
+    "@&!*@*@(nox.problem.3rdParty.warning)A 3rd party component, %s, running on NOX has reported a warning related to a problem. Please follow the knowledge base link (%s) to see the steps to remedy the problem as reported by %s. The message reported is: %s.",
+    kShown};
+constexpr EventText kError{
+    "@&!*@*@(nox.problem.3rdParty.error)A 3rd party component, %s, running on NOX has reported an error. Please follow the knowledge base link (%s) to see the steps to remedy the problem as reported by %s. The message reported is: %s.",
+    kShown};
 // KEPT: "remedythe"; receivers match on this text. Information is posted as a problem, too.
-constexpr EventText kInformation =
-    "@&!*@*@(nox.problem.3rdParty.information)A 3rd party component, %s, running on NOX has reported an informational event. If needed, please follow the knowledge base link (%s) to see the steps to remedythe problem as reported by %s. The message reported is: %s.";
+constexpr EventText kInformation{
+    "@&!*@*@(nox.problem.3rdParty.information)A 3rd party component, %s, running on NOX has reported an informational event. If needed, please follow the knowledge base link (%s) to see the steps to remedythe problem as reported by %s. The message reported is: %s.",
+    kShown};
+// clang-format on
 
-constexpr Translation kRows[] = {
-    {"kel.external.warning",      kReport, kWarning,     kReportedBy},
-    {"kel.external.error",        kReport, kError,       kReportedBy},
-    {"kel.external.info",         kReport, kInformation, kReportedBy},
-    {"kel.user.external.warning", kReport, kWarning,     kReportedBy},
-    {"kel.user.external.error",   kReport, kError,       kReportedBy},
-    {"kel.user.external.info",    kReport, kInformation, kReportedBy},
+template <const EventText &kText> void KeldGenericCorrelatorReport(Kel *kel)
+{
+    const char *component = nullptr, *link = nullptr, *message = nullptr;
+    if (KeldRead<kReport>(kel, &component, &link, &message) != 0) return;
+    KeldPost<kText>(component, link, component, message);
+}
+
+// clang-format off
+constexpr KeldObservation kObservations[] = {
+    {"kel.external.warning",      kReport, KeldGenericCorrelatorReport<kWarning>,     "", {&kWarning}},
+    {"kel.external.error",        kReport, KeldGenericCorrelatorReport<kError>,       "", {&kError}},
+    {"kel.external.info",         kReport, KeldGenericCorrelatorReport<kInformation>, "", {&kInformation}},
+    {"kel.user.external.warning", kReport, KeldGenericCorrelatorReport<kWarning>,     "", {&kWarning}},
+    {"kel.user.external.error",   kReport, KeldGenericCorrelatorReport<kError>,       "", {&kError}},
+    {"kel.user.external.info",    kReport, KeldGenericCorrelatorReport<kInformation>, "", {&kInformation}},
 };
 // clang-format on
-static_assert(std::size(kRows) == 6 && DistinctUnder(kRows, "kel."));
+static_assert(std::size(kObservations) == 6 && DistinctUnder(kObservations, "kel."));
 
 } // namespace
 
@@ -46,7 +58,7 @@ const KeldDomain keldGenericDomain{
     .domains = {"user", "external"},
     .defaultHandler = KeldCorrelatorLogKel,
     .otherwise = "written to the log",
-    .translations = KeldTranslations<kRows>,
+    .observations = kObservations,
 };
 
 void KeldCorrelator_StartGeneric() { KeldDomainRun(keldGenericDomain); }

@@ -7,29 +7,29 @@
 
 #include "keldDomains.h"
 
-#include "keldTranslation.h"
+#include "keldDomain.h"
 
 namespace {
 
 // Of an NVDIMM: its handle, shown in hexadecimal, and its name; then what has reached a limit.
 constexpr KeldArguments kNone = Indexed("");
-constexpr KeldArguments kNvdimm = Indexed("handle:%d, idString:%p");
-constexpr KeldArguments kStatus = Indexed("handle:%d, idString:%p, status:%d");
-constexpr KeldArguments kPercentUsed = Indexed("handle:%d, idString:%p, percentUsed:%d, threshold:%d");
-constexpr KeldArguments kTemperature = Indexed("handle:%d, idString:%p, celsius:%d");
-constexpr KeldArguments kSpareBlocks = Indexed("handle:%d, idString:%p, sparePercent:%d");
-constexpr KeldArguments kLifetime = Indexed("handle:%d, idString:%p, lifetime:%d");
+constexpr KeldArguments kNvdimm = Indexed("%d %p", "handle, *idString");
+constexpr KeldArguments kStatus = Indexed("%d %p %d", "handle, *idString, status");
+constexpr KeldArguments kPercentUsed = Indexed("%d %p %d %d", "handle, *idString, percentUsed, threshold");
+constexpr KeldArguments kTemperature = Indexed("%d %p %d", "handle, *idString, celsius");
+constexpr KeldArguments kSpareBlocks = Indexed("%d %p %d", "handle, *idString, sparePercent");
+constexpr KeldArguments kLifetime = Indexed("%d %p %d", "handle, *idString, lifetime");
 
 constexpr KeldRowOptions kEndsCharging{
     .pairing = {.clears = "nox.problem.hardware.nvd.health.module.es.charging", .on = "handle"}};
 
 // clang-format off
 constexpr Translation kRows[] = {
-    {"kel.hardware.acpi.interrupt.routing.device.invalid", Indexed("device:%d"),
+    {"kel.hardware.acpi.interrupt.routing.device.invalid", Indexed("%d", "*device"),
      "@&!*@*@(nox.problem.hardware.acpi.interrupt.routing.device.invalid)Skipping interrupt routing entry with bad device number: %u. This is a BIOS bug."},
-    {"kel.hardware.acpi.interrupt.routing.pin.invalid", Indexed("pin:%d"),
+    {"kel.hardware.acpi.interrupt.routing.pin.invalid", Indexed("%d", "*pin"),
      "@&!*@*@(nox.problem.hardware.acpi.interrupt.routing.pin.invalid)Skipping interrupt routing entry with bad device pin: %u. This is a BIOS bug."},
-    {"kel.hardware.ioapic.missing", Indexed("ioapic:%d"),
+    {"kel.hardware.ioapic.missing", Indexed("%d", "*ioapic"),
      "@&!*@*@(nox.problem.hardware.ioapic.missing)IOAPIC Num %d is missing. Please check BIOS settings to enable this IOAPIC."},
     {"kel.hardware.ipmi.bmc.bad", kNone,
      "@&!*@*@(nox.problem.hardware.ipmi.bmc.bad)Failed to communicate with the BMC. IPMI functionality will be unavailable on this system."},
@@ -125,8 +125,6 @@ static_assert(std::size(kRows) == 45 && DistinctUnder(kRows, "kel.hardware."));
 const KeldDomain keldHardwareDomain{
     .name = "Hardware",
     .domains = {"hardware"},
-    .defaultHandler = KeldCorrelatorIgnore,
-    .otherwise = "ignored",
     .translations = KeldTranslations<kRows>,
 };
 

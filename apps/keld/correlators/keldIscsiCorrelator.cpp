@@ -8,22 +8,22 @@
 
 #include "keldDomains.h"
 
-#include "keldTranslation.h"
+#include "keldDomain.h"
 
 namespace {
 
-constexpr KeldArguments kTarget = Args("target:%p, adapter:%p");
-constexpr KeldArguments kTargetLogin = Args("target:%p, adapter:%p, loginStatus:%u");
-constexpr KeldArguments kDiscovery = Args("discoveryAddress:%p, adapter:%p");
-constexpr KeldArguments kDiscoveryLogin = Args("discoveryAddress:%p, adapter:%p, loginStatus:%u");
+constexpr KeldArguments kTarget = Args("%p %p", "*target, adapter");
+constexpr KeldArguments kTargetLogin = Args("%p %p %u", "*target, adapter, loginStatus");
+constexpr KeldArguments kDiscovery = Args("%p %p", "*discoveryAddress, adapter");
+constexpr KeldArguments kDiscoveryLogin = Args("%p %p %u", "*discoveryAddress, adapter, loginStatus");
 
 // clang-format off
 constexpr EventText kTargetLoginError{
     "@&!*@*@(nox.problem.storage.iscsi.target.login.error)Login to iSCSI target %s on %s failed. Target returned login error of: %s.",
-    "target, adapter, loginStatus"};
+    "*target, adapter, loginStatus"};
 constexpr EventText kDiscoveryLoginError{
     "@&!*@*@(nox.problem.storage.iscsi.discovery.login.error)iSCSI discovery to %s on %s failed. The Discovery target returned a login error of: %s.",
-    "discoveryAddress, adapter, loginStatus"};
+    "*discoveryAddress, adapter, loginStatus"};
 
 constexpr Translation kRows[] = {
     {"kel.iscsi.target.connect.error", kTarget,
@@ -32,7 +32,7 @@ constexpr Translation kRows[] = {
      "@&!*@*@(nox.problem.storage.iscsi.target.permanently.removed)The target %s was permanently removed from %s."},
     {"kel.iscsi.discovery.connect.error", kDiscovery,
      "@&!*@*@(nox.problem.storage.iscsi.discovery.connect.error)iSCSI discovery to %s on %s failed. The iSCSI Initiator could not establish a network connection to the discovery address."},
-    {"kel.iscsi.isns.discovery.error", Args("server:%p, adapter:%p, error:%p, detail:%p"),
+    {"kel.iscsi.isns.discovery.error", Args("%p %p %p %p", "*server, adapter, error, detail"),
      "@&!*@*@(nox.problem.storage.iscsi.isns.discovery.error)iSns discovery to %s on %s failed. (%s : %s)."},
 };
 // clang-format on
@@ -72,8 +72,6 @@ constexpr KeldObservation kObservations[] = {
 const KeldDomain keldIscsiDomain{
     .name = "iscsi",
     .domains = {"iscsi"},
-    .defaultHandler = KeldCorrelatorIgnore,
-    .otherwise = "ignored",
     .translations = KeldTranslations<kRows>,
     .observations = kObservations,
 };

@@ -7,27 +7,39 @@
 
 #include "keldDomains.h"
 
-#include "keldTranslation.h"
+#include "keldDomain.h"
 
 namespace {
 
+void KeldMigrateCorrelatorListenerShutdown(Kel *kel);
+
+constexpr KeldArguments kStatus = Args("%p", "status");
+
 // clang-format off
+constexpr EventText kListenerShutdown =
+    "@&!*@*@(nox.problem.migrate.skate.server.pending.cnx.listen.socket.shutdown)The NOX host's Skate network server encountered an error while monitoring incoming network connections. Shutting down listener socket. Skates may no longer be possible with this host until Skate is manually re-enabled. Failure status: %s";
+
 constexpr Translation kRows[] = {
-    {"kel.migrate.skate.server.pending.cnx.listen.socket.shutdown", Args("status:%p").NullAs(0, "unknown"),
-     "@&!*@*@(nox.problem.migrate.skate.server.pending.cnx.listen.socket.shutdown)The NOX host's Skate network server encountered an error while monitoring incoming network connections. Shutting down listener socket. Skates may no longer be possible with this host until Skate is manually re-enabled. Failure status: %s"},
+    {"kel.migrate.skate.server.pending.cnx.listen.socket.shutdown", kStatus, kListenerShutdown,
+     {.handler = KeldMigrateCorrelatorListenerShutdown}},
     {"kel.migrate.skate.default.heap.create.failed", Args(""),
      "@&!*@*@(nox.problem.migrate.skate.default.heap.create.failed)Failed to create default migration heap. This may be a result of severe host memory pressure, or virtual address space exhaustion. Migration may still be possible, but will be unreliable in cases of extreme host memory pressure."},
 };
 // clang-format on
 static_assert(DistinctUnder(kRows, "kel.migrate."));
 
+void KeldMigrateCorrelatorListenerShutdown(Kel *kel)
+{
+    const char *status = ""; // a null text becomes null here; a read that fails leaves it
+    if (KeldRead<kStatus>(kel, &status) != 0 && status != nullptr) return;
+    KeldPost<kListenerShutdown>(status == nullptr ? "unknown" : status);
+}
+
 } // namespace
 
 const KeldDomain keldMigrateDomain{
     .name = "migrate",
     .domains = {"migrate"},
-    .defaultHandler = KeldCorrelatorIgnore,
-    .otherwise = "ignored",
     .translations = KeldTranslations<kRows>,
 };
 

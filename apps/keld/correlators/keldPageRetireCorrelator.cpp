@@ -10,8 +10,8 @@
 
 #include "keldDomains.h"
 
+#include "keldDomain.h"
 #include "keldOwn.h"
-#include "keldTranslation.h"
 
 #include <kltlibs/kif.h>
 #include <knxctl/resourceInfo.h>
@@ -42,16 +42,16 @@ constexpr EventText kThresholdExceeded(
     "count, threshold");
 
 constexpr KeldArguments kInjection =
-    ByMessage("Injected MCE for PPN %x into virtual machine %d.", "page, worldId");
+    ByMessage("Injected MCE for PPN %x into virtual machine %d.", "page, *worldId");
 constexpr EventText kKilling(
     "@&!*@*@(nox.problem.pageretire.mce.injected.2)Killing %s because at least %d uncorrectable memory error machine check exceptions were injected for guest physical page %#x but the virtual machine's operating system kept using the page.",
-    "virtualMachine, injections, page");
+    "*virtualMachine, injections, page");
 
 constexpr KeldArguments kFirmwareRequest =
-    ByMessage("Memory page retirement requested by platform firmware. FRU ID: %s. Refer to System Hardware Log: %s", "fru, hardwareLog");
+    ByMessage("Memory page retirement requested by platform firmware. FRU ID: %s. Refer to System Hardware Log: %s", "*fru, hardwareLog");
 constexpr EventText kRequestedByFirmware(
     "@&!*@*@(nox.problem.pageretire.platform.retire.request)Memory page retirement requested by platform firmware. FRU ID: %s. Refer to System Hardware Log: %s",
-    "fru, hardwareLog");
+    "*fru, hardwareLog");
 // clang-format on
 
 struct VirtualMachineRecord {
@@ -168,37 +168,26 @@ void KeldPageRetireCorrelatorPlatformRequest(Kel *kel)
     KeldPost<kRequestedByFirmware>(fru, hardwareLog);
 }
 
+// clang-format off
 const KeldObservation kObservations[] = {
-    {"kel.pageretire.selectedbutnotretired.high",
-     kNotRetiredCount,
-     KeldPageRetireCorrelatorNotRetired,
-     "posted once while the daemon runs",
-     {&kNotRetiredHigh}},
-    {"kel.pageretire.selectedmpnthreshold.host.exceeded",
-     kSelectedCount,
-     KeldPageRetireCorrelatorThreshold,
-     "posted above the threshold, and again for every further PageRetire/ThresholdInterval percent of it",
-     {&kThresholdExceeded}},
-    {"kel.pageretire.mce.injected",
-     kInjection,
-     KeldPageRetireCorrelatorMceInjected,
-     "remembered for 60 seconds; 50 of one page of a virtual machine, spread over at least 2 seconds, post "
-     "the event and stop the machine",
+    {"kel.pageretire.selectedbutnotretired.high", kNotRetiredCount, KeldPageRetireCorrelatorNotRetired,
+     "posted once while the daemon runs", {&kNotRetiredHigh}},
+    {"kel.pageretire.selectedmpnthreshold.host.exceeded", kSelectedCount, KeldPageRetireCorrelatorThreshold,
+     "posted above the threshold, and again for every further PageRetire/ThresholdInterval percent of it", {&kThresholdExceeded}},
+    {"kel.pageretire.mce.injected", kInjection, KeldPageRetireCorrelatorMceInjected,
+     {"remembered for {window}; {threshold} of one page of a virtual machine, spread over at least {spread}, post the event and stop the machine",
+      KeldLimit{"window", kInjectionSeconds, "seconds"}, KeldLimit{"threshold", kInjectionsToKill}, KeldLimit{"spread", kSpreadToKillSeconds, "seconds"}},
      {&kKilling}},
-    {"kel.pageretire.platform.retire.request",
-     kFirmwareRequest,
-     KeldPageRetireCorrelatorPlatformRequest,
-     "posted while PageRetire/ApeiLoggingEnabled is not 0",
-     {&kRequestedByFirmware}},
+    {"kel.pageretire.platform.retire.request", kFirmwareRequest, KeldPageRetireCorrelatorPlatformRequest,
+     "posted while PageRetire/ApeiLoggingEnabled is not 0", {&kRequestedByFirmware}},
 };
+// clang-format on
 
 } // namespace
 
 const KeldDomain keldPageRetireDomain{
     .name = "PageRetire",
     .domains = {"pageretire"},
-    .defaultHandler = KeldCorrelatorIgnore,
-    .otherwise = "ignored",
     .observations = kObservations,
 };
 

@@ -13,7 +13,7 @@
 
 #include "keldDomains.h"
 
-#include "keldTranslation.h"
+#include "keldDomain.h"
 
 #include <knxctl/hostFactory.h>
 
@@ -28,35 +28,40 @@ namespace {
 
 // ---- Path states and resets -----------------------------------------------------------------------
 
-constexpr KeldArguments kPathState = Indexed("path:%p, previousState:%p");
-constexpr KeldArguments kPath = Indexed("path:%p");
+constexpr KeldArguments kPathState = Indexed("%p %p", "*path, previousState");
+constexpr KeldArguments kPath = Indexed("%p", "*path");
 
 // clang-format off
 constexpr EventText kConnectivityLost{
     "@&!*@*@(nox.problem.storage.connectivity.lost)Lost connectivity to storage device %s. Path %s is down. Affected datastores: %s.",
-    "device, path, datastores"};
+    "*device, path, datastores"};
 constexpr EventText kRedundancyLost{
     "@&!*@*@(nox.problem.storage.redundancy.lost)Lost path redundancy to storage device %s. Path %s is down. Affected datastores: %s.",
-    "device, path, datastores"};
+    "*device, path, datastores"};
 constexpr EventText kRedundancyDegraded{
     "@&!*@*@(nox.problem.storage.redundancy.degraded)Path redundancy to storage device %s degraded. Path %s is down. Affected datastores: %s.",
-    "device, path, datastores"};
+    "*device, path, datastores"};
 constexpr EventText kConnectivityRestored{
     "@&!*@*@(nox.clear.storage.connectivity.restored)Connectivity to storage device %s (Datastores: %s) restored. Path %s is active again.",
-    "device, datastores, path", {"nox.problem.storage.connectivity.lost", "device"}};
+    "*device, datastores, path", {"nox.problem.storage.connectivity.lost", "device"}};
 constexpr EventText kRedundancyRestored{
     "@&!*@*@(nox.clear.storage.redundancy.restored)Path redundancy to storage device %s (Datastores: %s) restored. Path %s is active again.",
-    "device, datastores, path", {"nox.problem.storage.redundancy.lost", "device"}};
+    "*device, datastores, path", {"nox.problem.storage.redundancy.lost", "device"}};
 constexpr EventText kPathStateChanges{
     "@&!*@*@(nox.problem.storage.connectivity.pathstatechanges)Frequent path state changes are occurring for path %s. This may indicate a storage problem. Affected device: %s. Affected datastores: %s.",
-    "path, device, datastores"};
+    "*path, device, datastores"};
 constexpr EventText kPathPowerOnResets{
     "@&!*@*@(nox.problem.storage.connectivity.pathpor)Frequent PowerOn Reset Unit Attentions are occurring on path %s. This may indicate a storage problem. Affected device: %s. Affected datastores: %s.",
-    "path, device, datastores"};
+    "*path, device, datastores"};
 constexpr EventText kDevicePowerOnResets{
     "@&!*@*@(nox.problem.storage.connectivity.devicepor)Frequent PowerOn Reset Unit Attentions are occurring on device %s. This may indicate a storage problem. Affected datastores: %s.",
-    "device, datastores"};
+    "*device, datastores"};
 // clang-format on
+
+constexpr std::uint32_t kFrequent = 10; // changes, or resets, of one path
+constexpr std::uint64_t kForgetFewSeconds = 60;
+constexpr std::uint64_t kForgetAllSeconds = 600;
+static_assert(kForgetFewSeconds < kForgetAllSeconds);
 
 // How many paths a device has left.
 enum : std::uint32_t { kUnknown = 0, kNoPath = 1, kSinglePath = 2, kManyPaths = 3 };
@@ -74,7 +79,7 @@ public:
     {
         // KEPT: both stamps start at 0, so that what a fresh daemon counts first is forgotten at once; a
         // repair would report one change earlier than receivers have learnt to expect at a start.
-        if (now - mLastReset > kResetSeconds) {
+        if (now - mLastReset > kForgetAllSeconds) {
             mCounts.clear();
             mLastReset = now;
         }
@@ -84,7 +89,7 @@ public:
                  !isNew || change == Change::Happened)
             ++entry->second;
         // Behind the count, not before it: nine changes long ago and one now are reported.
-        if (now - mLastDecay > kDecaySeconds) {
+        if (now - mLastDecay > kForgetFewSeconds) {
             for (auto &[name, count] : mCounts)
                 if (count < kFrequent) count = 0;
             mLastDecay = now;
@@ -94,11 +99,6 @@ public:
     }
 
 private:
-    static constexpr std::uint32_t kFrequent = 10;
-    static constexpr std::uint64_t kResetSeconds = 600;
-    static constexpr std::uint64_t kDecaySeconds = 60;
-    static_assert(kDecaySeconds < kResetSeconds);
-
     std::map<std::string, std::uint32_t> mCounts;
     std::uint64_t mLastReset = 0;
     std::uint64_t mLastDecay = 0;
@@ -248,38 +248,47 @@ void KeldScsiCorrelatorPowerOnReset(Kel *kel)
         KeldPost<kPathPowerOnResets>(path, device.c_str(), datastores.c_str());
 }
 
-constexpr const char *kDownNote =
-    "counted as a state change; posted by the paths that the device has left, when "
-    "the previous state was on or standby";
-constexpr const char *kUpNote =
-    "counted as a state change; posted by the paths that the device has again, when "
-    "the previous state was off or dead and this path's loss was posted";
+// With the numbers that the counting obeys.
+constexpr KeldNote Counted(const char *note)
+{
+    return {note, KeldLimit{"threshold", kFrequent},
+            KeldLimit{"fewForgotten", kForgetFewSeconds, "seconds"},
+            KeldLimit{"allForgotten", kForgetAllSeconds, "seconds"}};
+}
 
 // clang-format off
+constexpr KeldNote kDown = Counted(
+    "counted as a state change; posted by the paths that the device has left, when the previous state was on or standby");
+constexpr KeldNote kUp = Counted(
+    "counted as a state change; posted by the paths that the device has again, when the previous state was off or dead and this path's loss was posted");
+constexpr KeldNote kAdded = Counted(
+    "begins to count the path's state changes; of a known path it counts as one");
+constexpr KeldNote kReset = Counted(
+    "counted; counts below {threshold} are forgotten about every {fewForgotten}; posted at a count of {threshold}");
+
 constexpr KeldObservation kObservations[] = {
-    {"kel.scsi.scsipath.pathstate.dead", kPathState, KeldScsiCorrelatorPathDown, kDownNote,
+    {"kel.scsi.scsipath.pathstate.dead",    kPathState, KeldScsiCorrelatorPathDown, kDown,
      {&kConnectivityLost, &kRedundancyLost, &kRedundancyDegraded, &kPathStateChanges}},
-    {"kel.scsi.scsipath.pathstate.off", kPathState, KeldScsiCorrelatorPathDown, kDownNote,
+    {"kel.scsi.scsipath.pathstate.off",     kPathState, KeldScsiCorrelatorPathDown, kDown,
      {&kConnectivityLost, &kRedundancyLost, &kRedundancyDegraded, &kPathStateChanges}},
-    {"kel.scsi.scsipath.pathstate.on", kPathState, KeldScsiCorrelatorPathUp, kUpNote,
+    {"kel.scsi.scsipath.pathstate.on",      kPathState, KeldScsiCorrelatorPathUp,   kUp,
      {&kConnectivityRestored, &kRedundancyRestored, &kPathStateChanges}},
-    {"kel.scsi.scsipath.pathstate.standby", kPathState, KeldScsiCorrelatorPathUp, kUpNote,
+    {"kel.scsi.scsipath.pathstate.standby", kPathState, KeldScsiCorrelatorPathUp,   kUp,
      {&kConnectivityRestored, &kRedundancyRestored, &kPathStateChanges}},
-    {"kel.scsi.scsipath.add", kPath, KeldScsiCorrelatorPathListChange<Change::Added>,
-     "begins to count the path's state changes; of a known path it counts as one", {&kPathStateChanges}},
-    {"kel.scsi.scsipath.remove", kPath, KeldScsiCorrelatorPathListChange<Change::Removed>,
-     "forgets the path's state changes"},
-    {"kel.scsi.scsipath.por", kPath, KeldScsiCorrelatorPowerOnReset,
-     "counted; counts below ten are forgotten about once a minute; posted for the tenth", {&kPathPowerOnResets, &kDevicePowerOnResets}},
+    {"kel.scsi.scsipath.add",    kPath, KeldScsiCorrelatorPathListChange<Change::Added>,   kAdded, {&kPathStateChanges}},
+    {"kel.scsi.scsipath.remove", kPath, KeldScsiCorrelatorPathListChange<Change::Removed>, "forgets the path's state changes"},
+    {"kel.scsi.scsipath.por",    kPath, KeldScsiCorrelatorPowerOnReset,                    kReset, {&kPathPowerOnResets, &kDevicePowerOnResets}},
 };
+// clang-format on
 
 // ---- One event for one observation ----------------------------------------------------------------
 
-constexpr KeldArguments kIndexedDevice = Indexed("device:%p");
-constexpr KeldArguments kDevice = Args("device:%p");
-constexpr KeldArguments kDeviceLatency = Args("device:%p, from:%u, to:%u");
-constexpr KeldArguments kDeviceDatastore = Args("device:%p, datastore:%p");
-constexpr KeldArguments kDevicePlugin = Args("device:%p, plugin:%p, status:%x");
+constexpr KeldArguments kIndexedDevice = Indexed("%p", "*device");
+constexpr KeldArguments kDevice = Args("%p", "*device");
+constexpr KeldArguments kDeviceLatency = Args("%p %u %u", "*device, from, to");
+constexpr KeldArguments kDeviceDatastore = Args("%p %p", "*device, datastore");
+constexpr KeldArguments kDevicePlugin = Args("%p %p %x", "*device, plugin, status");
+constexpr KeldArguments kPathAdapter = Indexed("%p %p", "*path, adapter");
 
 constexpr KeldRowOptions kNoDeviceName{.failed = {"Failed to get device name: %d\n"}};
 constexpr KeldRowOptions kNoParams{.failed = {"Failed to get params for correlation %s: %d\n"}};
@@ -290,6 +299,13 @@ consteval KeldRowOptions Ends(const char *typeId, KeldRowOptions options)
     options.pairing = {typeId, "device"};
     return options;
 }
+
+// Says in the log for which path it lacks the adapter.
+void KeldScsiCorrelatorPathToPe(Kel *kel);
+
+// clang-format off
+constexpr EventText kPathToPe =
+    "@&!*@*@(nox.problem.scsi.scsipath.badpath.unreachpe)Path %s leads to a PE, which adapter %s cannot reach.";
 
 constexpr Translation kRows[] = {
     {"kel.scsi.device.state.on", kIndexedDevice,
@@ -310,32 +326,30 @@ constexpr Translation kRows[] = {
     {"kel.scsi.device.thinprov.atquota", kIndexedDevice,
      "@&!*@*@(nox.problem.scsi.device.thinprov.atquota)Space used on thin-provisioned device %s has reached its configured threshold.",
      {.failed = {"Failed to get thin provisioned device name: %d\n"}}},
-    {"kel.scsi.scsipath.limitreached", Indexed("pathCount:%d, path:%p"),
+    {"kel.scsi.scsipath.limitreached", Indexed("%d %p", "pathCount, *path"),
      "@&!*@*@(nox.problem.scsi.scsipath.limitreached)The maximum number of supported paths, %d, has been reached. Path %s could not be added.",
      {.failed = {"Failed to get path limit reached path count: %d\n", "Failed to get path limit reached path name: %d\n"}}},
-    {"kel.scsi.device.limitreached", Indexed("deviceCount:%d, plugin:%p"),
+    {"kel.scsi.device.limitreached", Indexed("%d %p", "deviceCount, *plugin"),
      "@&!*@*@(nox.problem.scsi.device.limitreached)The maximum number of supported devices, %d, has been reached. A device of plugin %s could not be created.",
      {.failed = {"Failed to get device limit reached device count: %d\n", "Failed to get device limit reached plugin name: %d\n"}}},
-    {"kel.scsi.device.nmp.satp.option.failed", Indexed("options:%p, path:%p"),
+    {"kel.scsi.device.nmp.satp.option.failed", Indexed("%p %p", "options, *path"),
      "@&!*@*@(nox.problem.scsi.device.nmp.satp.option.failed)SATP options %s could not be applied on path %s.",
      {.failed = {"Failed to get NMP SATP options: %d\n", "Failed to get path name: %d\n"}}},
-    {"kel.scsi.scsipath.badpath.unreachpe", Indexed("path:%p, adapter:%p"),
-     "@&!*@*@(nox.problem.scsi.scsipath.badpath.unreachpe)Path %s leads to a PE, which adapter %s cannot reach.",
-     {.failed = {"Failed to get path name: %d\n", "Failed to get PE-incapable adapter name for path %s : %d\n"}}},
+    {"kel.scsi.scsipath.badpath.unreachpe", kPathAdapter, kPathToPe, {.handler = KeldScsiCorrelatorPathToPe}},
     {"kel.scsi.device.latency.raised", kDeviceLatency,
      "@&!*@*@(nox.problem.scsi.device.latency.raised)I/O latency of device %s has risen from an average of %u microseconds to %u microseconds.", kNoParams},
     {"kel.scsi.device.latency.recovered", kDeviceLatency,
      "@&!*@*@(nox.clear.scsi.device.latency.recovered)I/O latency of device %s has fallen back from %u microseconds to %u microseconds.",
      Ends("nox.problem.scsi.device.latency.raised", kNoParams)},
-    {"kel.scsi.device.medium.error", Args("device:%p, block:%lx"),
+    {"kel.scsi.device.medium.error", Args("%p %lx", "*device, block"),
      "@&!*@*@(nox.problem.scsi.device.medium.error)Device %s reported an unrecovered medium error at logical block %#lx.", kNoParams},
     {"kel.scsi.device.reservation.conflict", kDevice,
      "@&!*@*@(nox.problem.scsi.device.reservation.conflict)A command to device %s failed because another initiator holds a reservation on it.", kNoParams},
-    {"kel.scsi.device.capacity.changed", Args("device:%p, oldBlocks:%lx, newBlocks:%lx"),
+    {"kel.scsi.device.capacity.changed", Args("%p %lx %lx", "*device, oldBlocks, newBlocks"),
      "@&!*@*@(nox.problem.scsi.device.capacity.changed)The capacity of device %s changed from %#lx to %#lx blocks while it was in use.", kNoParams},
     {"kel.scsi.device.writeprotected", kDevice,
      "@&!*@*@(nox.problem.scsi.device.writeprotected)Device %s has become write protected.", kNoParams},
-    {"kel.scsi.device.queue.full", Args("device:%p, depth:%u"),
+    {"kel.scsi.device.queue.full", Args("%p %u", "*device, depth"),
      "@&!*@*@(nox.problem.scsi.device.queue.full)Device %s keeps reporting a full queue. Its queue depth has been lowered to %u.", kNoParams},
     {"kel.scsi.device.thinprov.exhausted", kDeviceDatastore,
      "@&!*@*@(nox.problem.scsi.device.thinprov.exhausted)Thin-provisioned device %s is out of space. Writes to datastore %s may fail.", kNoParams},
@@ -348,16 +362,28 @@ constexpr Translation kRows[] = {
      "@&!*@*@(nox.problem.scsi.device.open.failed)Device %s of plugin %s could not be opened: status %#x.", kNotCorrelated},
     {"kel.scsi.device.ats.unsupported", kDevice,
      "@&!*@*@(nox.problem.scsi.device.ats.unsupported)Device %s does not support ATS. Locks on it fall back to reservations.", kNotCorrelated},
-    {"kel.scsi.scsipath.claim.failed", Args("path:%p, plugin:%p, status:%x"),
+    {"kel.scsi.scsipath.claim.failed", Args("%p %p %x", "*path, plugin, status"),
      "@&!*@*@(nox.problem.scsi.scsipath.claim.failed)Path %s could not be claimed by plugin %s: status %#x.", kNotCorrelated},
-    {"kel.scsi.scsipath.badpath.wrongdevice", Args("path:%p, deviceExpected:%p, deviceFound:%p"),
+    {"kel.scsi.scsipath.badpath.wrongdevice", Args("%p %p %p", "*path, deviceExpected, deviceFound"),
      "@&!*@*@(nox.problem.scsi.scsipath.badpath.wrongdevice)Path %s was expected to lead to device %s but leads to device %s. The path is not used.", kNotCorrelated},
-    {"kel.scsi.adapter.reset", Args("adapter:%p, resets:%u"),
+    {"kel.scsi.adapter.reset", Args("%p %u", "*adapter, resets"),
      "@&!*@*@(nox.problem.scsi.adapter.reset)Storage adapter %s was reset %u time(s) in the last hour.", kNotCorrelated},
 };
 // clang-format on
 static_assert(std::size(kRows) == 27 && DistinctUnder(kRows, "kel.scsi."));
 static_assert(std::size(kObservations) == 7);
+
+void KeldScsiCorrelatorPathToPe(Kel *kel)
+{
+    const char *path = nullptr, *adapter = nullptr;
+    const int status = KeldRead<kPathAdapter>(kel, &path, &adapter);
+    if (status == 0)
+        KeldPost<kPathToPe>(path, adapter);
+    else if (path == nullptr)
+        KeldLog("Failed to get path name: %d\n", status);
+    else
+        KeldLog("Failed to get PE-incapable adapter name for path %s : %d\n", path, status);
+}
 
 } // namespace
 

@@ -9,7 +9,7 @@
 
 #include "keldDomains.h"
 
-#include "keldTranslation.h"
+#include "keldDomain.h"
 
 #include <knxctl/nodeAdmException.h>
 #include <knxctl/swapInfo.h>
@@ -18,16 +18,16 @@ namespace {
 
 // clang-format off
 constexpr KeldArguments kRemovedArguments = ByMessage(
-    "System swap at path %s was affected by the Permanent Device Loss of its datastore and was removed.", "path");
+    "System swap at path %s was affected by the Permanent Device Loss of its datastore and was removed.", "*path");
 constexpr KeldArguments kCannotRemoveArguments = ByMessage(
-    "System swap at path %s is affected by the Permanent Device Loss of its datastore but cannot be removed.", "path");
+    "System swap at path %s is affected by the Permanent Device Loss of its datastore but cannot be removed.", "*path");
 
 constexpr EventText kReconfigureFailed{
     "@&!*@*@(nox.problem.swap.systemSwap.isPDL.removed.reconfig.failure.2)System swap on %s was affected by PDL. It was removed but the subsequent reconfiguration failed.",
-    "datastore"};
+    "*datastore"};
 constexpr EventText kCannotRemove{
     "@&!*@*@(nox.problem.swap.systemSwap.isPDL.cannot.remove.2)System swap on %s is affected by PDL but cannot be removed.",
-    "datastore"};
+    "*datastore"};
 // clang-format on
 
 // KEPT: catches what the library documents and nothing else. What else it throws is a fault in it, and
@@ -73,8 +73,6 @@ constexpr KeldObservation kObservations[] = {
 const KeldDomain keldSwapDomain{
     .name = "SWAP",
     .domains = {"swap"},
-    .defaultHandler = KeldCorrelatorIgnore,
-    .otherwise = "ignored",
     .observations = kObservations,
 };
 

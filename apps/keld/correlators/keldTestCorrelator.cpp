@@ -12,8 +12,8 @@
 #include "keldDomains.h"
 
 #include "keldAlarm.h"
+#include "keldDomain.h"
 #include "keldOwn.h"
-#include "keldTranslation.h"
 
 #include <atomic>
 #include <cinttypes>
@@ -237,11 +237,11 @@ bool SucceededFor(const char *id, int status)
     return status == 0;
 }
 
-constexpr KeldArguments kInts = Args("decimal:%d, hexadecimal:%x, long:%ld");
-constexpr KeldArguments kWideInts = Args("decimal:%10d, hexadecimal:%10x, long:%10ld");
-constexpr KeldArguments kUints = Args("decimal:%u, hexadecimal:%x, long:%lu");
-constexpr KeldArguments kText = Args("text:%p");
-constexpr KeldArguments kTexts = Args("first:%p, second:%p");
+constexpr KeldArguments kInts = Args("%d %x %ld", "decimal, hexadecimal, long");
+constexpr KeldArguments kWideInts = Args("%10d %10x %10ld", "decimal, hexadecimal, long");
+constexpr KeldArguments kUints = Args("%u %x %lu", "decimal, hexadecimal, long");
+constexpr KeldArguments kText = Args("%p", "text");
+constexpr KeldArguments kTexts = Args("%p %p", "first, second");
 
 template <const KeldArguments &kArguments, class Decimal, class Long>
 bool NumbersAreRight(const Kel *kel, const char *id, const char *how)

@@ -18,12 +18,16 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <deque>
 #include <exception>
 #include <fcntl.h>
+#include <map>
 #include <optional>
-#include <string_view>
+#include <string>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -39,268 +43,248 @@ consteval KeldPairing EndsEvery(const char *problem) { return {.clears = problem
 // clang-format off
 constexpr EventText kConnectivityLost(
     "@&!*@*@(nox.problem.net.connectivity.lost)Lost network connectivity on virtual switch %s. Physical NIC %s is down. Affected port groups: %s",
-    "switch, nic, portGroups");
+    "switch, *nic, portGroups");
 constexpr EventText kRedundancyLost(
     "@&!*@*@(nox.problem.net.redundancy.lost)Lost uplink redundancy on virtual switch %s. Physical NIC %s is down. Affected port groups: %s",
-    "switch, nic, portGroups");
+    "switch, *nic, portGroups");
 constexpr EventText kRedundancyDegraded(
     "@&!*@*@(nox.problem.net.redundancy.degraded)Uplink redundancy degraded on virtual switch %s. Physical NIC %s is down. Affected port groups: %s",
-    "switch, nic, portGroups");
+    "switch, *nic, portGroups");
 constexpr EventText kDvPortConnectivityLost(
     "@&!*@*@(nox.problem.net.dvport.connectivity.lost)Lost network connectivity on DVPorts: %s. Physical NIC %s is down.",
-    "dvPorts, nic");
+    "dvPorts, *nic");
 constexpr EventText kDvPortRedundancyLost(
     "@&!*@*@(nox.problem.net.dvport.redundancy.lost)Lost uplink redundancy on DVPorts: %s. Physical NIC %s is down.",
-    "dvPorts, nic");
+    "dvPorts, *nic");
 constexpr EventText kDvPortRedundancyDegraded(
     "@&!*@*@(nox.problem.net.dvport.redundancy.degraded)Uplink redundancy degraded on DVPorts: %s. Physical NIC %s is down.",
-    "dvPorts, nic");
+    "dvPorts, *nic");
 constexpr EventText kConnectivityRestored(
     "@&!*@*@(nox.clear.net.connectivity.restored)Network connectivity restored on virtual switch %s, portgroups: %s. Physical NIC %s is up",
-    "switch, portGroups, nic", EndsEvery("nox.problem.net.connectivity.lost"));
+    "switch, portGroups, *nic", EndsEvery("nox.problem.net.connectivity.lost"));
 constexpr EventText kRedundancyRestored(
     "@&!*@*@(nox.clear.net.redundancy.restored)Uplink redundancy restored on virtual switch %s, portgroups: %s. Physical NIC %s is up",
-    "switch, portGroups, nic", EndsEvery("nox.problem.net.redundancy.lost"));
+    "switch, portGroups, *nic", EndsEvery("nox.problem.net.redundancy.lost"));
 constexpr EventText kDvPortConnectivityRestored(
     "@&!*@*@(nox.clear.net.dvport.connectivity.restored)Network connectivity restored on DVPorts: %s. Physical NIC %s is up",
-    "dvPorts, nic", EndsEvery("nox.problem.net.dvport.connectivity.lost"));
+    "dvPorts, *nic", EndsEvery("nox.problem.net.dvport.connectivity.lost"));
 // KEPT: "is up recently", here alone; receivers match on this text.
 constexpr EventText kDvPortRedundancyRestored(
     "@&!*@*@(nox.clear.net.dvport.redundancy.restored)Uplink redundancy restored on DVPorts: %s. Physical NIC %s is up recently",
-    "dvPorts, nic", EndsEvery("nox.problem.net.dvport.redundancy.lost"));
+    "dvPorts, *nic", EndsEvery("nox.problem.net.dvport.redundancy.lost"));
 constexpr EventText kLinkStateUp(
     "@&!*@*@(nox.clear.net.vmnic.linkstate.up)Physical NIC %s linkstate is up",
-    "nic", {.clears = "nox.problem.net.vmnic.linkstate.down", .on = "nic"});
+    "*nic", {.clears = "nox.problem.net.vmnic.linkstate.down", .on = "nic"});
 constexpr EventText kLinkStateDown(
-    "@&!*@*@(nox.problem.net.vmnic.linkstate.down)Physical NIC %s linkstate is down", "nic");
+    "@&!*@*@(nox.problem.net.vmnic.linkstate.down)Physical NIC %s linkstate is down", "*nic");
 // KEPT: a recovery, and yet a problem: the failure that it tells of was never reported, so that there is
 // nothing that a clear could end.
 constexpr EventText kWatchdogReset(
     "@&!*@*@(nox.problem.net.vmnic.watchdog.reset)Uplink %s has recovered from a transient failure due to watchdog timeout",
-    "nic");
+    "*nic");
 constexpr EventText kLinkFlapping(
     "@&!*@*@(nox.problem.net.vmnic.linkstate.flapping)Taking down physical NIC %s because the link is flapping.",
-    "nic");
+    "*nic");
 // clang-format on
 
-KeldUplinkTables &tables = *new KeldUplinkTables;
-int wakePipe[2] = {-1, -1}; // fixed before the alarm is first armed
+// ---- What is remembered, for the life of the process ----------------------------------------------
 
-bool HasState(const std::string &nic, std::uint32_t bit)
+// What waits for its time, of one NIC.
+enum VmnicStateType : std::uint32_t {
+    PgUplinkDown = 0x01,     // a batch of port groups that lost an uplink
+    PgUplinkUp = 0x02,       // a batch of port groups that got one back
+    DvPortUplinkDown = 0x04, // the same of DVPorts
+    DvPortUplinkUp = 0x08,
+    LinkDown = 0x10, // a link state
+    LinkUp = 0x20,
+    WatchdogTimeout = 0x40, // a watchdog timeout that was not yet found to be a transient failure
+};
+
+struct VmnicAlarmInfo {
+    VmnicStateType state;
+    std::uint32_t delay;     // seconds
+    std::uint64_t timeStamp; // wall-clock seconds when it was scheduled
+};
+
+// Keyed by the NIC's name, byte for byte as received.
+auto &nicStates = *new std::map<std::string, std::uint32_t>;               // bits of VmnicStateType
+auto &pendingTimeouts = *new std::multimap<std::string, VmnicAlarmInfo>;   // a NIC's in order of arrival
+auto &flapHistory = *new std::map<std::string, std::deque<std::uint64_t>>; // link-downs, wall-clock seconds
+
+int wakePipe[2] = {-1, -1}; // fixed before the alarm is first armed
+int wakeAlarm = -1;         // likewise
+std::uint32_t armedFor = 0; // seconds that the alarm was last armed for
+std::uint64_t armedAt = 0;  // wall-clock seconds when that was
+
+// Whether the NIC has one of these bits.
+bool HasState(const std::string &nic, std::uint32_t bits) { return (nicStates[nic] & bits) != 0; }
+
+// ---- Port groups and DVPorts: two kinds of one item -----------------------------------------------
+
+enum Loss { Connectivity, Redundancy, Degraded }; // with no uplink left, one, several
+using NamesByLoss = std::array<std::vector<std::string>, 3>;
+
+struct UplinkItem {
+    std::string name;                 // a port group's, or a DVPort's: "switch/port"
+    std::int32_t classificationCount; // uplinks left, or up again; 2 stands for several
+};
+using UplinkBatch = std::vector<UplinkItem>;
+
+struct LostItem {
+    std::string nic, item;
+};
+struct UplinkKind {
+    bool hasVirtualSwitch;                         // asked for by the batch's first item
+    std::array<std::vector<LostItem>, 2> lost{};   // by Loss: reported and not yet restored, on all NICs
+    std::vector<std::string> restoredRedundancy{}; // gathered until no redundancy is lost anywhere
+};
+
+UplinkKind &portGroups = *new UplinkKind{.hasVirtualSwitch = true};
+UplinkKind &dvPorts = *new UplinkKind{.hasVirtualSwitch = false};
+
+// KEPT: the item is looked for among the port groups also when it is a DVPort; a DVPort is forgotten by
+// its NIC alone. Looked for in its own table, a DVPort whose other uplink came up would be forgotten with
+// its first NIC still down, and connectivity would be called restored sooner than receivers expect.
+void ForgetLost(Loss loss, const std::string &nic, const std::string &item)
 {
-    const auto found = tables.nicStates.find(nic);
-    return found != tables.nicStates.end() && (found->second & bit) == bit;
+    std::erase_if(portGroups.lost[loss],
+                  [&](const auto &lost) { return lost.nic == nic || lost.item == item; });
+    std::erase_if(dvPorts.lost[loss], [&](const auto &lost) { return lost.nic == nic; });
 }
 
-void ClearState(const std::string &nic, std::uint32_t bit) { tables.nicStates[nic] &= ~bit; }
+bool NothingIsLost(Loss loss) { return portGroups.lost[loss].empty() && dvPorts.lost[loss].empty(); }
+
+// Of a batch's items, by Loss, what is to be posted now. What has to come back is kept in mind.
+NamesByLoss SortLost(UplinkKind &kind, const std::string &nic, const UplinkBatch &batch)
+{
+    NamesByLoss names;
+    for (const auto &[name, uplinksLeft] : batch) {
+        if (uplinksLeft < 0) continue;
+        const Loss loss = uplinksLeft == 0 ? Connectivity : uplinksLeft == 1 ? Redundancy : Degraded;
+        names[loss].push_back(name);
+        if (loss != Degraded) kind.lost[loss].push_back({nic, name});
+    }
+    return names;
+}
+
+// The same of a batch that came up. What comes back is forgotten.
+//
+// KEPT: items whose connectivity is back are named now or never, those whose redundancy is back are named
+// when nothing is lost any more on any NIC, under the switch of the batch that brings that about.
+NamesByLoss SortRestored(UplinkKind &kind, const std::string &nic, const UplinkBatch &batch)
+{
+    NamesByLoss names;
+    for (const auto &[name, uplinksUp] : batch) {
+        if (uplinksUp < 1) continue;
+        ForgetLost(Connectivity, nic, name);
+        if (uplinksUp == 1) {
+            names[Connectivity].push_back(name);
+        } else {
+            ForgetLost(Redundancy, nic, name);
+            kind.restoredRedundancy.push_back(name);
+        }
+    }
+    if (!NothingIsLost(Connectivity)) names[Connectivity].clear();
+    if (NothingIsLost(Redundancy)) names[Redundancy].swap(kind.restoredRedundancy);
+    return names;
+}
+
+// Posts one text; each has its words in an order of its own.
+enum Word { Switch, Nic, Items };
+template <const EventText &kText, Word... kOrder> void Post(const std::array<const char *, 3> &words)
+{
+    KeldPost<kText>(words[kOrder]...);
+}
+
+// The batches of one kind and direction.
+struct UplinkBatches {
+    VmnicStateType bit; // set while the NIC's batch waits
+    UplinkKind &kind;
+    NamesByLoss (*sort)(UplinkKind &kind, const std::string &nic, const UplinkBatch &batch);
+    std::array<void (*)(const std::array<const char *, 3> &words), 3> events; // by Loss
+    std::map<std::string, UplinkBatch> byNic{};
+};
+// clang-format off
+auto &pgDownBatches = *new UplinkBatches{PgUplinkDown, portGroups, SortLost,
+    {Post<kConnectivityLost, Switch, Nic, Items>, Post<kRedundancyLost, Switch, Nic, Items>,
+     Post<kRedundancyDegraded, Switch, Nic, Items>}};
+auto &pgUpBatches = *new UplinkBatches{PgUplinkUp, portGroups, SortRestored,
+    {Post<kConnectivityRestored, Switch, Items, Nic>, Post<kRedundancyRestored, Switch, Items, Nic>}};
+auto &dvPortDownBatches = *new UplinkBatches{DvPortUplinkDown, dvPorts, SortLost,
+    {Post<kDvPortConnectivityLost, Items, Nic>, Post<kDvPortRedundancyLost, Items, Nic>,
+     Post<kDvPortRedundancyDegraded, Items, Nic>}};
+auto &dvPortUpBatches = *new UplinkBatches{DvPortUplinkUp, dvPorts, SortRestored,
+    {Post<kDvPortConnectivityRestored, Items, Nic>, Post<kDvPortRedundancyRestored, Items, Nic>}};
+// clang-format on
 
 // ---- Scheduling -----------------------------------------------------------------------------------
-
-// Runs on the alarm thread.
-void WakeUplinks()
-{
-    const char wake[] = "foo"; // sent with its NUL; what it says does not matter
-    [[maybe_unused]] const ssize_t written = write(wakePipe[1], wake, sizeof wake);
-}
 
 void ArmAlarm(std::uint32_t seconds, std::uint64_t now)
 {
     // 0 would disarm: after a step of the clock no record would ever come due again.
-    tables.armedFor = std::max(seconds, std::uint32_t{1});
-    tables.armedAt = now;
-    (void)KeldAlarmSet(tables.wakeAlarm, kKeldAlarmOneShot, tables.armedFor);
+    armedFor = std::max(seconds, std::uint32_t{1});
+    armedAt = now;
+    (void)KeldAlarmSet(wakeAlarm, kKeldAlarmOneShot, armedFor);
 }
 
-void ScheduleUplinkTimeout(std::uint32_t delay, const std::string &nic, VmnicStateType state,
-                           std::uint64_t now)
+void ScheduleUplinkTimeout(std::uint32_t delay, const std::string &nic, VmnicStateType state)
 {
-    tables.nicStates[nic] |= state;
-    if (tables.pendingTimeouts.empty()) {
+    const std::uint64_t now = KeldNowSeconds();
+    nicStates[nic] |= state;
+    // KEPT: reckoned from when the alarm was armed, but armed from now, in 32 unsigned bits. The pass takes
+    // all that is due by then, so that a record is reported late by as long as the alarm has been running,
+    // and never lost; an exact remainder would move events to other seconds.
+    const auto candidate = static_cast<std::uint32_t>(delay - armedAt + now);
+    if (pendingTimeouts.empty())
         ArmAlarm(delay, now);
-    } else {
-        // KEPT: reckoned from when the alarm was armed, but armed from now, in 32 unsigned bits. The pass
-        // takes all that is due by then, so that a record is reported late by as long as the alarm has
-        // been running, and never lost; an exact remainder would move events to other seconds.
-        const auto candidate = static_cast<std::uint32_t>(delay - tables.armedAt + now);
-        if (candidate < tables.armedFor) ArmAlarm(candidate, now);
-    }
-    tables.pendingTimeouts[nic].push_back({state, delay, now});
+    else if (candidate < armedFor)
+        ArmAlarm(candidate, now);
+    pendingTimeouts.insert({nic, {state, delay, now}});
 }
 
 // Opens the NIC's batch with a time of its own, or joins the open one.
-template <class Info>
-void JoinBatch(std::map<std::string, std::vector<Info>> &batches, VmnicStateType state,
-               const std::string &nic, Info info)
+void JoinBatch(UplinkBatches &batches, const std::string &nic, const std::string &name, std::int32_t count)
 {
-    if (!batches.contains(nic))
-        ScheduleUplinkTimeout(kTransitionDelaySeconds, nic, state, KeldNowSeconds());
-    batches[nic].push_back(std::move(info));
+    if (!batches.byNic.contains(nic)) ScheduleUplinkTimeout(kTransitionDelaySeconds, nic, batches.bit);
+    batches.byNic[nic].push_back({name, count});
 }
 
-// ---- Reporting a batch ----------------------------------------------------------------------------
+// ---- What comes due -------------------------------------------------------------------------------
 
-std::string Joined(const std::vector<std::string> &items)
-{
-    std::string joined;
-    for (const std::string &item : items) {
-        if (&item != &items.front()) joined += ", ";
-        joined += item;
-    }
-    return joined;
-}
-
-// The virtual switch of a batch, by its first port group; empty when it cannot be found.
-std::string VirtualSwitchOf(const std::vector<PortgroupInfo> &batch)
+// The virtual switch of a port group; empty when it cannot be found.
+std::string VirtualSwitchOf(const std::string &portGroup)
 {
     try {
-        return NodeAdm::Network::NetworkFactory::GetPortGroupByName(batch.front().name)
-            ->GetVirtualSwitchName();
+        return NodeAdm::Network::NetworkFactory::GetPortGroupByName(portGroup)->GetVirtualSwitchName();
     } catch (const std::exception &) {
         return {};
     }
 }
 
-struct Losses {
-    std::vector<std::string> connectivity, redundancy, degraded;
-};
-
-// Sorts a down batch by what is left, and keeps in mind what has to come back.
-template <class Info>
-Losses SortLosses(const std::string &nic, const std::vector<Info> &batch,
-                  std::vector<LostItem> &lostConnectivity, std::vector<LostItem> &lostRedundancy)
+// Reports the NIC's batch, and forgets it.
+void Report(UplinkBatches &batches, const std::string &nic)
 {
-    Losses losses;
-    for (const Info &info : batch) {
-        const std::string item = info.Item();
-        if (info.classificationCount == 0) {
-            losses.connectivity.push_back(item);
-            lostConnectivity.push_back({nic, item});
-        } else if (info.classificationCount == 1) {
-            losses.redundancy.push_back(item);
-            lostRedundancy.push_back({nic, item});
-        } else if (info.classificationCount >= 2) {
-            losses.degraded.push_back(item);
-        }
+    const auto batch = batches.byNic.find(nic);
+    if (batch == batches.byNic.end()) return;
+    nicStates[nic] &= ~batches.bit;
+    std::string virtualSwitch;
+    if (batches.kind.hasVirtualSwitch) {
+        virtualSwitch = VirtualSwitchOf(batch->second[0].name);
+        // KEPT: the batch stays, without its bit and without a time: later transitions of the NIC join it
+        // and are not reported. The NIC's link states, which the bit held back, carry the news from here
+        // on; dropping the batch would report both.
+        if (virtualSwitch.empty()) return;
     }
-    return losses;
-}
-
-void ReportPortGroupsDown(const std::string &nic)
-{
-    const auto batch = tables.pgDownBatches.find(nic);
-    if (batch == tables.pgDownBatches.end()) return;
-    ClearState(nic, PgUplinkDown);
-    const std::string virtualSwitch = VirtualSwitchOf(batch->second);
-    // KEPT: the batch stays, without its bit and without a time: later transitions of the NIC join it and
-    // are not reported. The NIC's link states, which the bit held back, carry the news from here on;
-    // dropping the batch would report both.
-    if (virtualSwitch.empty()) return;
-
-    const auto [connectivity, redundancy, degraded] =
-        SortLosses(nic, batch->second, tables.lostConnectivityPortGroups, tables.lostRedundancyPortGroups);
-    if (!connectivity.empty())
-        KeldPost<kConnectivityLost>(virtualSwitch.c_str(), nic.c_str(), Joined(connectivity).c_str());
-    if (!redundancy.empty())
-        KeldPost<kRedundancyLost>(virtualSwitch.c_str(), nic.c_str(), Joined(redundancy).c_str());
-    if (!degraded.empty())
-        KeldPost<kRedundancyDegraded>(virtualSwitch.c_str(), nic.c_str(), Joined(degraded).c_str());
-    tables.pgDownBatches.erase(batch);
-}
-
-void ReportDvPortsDown(const std::string &nic)
-{
-    const auto batch = tables.dvPortDownBatches.find(nic);
-    if (batch == tables.dvPortDownBatches.end()) return;
-    ClearState(nic, DvPortUplinkDown);
-
-    const auto [connectivity, redundancy, degraded] =
-        SortLosses(nic, batch->second, tables.lostConnectivityDvPorts, tables.lostRedundancyDvPorts);
-    if (!connectivity.empty()) KeldPost<kDvPortConnectivityLost>(Joined(connectivity).c_str(), nic.c_str());
-    if (!redundancy.empty()) KeldPost<kDvPortRedundancyLost>(Joined(redundancy).c_str(), nic.c_str());
-    if (!degraded.empty()) KeldPost<kDvPortRedundancyDegraded>(Joined(degraded).c_str(), nic.c_str());
-    tables.dvPortDownBatches.erase(batch);
-}
-
-// KEPT: the item is looked for among the port groups also when it is a DVPort; a DVPort is forgotten by
-// its NIC alone. Looked for in its own table, a DVPort whose other uplink came up would be forgotten with
-// its first NIC still down, and connectivity would be called restored sooner than receivers expect.
-void ForgetLost(std::vector<LostItem> &portGroups, std::vector<LostItem> &dvPorts, const std::string &nic,
-                const std::string &item)
-{
-    std::erase_if(portGroups, [&](const LostItem &lost) { return lost.nic == nic || lost.item == item; });
-    std::erase_if(dvPorts, [&](const LostItem &lost) { return lost.nic == nic; });
-}
-
-// Forgets what an up batch brings back. Gives the items with one uplink, whose connectivity is back;
-// those with more are gathered in restoredRedundancy.
-template <class Info>
-std::vector<std::string> SortRestored(const std::string &nic, const std::vector<Info> &batch,
-                                      std::vector<std::string> &restoredRedundancy)
-{
-    std::vector<std::string> restoredConnectivity;
-    for (const Info &info : batch) {
-        if (info.classificationCount < 1) continue;
-        const std::string item = info.Item();
-        ForgetLost(tables.lostConnectivityPortGroups, tables.lostConnectivityDvPorts, nic, item);
-        if (info.classificationCount == 1) {
-            restoredConnectivity.push_back(item);
-        } else {
-            restoredRedundancy.push_back(item);
-            ForgetLost(tables.lostRedundancyPortGroups, tables.lostRedundancyDvPorts, nic, item);
-        }
+    const NamesByLoss names = batches.sort(batches.kind, nic, batch->second);
+    for (const Loss loss : {Connectivity, Redundancy, Degraded}) {
+        if (names[loss].empty()) continue;
+        std::string items = names[loss][0];
+        for (std::size_t i = 1; i < names[loss].size(); ++i)
+            items += ", " + names[loss][i];
+        batches.events[loss]({virtualSwitch.c_str(), nic.c_str(), items.c_str()});
     }
-    return restoredConnectivity;
+    batches.byNic.erase(batch);
 }
-
-bool NoConnectivityIsLost()
-{
-    return tables.lostConnectivityPortGroups.empty() && tables.lostConnectivityDvPorts.empty();
-}
-
-bool NoRedundancyIsLost()
-{
-    return tables.lostRedundancyPortGroups.empty() && tables.lostRedundancyDvPorts.empty();
-}
-
-void ReportPortGroupsUp(const std::string &nic)
-{
-    const auto batch = tables.pgUpBatches.find(nic);
-    if (batch == tables.pgUpBatches.end()) return;
-    ClearState(nic, PgUplinkUp);
-    const std::string virtualSwitch = VirtualSwitchOf(batch->second);
-    if (virtualSwitch.empty()) return; // KEPT: the batch stays, as a down batch does
-
-    // KEPT: items whose connectivity is back are named now or never, those whose redundancy is back are
-    // named when nothing is lost any more on any NIC, under the switch of the batch that brings that about.
-    const auto connectivity = SortRestored(nic, batch->second, tables.restoredRedundancyPortGroups);
-    auto &redundancy = tables.restoredRedundancyPortGroups;
-    if (!connectivity.empty() && NoConnectivityIsLost())
-        KeldPost<kConnectivityRestored>(virtualSwitch.c_str(), Joined(connectivity).c_str(), nic.c_str());
-    if (!redundancy.empty() && NoRedundancyIsLost()) {
-        KeldPost<kRedundancyRestored>(virtualSwitch.c_str(), Joined(redundancy).c_str(), nic.c_str());
-        redundancy.clear();
-    }
-    tables.pgUpBatches.erase(batch);
-}
-
-void ReportDvPortsUp(const std::string &nic)
-{
-    const auto batch = tables.dvPortUpBatches.find(nic);
-    if (batch == tables.dvPortUpBatches.end()) return;
-    ClearState(nic, DvPortUplinkUp);
-
-    const auto connectivity = SortRestored(nic, batch->second, tables.restoredRedundancyDvPorts);
-    auto &redundancy = tables.restoredRedundancyDvPorts;
-    if (!connectivity.empty() && NoConnectivityIsLost())
-        KeldPost<kDvPortConnectivityRestored>(Joined(connectivity).c_str(), nic.c_str());
-    if (!redundancy.empty() && NoRedundancyIsLost()) {
-        KeldPost<kDvPortRedundancyRestored>(Joined(redundancy).c_str(), nic.c_str());
-        redundancy.clear();
-    }
-    tables.dvPortUpBatches.erase(batch);
-}
-
-// ---- What comes due -------------------------------------------------------------------------------
 
 // A driver that resets its NIC takes the link down and up: when both wait, it was a transient failure and
 // they are not reported.
@@ -310,66 +294,53 @@ void ReportDvPortsUp(const std::string &nic)
 // that has not recovered is not to be reported up and down by its own resets.
 void ResolveWatchdogTimeout(const std::string &nic)
 {
-    const bool downPending =
-        HasState(nic, PgUplinkDown) || HasState(nic, DvPortUplinkDown) || HasState(nic, LinkDown);
-    const bool upPending =
-        HasState(nic, PgUplinkUp) || HasState(nic, DvPortUplinkUp) || HasState(nic, LinkUp);
-
-    if (downPending && !upPending) {
+    const bool downPending = HasState(nic, PgUplinkDown | DvPortUplinkDown | LinkDown);
+    const bool upPending = HasState(nic, PgUplinkUp | DvPortUplinkUp | LinkUp);
+    if (!downPending) return;
+    if (!upPending) {
         if (HasState(nic, PgUplinkDown))
-            ReportPortGroupsDown(nic);
+            Report(pgDownBatches, nic);
         else if (HasState(nic, DvPortUplinkDown))
-            ReportDvPortsDown(nic);
+            Report(dvPortDownBatches, nic);
         else if (HasState(nic, LinkDown))
             KeldPost<kLinkStateDown>(nic.c_str());
         else
-            Panic("Unknown state: %x\n", tables.nicStates[nic]);
+            Panic("Unknown state: %x\n", nicStates[nic]);
+        return;
     }
-    if (!downPending || !upPending) return;
-
     if (HasState(nic, PgUplinkDown))
-        tables.pgDownBatches.erase(nic);
+        pgDownBatches.byNic.erase(nic);
     else if (HasState(nic, DvPortUplinkDown))
-        tables.dvPortDownBatches.erase(nic);
-    if (HasState(nic, PgUplinkUp)) tables.pgUpBatches.erase(nic);
+        dvPortDownBatches.byNic.erase(nic);
+    if (HasState(nic, PgUplinkUp)) pgUpBatches.byNic.erase(nic);
     // KEPT: removes from dvPortDownBatches again, not from dvPortUpBatches; that batch reports itself
     // when its own timeout comes due, so that what had been lost before the reset is called restored.
     else if (HasState(nic, DvPortUplinkUp))
-        tables.dvPortDownBatches.erase(nic);
-    tables.nicStates[nic] = 0;
+        dvPortDownBatches.byNic.erase(nic);
+    nicStates[nic] = 0;
     KeldPost<kWatchdogReset>(nic.c_str());
 }
 
-void HandleDue(const std::string &nic, std::uint32_t state)
+void HandleDue(const std::string &nic, VmnicStateType state)
 {
+    if (state == WatchdogTimeout) return ResolveWatchdogTimeout(nic);
+    if (state == LinkDown || state == LinkUp) nicStates[nic] &= ~state;
     // While a watchdog timeout stands, batches wait for it with their bits, and link states go unreported.
-    const bool held = HasState(nic, WatchdogTimeout);
+    if (HasState(nic, WatchdogTimeout)) return;
     switch (state) {
     case PgUplinkDown:
-        if (!held) ReportPortGroupsDown(nic);
-        return;
+        return Report(pgDownBatches, nic);
     case PgUplinkUp:
-        if (!held) ReportPortGroupsUp(nic);
-        return;
+        return Report(pgUpBatches, nic);
     case DvPortUplinkDown:
-        if (!held) ReportDvPortsDown(nic);
-        return;
+        return Report(dvPortDownBatches, nic);
     case DvPortUplinkUp:
-        if (!held) ReportDvPortsUp(nic);
+        return Report(dvPortUpBatches, nic);
+    case LinkDown: // unless a batch of its direction carries the news
+        if (!HasState(nic, PgUplinkDown | DvPortUplinkDown)) KeldPost<kLinkStateDown>(nic.c_str());
         return;
     case LinkUp:
-        ClearState(nic, LinkUp);
-        // The batch carries the news.
-        if (HasState(nic, PgUplinkUp) || HasState(nic, DvPortUplinkUp)) return;
-        if (!held) KeldPost<kLinkStateUp>(nic.c_str());
-        return;
-    case LinkDown:
-        ClearState(nic, LinkDown);
-        if (HasState(nic, PgUplinkDown) || HasState(nic, DvPortUplinkDown)) return;
-        if (!held) KeldPost<kLinkStateDown>(nic.c_str());
-        return;
-    case WatchdogTimeout:
-        ResolveWatchdogTimeout(nic);
+        if (!HasState(nic, PgUplinkUp | DvPortUplinkUp)) KeldPost<kLinkStateUp>(nic.c_str());
         return;
     default:
         Panic("Received timeout event for unknown state: %x\n", state);
@@ -379,9 +350,10 @@ void HandleDue(const std::string &nic, std::uint32_t state)
 // ---- Flapping -------------------------------------------------------------------------------------
 
 // Takes a NIC down whose link went down more often within a minute than the kernel's option allows.
-void CheckLinkFlapping(const std::string &nic, std::uint64_t now)
+void CheckLinkFlapping(const std::string &nic)
 {
-    std::deque<std::uint64_t> &history = tables.flapHistory[nic];
+    const std::uint64_t now = KeldNowSeconds();
+    std::deque<std::uint64_t> &history = flapHistory[nic];
     history.push_back(now);
     while (!history.empty() && history.front() < now - kFlapWindowSeconds)
         history.pop_front();
@@ -404,131 +376,128 @@ void CheckLinkFlapping(const std::string &nic, std::uint64_t now)
 
 // ---- Observations ---------------------------------------------------------------------------------
 
-constexpr KeldArguments kPortGroupDown = Indexed("nic:%p, portGroup:%p, uplinksLeft:%d, uplinks:%d");
-constexpr KeldArguments kPortGroupUp = Indexed("nic:%p, portGroup:%p, uplinksUp:%d");
-constexpr KeldArguments kDvPortDown = Indexed("nic:%p, switch:%p, port:%p, uplinksLeft:%d, uplinks:%d");
-constexpr KeldArguments kDvPortUp = Indexed("nic:%p, switch:%p, port:%p, uplinksUp:%d");
-constexpr KeldArguments kNic = Indexed("nic:%p");
+constexpr KeldArguments kPortGroupDown = Indexed("%p %p %d %d", "*nic, portGroup, uplinksLeft, uplinks");
+constexpr KeldArguments kPortGroupUp = Indexed("%p %p %d", "*nic, portGroup, uplinksUp");
+constexpr KeldArguments kDvPortDown = Indexed("%p %p %p %d %d", "*nic, switch, port, uplinksLeft, uplinks");
+constexpr KeldArguments kDvPortUp = Indexed("%p %p %p %d", "*nic, switch, port, uplinksUp");
+constexpr KeldArguments kNic = Indexed("%p", "*nic");
 
+// The last argument of a down is for people: it must be there, and no decision reads it.
 void KeldNetCorrelatorPgDown(Kel *kel)
 {
     const char *nic = nullptr, *portGroup = nullptr;
-    std::int32_t classification = 0, informational = 0;
-    if (KeldRead<kPortGroupDown>(kel, &nic, &portGroup, &classification, &informational) != 0) return;
-    JoinBatch(tables.pgDownBatches, PgUplinkDown, nic,
-              PortgroupInfo{portGroup, informational, classification});
+    std::int32_t uplinksLeft = 0, uplinks = 0;
+    if (KeldRead<kPortGroupDown>(kel, &nic, &portGroup, &uplinksLeft, &uplinks) != 0) return;
+    JoinBatch(pgDownBatches, nic, portGroup, uplinksLeft);
 }
 
 void KeldNetCorrelatorPgUp(Kel *kel)
 {
     const char *nic = nullptr, *portGroup = nullptr;
-    std::int32_t classification = 0;
-    if (KeldRead<kPortGroupUp>(kel, &nic, &portGroup, &classification) != 0) return;
-    JoinBatch(tables.pgUpBatches, PgUplinkUp, nic, PortgroupInfo{portGroup, 0, classification});
+    std::int32_t uplinksUp = 0;
+    if (KeldRead<kPortGroupUp>(kel, &nic, &portGroup, &uplinksUp) != 0) return;
+    JoinBatch(pgUpBatches, nic, portGroup, uplinksUp);
 }
 
 void KeldNetCorrelatorDvPortDown(Kel *kel)
 {
-    const char *nic = nullptr, *firstPart = nullptr, *secondPart = nullptr;
-    std::int32_t classification = 0, informational = 0;
-    if (KeldRead<kDvPortDown>(kel, &nic, &firstPart, &secondPart, &classification, &informational) != 0)
-        return;
-    JoinBatch(tables.dvPortDownBatches, DvPortUplinkDown, nic,
-              DvPortInfo{firstPart, secondPart, informational, classification});
+    const char *nic = nullptr, *dvSwitch = nullptr, *port = nullptr;
+    std::int32_t uplinksLeft = 0, uplinks = 0;
+    if (KeldRead<kDvPortDown>(kel, &nic, &dvSwitch, &port, &uplinksLeft, &uplinks) != 0) return;
+    JoinBatch(dvPortDownBatches, nic, std::string(dvSwitch) + "/" + port, uplinksLeft);
 }
 
 void KeldNetCorrelatorDvPortUp(Kel *kel)
 {
-    const char *nic = nullptr, *firstPart = nullptr, *secondPart = nullptr;
-    std::int32_t classification = 0;
-    if (KeldRead<kDvPortUp>(kel, &nic, &firstPart, &secondPart, &classification) != 0) return;
-    JoinBatch(tables.dvPortUpBatches, DvPortUplinkUp, nic,
-              DvPortInfo{firstPart, secondPart, 0, classification});
+    const char *nic = nullptr, *dvSwitch = nullptr, *port = nullptr;
+    std::int32_t uplinksUp = 0;
+    if (KeldRead<kDvPortUp>(kel, &nic, &dvSwitch, &port, &uplinksUp) != 0) return;
+    JoinBatch(dvPortUpBatches, nic, std::string(dvSwitch) + "/" + port, uplinksUp);
 }
 
 void KeldNetCorrelatorLinkDown(Kel *kel)
 {
     const char *nic = nullptr;
     if (KeldRead<kNic>(kel, &nic) != 0) return;
-    const std::uint64_t now = KeldNowSeconds();
-    CheckLinkFlapping(nic, now);
-    if (HasState(nic, PgUplinkDown) || HasState(nic, DvPortUplinkDown)) return;
-    ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkDown, now);
+    CheckLinkFlapping(nic); // may take its time
+    if (!HasState(nic, PgUplinkDown | DvPortUplinkDown))
+        ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkDown);
 }
 
 void KeldNetCorrelatorLinkUp(Kel *kel)
 {
     const char *nic = nullptr;
     if (KeldRead<kNic>(kel, &nic) != 0) return;
-    if (HasState(nic, PgUplinkUp) || HasState(nic, DvPortUplinkUp)) return;
-    ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkUp, KeldNowSeconds());
+    if (!HasState(nic, PgUplinkUp | DvPortUplinkUp))
+        ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkUp);
 }
 
 void KeldNetCorrelatorWatchdog(Kel *kel)
 {
     const char *nic = nullptr;
     if (KeldRead<kNic>(kel, &nic) != 0) return;
-    ScheduleUplinkTimeout(kWatchdogDelaySeconds, nic, WatchdogTimeout, KeldNowSeconds());
+    ScheduleUplinkTimeout(kWatchdogDelaySeconds, nic, WatchdogTimeout);
 }
 
 } // namespace
 
 void ProcessUplinkTimeouts()
 {
-    if (tables.pendingTimeouts.empty()) return;
     const std::uint64_t now = KeldNowSeconds();
     std::optional<std::uint32_t> remaining;
-    for (auto nic = tables.pendingTimeouts.begin(); nic != tables.pendingTimeouts.end();) {
-        auto &[name, records] = *nic;
-        for (auto record = records.begin(); record != records.end();) {
-            // Unsigned: what was scheduled before the clock stepped back is due at once.
-            if (record->delay <= now - record->timeStamp) {
-                HandleDue(name, record->state);
-                record = records.erase(record);
-            } else {
-                const auto left = static_cast<std::uint32_t>(record->timeStamp + record->delay - now);
-                remaining = std::min(remaining.value_or(left), left);
-                ++record;
-            }
+    for (auto it = pendingTimeouts.begin(); it != pendingTimeouts.end();) {
+        const auto &[nic, record] = *it;
+        // Unsigned: what was scheduled before the clock stepped back is due at once.
+        if (record.delay <= now - record.timeStamp) {
+            HandleDue(nic, record.state);
+            it = pendingTimeouts.erase(it);
+        } else {
+            const auto left = static_cast<std::uint32_t>(record.timeStamp + record.delay - now);
+            remaining = std::min(remaining.value_or(left), left);
+            ++it;
         }
-        nic = records.empty() ? tables.pendingTimeouts.erase(nic) : std::next(nic);
     }
     if (remaining) ArmAlarm(*remaining, now);
 }
 
 int KeldUplinkInit()
 {
-    tables.wakeAlarm = KeldAlarmRegister(WakeUplinks);
-    if (tables.wakeAlarm == -1) return -1;
+    // On the alarm thread; sent with its NUL, and what it says does not matter.
+    wakeAlarm = KeldAlarmRegister([] { (void)!write(wakePipe[1], "foo", sizeof "foo"); });
+    if (wakeAlarm == -1) return -1;
     if (pipe2(wakePipe, O_CLOEXEC) != 0)
         Panic("Failed to initialize pipes for this thread: %s\n", std::strerror(errno));
     return wakePipe[0];
 }
 
-const KeldUplinkTables &KeldUplinkPeek() { return tables; }
-
 // clang-format off
+constexpr KeldLimit kTransitionDelay{"delay", kTransitionDelaySeconds, "seconds"};
+constexpr KeldLimit kLinkStateDelay{"delay", kLinkStateDelaySeconds, "seconds"};
+constexpr KeldLimit kWatchdogDelay{"delay", kWatchdogDelaySeconds, "seconds"};
+constexpr KeldLimit kFlapWindow{"window", kFlapWindowSeconds, "seconds"};
+
+constexpr KeldNote kGatheredDown{
+    "gathered for {delay} per NIC, then sorted by the uplinks left: none, one, several", kTransitionDelay};
+constexpr KeldNote kGatheredUp{
+    "gathered for {delay} per NIC, then posted as far as nothing is lost any more on any NIC", kTransitionDelay};
+
 constinit const std::array<KeldObservation, 7> keldUplinkObservations{{
     {"kel.net.pg.uplink.transition.down", kPortGroupDown, KeldNetCorrelatorPgDown,
-     "gathered for 2 seconds per NIC, then sorted by the uplinks left: none, one, several",
-     {&kConnectivityLost, &kRedundancyLost, &kRedundancyDegraded}},
+     kGatheredDown, {&kConnectivityLost, &kRedundancyLost, &kRedundancyDegraded}},
     {"kel.net.pg.uplink.transition.up", kPortGroupUp, KeldNetCorrelatorPgUp,
-     "gathered for 2 seconds per NIC, then posted as far as nothing is lost any more on any NIC",
-     {&kConnectivityRestored, &kRedundancyRestored}},
+     kGatheredUp, {&kConnectivityRestored, &kRedundancyRestored}},
     {"kel.net.dvport.uplink.transition.down", kDvPortDown, KeldNetCorrelatorDvPortDown,
-     "gathered for 2 seconds per NIC, then sorted by the uplinks left: none, one, several",
-     {&kDvPortConnectivityLost, &kDvPortRedundancyLost, &kDvPortRedundancyDegraded}},
+     kGatheredDown, {&kDvPortConnectivityLost, &kDvPortRedundancyLost, &kDvPortRedundancyDegraded}},
     {"kel.net.dvport.uplink.transition.up", kDvPortUp, KeldNetCorrelatorDvPortUp,
-     "gathered for 2 seconds per NIC, then posted as far as nothing is lost any more on any NIC",
-     {&kDvPortConnectivityRestored, &kDvPortRedundancyRestored}},
+     kGatheredUp, {&kDvPortConnectivityRestored, &kDvPortRedundancyRestored}},
     {"kel.net.vmnic.linkstate.down", kNic, KeldNetCorrelatorLinkDown,
-     "posted after 1 second unless an uplink batch carries the news; too many within a minute take the NIC down",
+     {"posted after {delay} unless an uplink batch carries the news; too many within {window} take the NIC down", kLinkStateDelay, kFlapWindow},
      {&kLinkStateDown, &kLinkFlapping}},
     {"kel.net.vmnic.linkstate.up", kNic, KeldNetCorrelatorLinkUp,
-     "posted after 1 second unless an uplink batch carries the news",
+     {"posted after {delay} unless an uplink batch carries the news", kLinkStateDelay},
      {&kLinkStateUp}},
     {"kel.net.uplink.watchdog.timeout", kNic, KeldNetCorrelatorWatchdog,
-     "holds the NIC's events back; down and up within 7 seconds are one transient failure, anything else is posted and holds on until a later timeout is transient",
+     {"holds the NIC's events back; down and up within {delay} are one transient failure, anything else is posted and holds on until a later timeout is transient", kWatchdogDelay},
      {&kWatchdogReset, &kLinkStateDown, &kConnectivityLost, &kRedundancyLost, &kRedundancyDegraded,
       &kDvPortConnectivityLost, &kDvPortRedundancyLost, &kDvPortRedundancyDegraded}},
 }};

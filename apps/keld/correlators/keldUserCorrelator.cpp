@@ -9,25 +9,23 @@
 
 #include "keldDomains.h"
 
-#include "keldTranslation.h"
-
-#include <map>
-#include <string>
+#include "keldDomain.h"
+#include "keldHoldOff.h"
 
 namespace {
 
 constexpr KeldArguments kNone = Args("");
-constexpr KeldArguments kUser = Args("user:%p");
-constexpr KeldArguments kProfile = Args("profile:%p");
-constexpr KeldArguments kProfileError = Args("profile:%p, error:%p");
-constexpr KeldArguments kProfileChanges = Args("profile:%p, installed:%d, removed:%d");
-constexpr KeldArguments kDirectoryNeeded = Args("directory:%p, neededMiB:%d");
+constexpr KeldArguments kUser = Args("%p", "*user");
+constexpr KeldArguments kProfile = Args("%p", "*profile");
+constexpr KeldArguments kProfileError = Args("%p %p", "*profile, error");
+constexpr KeldArguments kProfileChanges = Args("%p %d %d", "*profile, installed, removed");
+constexpr KeldArguments kDirectoryNeeded = Args("%p %d", "*directory, neededMiB");
 
 // clang-format off
 constexpr Translation kRows[] = {
-    {"kel.user.iorm.nonqxworkload", Args("datastore:%p"),
+    {"kel.user.iorm.nonqxworkload", Args("%p", "*datastore"),
      "@&!*@*@(nox.problem.iorm.nonqxworkload)An I/O workload that IORM on this host does not manage has been detected on datastore %s."},
-    {"kel.user.iorm.badversion", Args("datastore:%p, host:%p"),
+    {"kel.user.iorm.badversion", Args("%p %p", "*datastore, host"),
      "@&!*@*@(nox.problem.iorm.badversion)IORM cannot manage datastore %s because host %s uses it with an incompatible version of IORM."},
     {"kel.user.lcon.login.passwd.changed", kUser,
      "@&!*@*@(nox.audit.lcon.login.passwd.changed)The password of local user account '%s' has been changed at LCON."},
@@ -37,7 +35,7 @@ constexpr Translation kRows[] = {
      "@&!*@*@(nox.audit.lcon.network.factoryrestore)The factory network settings of the host have been restored from LCON."},
     {"kel.user.lcon.restarting.hostagents", kNone,
      "@&!*@*@(nox.audit.lcon.hostagents.restart)The host agents are being restarted from LCON."},
-    {"kel.user.lcon.network.restart", Args("interface:%p"),
+    {"kel.user.lcon.network.restart", Args("%p", "*interface"),
      "@&!*@*@(nox.audit.lcon.network.restart)Network interface %s is being restarted from LCON."},
     {"kel.user.lcon.restore.factory.defaults", kNone,
      "@&!*@*@(nox.audit.lcon.defaults.factoryrestore)The factory defaults of the host are being restored from LCON."},
@@ -45,21 +43,21 @@ constexpr Translation kRows[] = {
      "@&!*@*@(nox.audit.lcon.host.reboot)The host is being rebooted from LCON."},
     {"kel.user.lcon.shutdown.host", kNone,
      "@&!*@*@(nox.audit.lcon.host.shutdown)The host is being shut down from LCON."},
-    {"kel.user.noxcli.host.reboot", Args("reason:%p"),
+    {"kel.user.noxcli.host.reboot", Args("%p", "reason"),
      "@&!*@*@(nox.audit.noxcli.host.reboot)The host is being rebooted from noxcli. Reason: %s."},
-    {"kel.user.noxcli.host.poweroff", Args("reason:%p"),
+    {"kel.user.noxcli.host.poweroff", Args("%p", "reason"),
      "@&!*@*@(nox.audit.noxcli.host.poweroff)The host is being powered off from noxcli. Reason: %s."},
-    {"kel.user.account.locked", Args("user:%p, seconds:%d, failures:%d"),
+    {"kel.user.account.locked", Args("%p %d %d", "*user, seconds, failures"),
      "@&!*@*@(nox.audit.account.locked)Remote access for NOX local user account '%s' has been locked for %d seconds after %d failed login attempts."},
     {"kel.user.test.test0", kNone,
      "@&!*@*@(nox.problem.test.test0)Test problem without arguments."},
-    {"kel.user.test.test2", Args("text:%p, number:%d"),
+    {"kel.user.test.test2", Args("%p %d", "text, number"),
      "@&!*@*@(nox.problem.test.test2)Test problem with text '%s' and number %d."},
-    {"kel.user.hsyslogd.remote.failure", Args("remoteHost:%p"),
+    {"kel.user.hsyslogd.remote.failure", Args("%p", "*remoteHost"),
      "@&!*@*@(nox.problem.hsyslogd.remote.failure)Log messages cannot be sent to remote host %s and are being lost there."},
-    {"kel.user.hsyslogd.storage.failure", Args("directory:%p"),
+    {"kel.user.hsyslogd.storage.failure", Args("%p", "*directory"),
      "@&!*@*@(nox.problem.hsyslogd.storage.failure)Log messages cannot be written to directory %s and are being lost."},
-    {"kel.user.hsyslogd.unexpected", Args("error:%p"),
+    {"kel.user.hsyslogd.unexpected", Args("%p", "error"),
      "@&!*@*@(nox.problem.hsyslogd.unexpected)The log service has encountered an unexpected error: %s."},
     {"kel.user.noximage.install.invalidhardware", kProfile,
      "@&!*@*@(nox.problem.noximage.install.invalidhardware)The host does not meet the hardware requirements of image profile '%s'."},
@@ -67,11 +65,11 @@ constexpr Translation kRows[] = {
      "@&!*@*@(nox.problem.noximage.install.stage.error)Failed to stage image profile '%s': %s."},
     {"kel.user.noximage.install.error", kProfileError,
      "@&!*@*@(nox.problem.noximage.install.error)Failed to install image profile '%s': %s."},
-    {"kel.user.dhclient.lease.none", Args("interface:%p"),
+    {"kel.user.dhclient.lease.none", Args("%p", "*interface"),
      "@&!*@*@(nox.problem.dhclient.lease.none)Unable to obtain a DHCP lease on interface %s."},
-    {"kel.user.ntpd.clock.correction.error", Args("correction:%d, limit:%d"),
+    {"kel.user.ntpd.clock.correction.error", Args("%d %d", "correction, limit"),
      "@&!*@*@(nox.problem.ntpd.clock.correction.error)The NTP daemon has stopped because a clock correction of %d seconds exceeds its limit of %d seconds. The clock must be set manually before the NTP daemon is started again."},
-    {"kel.user.host.coredump", Args("target:%p"),
+    {"kel.user.host.coredump", Args("%p", "*target"),
      "@&!*@*@(nox.problem.host.coredump)A host core dump that has not been collected yet has been found on %s."},
     {"kel.user.coredump.unconfigured", kNone,
      "@&!*@*@(nox.problem.coredump.unconfigured)No coredump partition has been configured. Host core dumps cannot be saved."},
@@ -79,7 +77,7 @@ constexpr Translation kRows[] = {
      "@&!*@*@(nox.problem.coredump.extraction.failed.nospace)Unable to extract a host core dump to %s because it has too little free space. At least %d MiB are needed."},
     {"kel.user.coredump.unconfigured2", kNone,
      "@&!*@*@(nox.problem.coredump.unconfigured2)No coredump target has been configured. Host core dumps cannot be saved."},
-    {"kel.user.coredump.capacity.insufficient", Args("neededMiB:%d"),
+    {"kel.user.coredump.capacity.insufficient", Args("%d", "neededMiB"),
      "@&!*@*@(nox.problem.coredump.capacity.insufficient)No coredump target is large enough for a complete core dump of the host. At least %d MiB are needed."},
     {"kel.user.coredump.copyspace", kDirectoryNeeded,
      "@&!*@*@(nox.problem.coredump.copyspace)Further host core dumps cannot be copied to %s because it has too little free space. At least %d MiB are needed."},
@@ -87,13 +85,13 @@ constexpr Translation kRows[] = {
      "@&!*@*@(nox.problem.scratch.partition.size.small)The scratch partition at %s is too small. At least %d MiB are needed."},
     {"kel.user.scratch.partition.unconfigured", kNone,
      "@&!*@*@(nox.problem.scratch.partition.unconfigured)No scratch partition has been configured. Temporary files will be lost when the host stops."},
-    {"kel.user.iofilter.disabled", Args("filter:%p"),
+    {"kel.user.iofilter.disabled", Args("%p", "*filter"),
      "@&!*@*@(nox.problem.iofilter.disabled)I/O filter %s has been disabled on the host."},
-    {"kel.user.driver.abnormal", Args("driver:%p, condition:%p"),
+    {"kel.user.driver.abnormal", Args("%p %p", "*driver, condition"),
      "@&!*@*@(nox.problem.driver.abnormal)Driver %s has reported an abnormal condition: %s."},
-    {"kel.user.test.test1s", Args("text:%p"),
+    {"kel.user.test.test1s", Args("%p", "text"),
      "@&!*@*@(nox.audit.test.test1s)Test audit with text '%s'."},
-    {"kel.user.test.test1d", Args("number:%d"),
+    {"kel.user.test.test1d", Args("%d", "number"),
      "@&!*@*@(nox.audit.test.test1d)Test audit with number %d."},
     {"kel.user.shell.enabled", kNone,
      "@&!*@*@(nox.audit.shell.enabled)Access to the shell of the host has been enabled."},
@@ -124,13 +122,13 @@ constexpr Translation kRows[] = {
      "@&!*@*@(nox.audit.maintenancemode.exited)The host has exited maintenance mode."},
     {"kel.user.maintenancemode.failed", kNone,
      "@&!*@*@(nox.audit.maintenancemode.failed)The host has failed entering maintenance mode."},
-    {"kel.user.noximage.hostacceptance.changed", Args("previous:%p, current:%p"),
+    {"kel.user.noximage.hostacceptance.changed", Args("%p %p", "previous, current"),
      "@&!*@*@(nox.audit.noximage.hostacceptance.changed)The acceptance level of the host has been changed from %s to %s."},
-    {"kel.user.noximage.install.securityalert", Args("profile:%p, option:%p"),
+    {"kel.user.noximage.install.securityalert", Args("%p %p", "*profile, option"),
      "@&!*@*@(nox.audit.noximage.install.securityalert)Image profile '%s' is being installed with option %s, which lowers the security of the host."},
-    {"kel.user.noximage.qpk.install.successful", Args("installed:%d, removed:%d"),
+    {"kel.user.noximage.qpk.install.successful", Args("%d %d", "installed, removed"),
      "@&!*@*@(nox.audit.noximage.qpk.install.successful)Successfully installed %d QPK(s), removed %d QPK(s)"},
-    {"kel.user.noximage.qpk.remove.successful", Args("removed:%d"),
+    {"kel.user.noximage.qpk.remove.successful", Args("%d", "removed"),
      "@&!*@*@(nox.audit.noximage.qpk.remove.successful)Successfully removed %d QPK(s)"},
     {"kel.user.noximage.install.novalidation", kProfile,
      "@&!*@*@(nox.audit.noximage.install.novalidation)Image profile '%s' is being installed without validation of its signatures."},
@@ -154,23 +152,21 @@ static_assert(std::size(kRows) == 61 && DistinctUnder(kRows, "kel.user."));
 
 // ---- The two that repeat themselves ---------------------------------------------------------------
 
-constexpr KeldArguments kLease = Args("server:%p");
-constexpr KeldArguments kLogDirectory = Args("configured:%p, default:%p");
+constexpr KeldArguments kLease = Args("%p", "*server");
+constexpr KeldArguments kLogDirectory = Args("%p %p", "*configured, default");
 
 // clang-format off
 constexpr EventText kNoExpiry{
     "@&!*@*@(nox.problem.dhclient.lease.offered.noexpiry)No expiry time on offered DHCP lease from %s.",
-    "server"};
+    "*server"};
 // KEPT: the two blanks; receivers match on this text.
 constexpr EventText kLogDirectoryInvalid{
     "@&!*@*@(nox.problem.hsyslogd.storage.logdir.invalid)The configured log directory %s cannot be used.  The default directory %s will be used instead.",
-    "configured, default"};
+    "*configured, default"};
 // clang-format on
 
-using LastPosted = std::map<std::string, std::int64_t>; // by key; seconds since the epoch
-
 struct State {
-    LastPosted leases, logDirectories;
+    KeldHoldOff leases{kLeaseHoldOff}, logDirectories{kLogDirectoryHoldOff};
 };
 State &Remembered()
 {
@@ -178,36 +174,27 @@ State &Remembered()
     return state;
 }
 
-// Whether the hold-off of this key is over; if so, the next one begins. A clock that was set back makes
-// the difference negative: silent until the last posting has been passed by the hold-off once more.
-bool HoldOffIsOver(LastPosted &lastPosted, const char *key, std::int64_t holdOffSeconds)
-{
-    std::int64_t &last = lastPosted[key];
-    const auto now = static_cast<std::int64_t>(KeldNowSeconds());
-    if (now - last <= holdOffSeconds) return false;
-    last = now;
-    return true;
-}
-
 void KeldUserCorrelatorLeaseNoExpiry(Kel *kel)
 {
     const char *server = nullptr;
     if (KeldRead<kLease>(kel, &server) != 0) return;
-    if (HoldOffIsOver(Remembered().leases, server, 1200)) KeldPost<kNoExpiry>(server);
+    if (Remembered().leases.Observe(server, KeldNowSeconds())) KeldPost<kNoExpiry>(server);
 }
 
 void KeldUserCorrelatorLogDirectoryInvalid(Kel *kel)
 {
     const char *configured = nullptr, *standard = nullptr;
     if (KeldRead<kLogDirectory>(kel, &configured, &standard) != 0) return;
-    if (HoldOffIsOver(Remembered().logDirectories, configured, 90))
+    if (Remembered().logDirectories.Observe(configured, KeldNowSeconds()))
         KeldPost<kLogDirectoryInvalid>(configured, standard);
 }
 
 // clang-format off
 constexpr KeldObservation kObservations[] = {
-    {"kel.user.dhclient.lease.offered.noexpiry", kLease, KeldUserCorrelatorLeaseNoExpiry, "posted, unless an event about the same server came within 1200 seconds", {&kNoExpiry}},
-    {"kel.user.hsyslogd.storage.logdir.invalid", kLogDirectory, KeldUserCorrelatorLogDirectoryInvalid, "posted, unless an event about the same configured directory came within 90 seconds", {&kLogDirectoryInvalid}},
+    {"kel.user.dhclient.lease.offered.noexpiry", kLease, KeldUserCorrelatorLeaseNoExpiry,
+     {"posted, unless an event about the same server came within {holdOff}", kLeaseHoldOff}, {&kNoExpiry}},
+    {"kel.user.hsyslogd.storage.logdir.invalid", kLogDirectory, KeldUserCorrelatorLogDirectoryInvalid,
+     {"posted, unless an event about the same configured directory came within {holdOff}", kLogDirectoryHoldOff}, {&kLogDirectoryInvalid}},
 };
 // clang-format on
 
@@ -216,8 +203,6 @@ constexpr KeldObservation kObservations[] = {
 const KeldDomain keldUserDomain{
     .name = "UserLevel",
     .domains = {"user"},
-    .defaultHandler = KeldCorrelatorIgnore,
-    .otherwise = "ignored",
     .translations = KeldTranslations<kRows>,
     .observations = kObservations,
 };

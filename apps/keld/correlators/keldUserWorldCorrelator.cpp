@@ -11,7 +11,8 @@
 
 #include "keldDomains.h"
 
-#include "keldTranslation.h"
+#include "keldDomain.h"
+#include "keldHoldOff.h"
 
 #include <map>
 #include <string>
@@ -19,44 +20,45 @@
 
 namespace {
 
-constexpr std::uint64_t kReportPeriodSeconds = 36000;
 constexpr std::int32_t kLevelEnforcing = 1;
 
-constexpr KeldArguments kDumped = Args("application:%p, process:%d, coreFile:%p");
-constexpr KeldArguments kDumpFailed = Args("application:%p, process:%d, reason:%p");
-constexpr KeldArguments kDomainLevel = Args("levelName:%p, level:%d, domain:%p, domainId:%u");
-constexpr KeldArguments kAllDomainsLevel = Args("levelName:%p, level:%d");
+constexpr KeldArguments kDumped = Args("%p %d %p", "*application, process, coreFile");
+constexpr KeldArguments kDumpFailed = Args("%p %d %p", "*application, process, reason");
+constexpr KeldArguments kDomainLevel = Args("%p %d %p %u", "levelName, level, *domain, domainId");
+constexpr KeldArguments kAllDomainsLevel = Args("%p %d", "levelName, level");
 
 // clang-format off
 constexpr EventText kApplicationDumped{
     "@&!*@*@(nox.problem.application.core.dumped)An application (%s) running on NOX host has crashed (%d time(s) so far). A core file may have been created at %s.",
-    "application, crashes, coreFile"};
+    "*application, crashes, coreFile"};
 constexpr EventText kCaradDumped{
     "@&!*@*@(nox.problem.carad.core.dumped)%s crashed (%d time(s) so far) and a core file may have been created at %s. This may have caused connections to the host to be dropped.",
-    "application, crashes, coreFile"};
+    "*application, crashes, coreFile"};
 constexpr EventText kZumaDumped{
     "@&!*@*@(nox.problem.zuma.core.dumped)%s crashed (%d time(s) so far) and a core file may have been created at %s. This may have caused connections to the host to be dropped.",
-    "application, crashes, coreFile"};
+    "*application, crashes, coreFile"};
 constexpr EventText kApplicationDumpFailed{
     "@&!*@*@(nox.problem.application.core.dumpFailed)An application (%s) running on NOX host has crashed (%d time(s) so far), but core dump creation failed.",
-    "application, crashes"};
+    "*application, crashes"};
 constexpr EventText kDomainLevelChanged{
     "@&!*@*@(nox.audit.uw.secpolicy.domain.level.changed)The enforcement level for security domain %s has been changed to %s. The enforcement level must always be set to enforcing.",
-    "domain, levelName"};
+    "*domain, levelName"};
 constexpr EventText kAllDomainsLevelChanged{
     "@&!*@*@(nox.audit.uw.secpolicy.alldomains.level.changed)The enforcement level for all security domains has been changed to %s. The enforcement level must always be set to enforcing.",
     "levelName"};
 // clang-format on
 
 struct CrashRecord {
-    std::uint64_t lastPosted; // seconds since the epoch
-    std::uint64_t firstSeen;  // the same; for whoever looks at the daemon in a debugger
-    std::int32_t count;       // since the daemon started
+    std::uint64_t firstSeen = 0; // seconds since the epoch; for whoever looks at the daemon in a debugger
+    std::int32_t count = 0;      // since the daemon started
 };
-using CrashRecords = std::map<std::string, CrashRecord>; // by application name
+struct Crashes {
+    std::map<std::string, CrashRecord> records; // by application name
+    KeldHoldOff holdOff{kCrashHoldOff};
+};
 
 struct State {
-    CrashRecords dumped, dumpFailed;
+    Crashes dumped, dumpFailed;
 };
 State &Remembered()
 {
@@ -65,17 +67,16 @@ State &Remembered()
 }
 
 // Counts one crash: how many there were so far, or 0 when the application was reported not long ago.
-std::int32_t CountCrash(CrashRecords &records, const char *application)
+std::int32_t CountCrash(Crashes &crashes, const char *application)
 {
     const std::uint64_t now = KeldNowSeconds();
-    const auto [entry, created] = records.try_emplace(application, CrashRecord{now, now, 0});
-    CrashRecord &record = entry->second;
-    ++record.count;
-    // KEPT: an unsigned difference, so that the first crash after the clock was set back is reported.
-    // A signed one would keep a crashing application quiet for as long as the clock went back.
-    if (!created && now - record.lastPosted < kReportPeriodSeconds) return 0;
-    record.lastPosted = now;
-    return record.count;
+    CrashRecord &record = crashes.records[application];
+    if (++record.count == 1) {
+        record.firstSeen = now;
+        crashes.holdOff.Begin(application, now); // the first is reported whatever the clock says
+        return 1;
+    }
+    return crashes.holdOff.Observe(application, now) ? record.count : 0;
 }
 
 // Matched anywhere in the name: what carries the agent's name is taken for a part of it.
@@ -121,13 +122,13 @@ void KeldUserWorldCorrelatorAllDomainsLevelChanged(Kel *kel)
     if (level != kLevelEnforcing) KeldPost<kAllDomainsLevelChanged>(levelName);
 }
 
-constexpr const char *kDumpedNote =
-    "counted, and posted at most once in ten hours per application: an application with carad in its name "
-    "as the carad event, delivered with the next retry; one with zuma as the zuma event";
-constexpr const char *kDumpFailedNote = "counted, and posted at most once in ten hours per application";
-constexpr const char *kLevelNote = "posted unless the new level is 1, enforcing";
-
 // clang-format off
+constexpr KeldNote kDumpedNote{
+    "counted, and posted at most once in {holdOff} per application: an application with carad in its name as the carad event, delivered with the next retry; one with zuma as the zuma event",
+    kCrashHoldOff};
+constexpr KeldNote kDumpFailedNote{"counted, and posted at most once in {holdOff} per application", kCrashHoldOff};
+constexpr KeldNote kLevelNote{"posted unless the new level is {enforcing}, enforcing", KeldLimit{"enforcing", kLevelEnforcing}};
+
 constexpr KeldObservation kObservations[] = {
     {"kel.uw.core.dumped",                        kDumped,          KeldUserWorldCorrelatorCoreDumped,             kDumpedNote, {&kApplicationDumped, &kCaradDumped, &kZumaDumped}},
     {"kel.uw.core.dumpFailed",                    kDumpFailed,      KeldUserWorldCorrelatorCoreDumpFailed,         kDumpFailedNote, {&kApplicationDumpFailed}},
@@ -141,8 +142,6 @@ constexpr KeldObservation kObservations[] = {
 const KeldDomain keldUserWorldDomain{
     .name = "UserWorld",
     .domains = {"uw"},
-    .defaultHandler = KeldCorrelatorIgnore,
-    .otherwise = "ignored",
     .observations = kObservations,
 };
 

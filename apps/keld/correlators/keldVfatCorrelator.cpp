@@ -7,29 +7,26 @@
 
 #include "keldDomains.h"
 
-#include "keldQuietPeriod.h"
-#include "keldTranslation.h"
+#include "keldDomain.h"
+#include "keldHoldOff.h"
 
 #include <climits>
-#include <map>
-#include <string>
 #include <unistd.h>
 
 const char *keldVfatScratchLink = "/scratch";
 
 namespace {
 
-// By UUID, never pruned.
-std::map<std::string, KeldQuietPeriod> &quietPeriods = *new std::map<std::string, KeldQuietPeriod>;
+KeldHoldOff &holdOff = *new KeldHoldOff(kFileSystemHoldOff); // by UUID
 
-constexpr KeldArguments kFileSystem = Args("fileSystem:%p, uuid:%p");
+constexpr KeldArguments kFileSystem = Args("%p %p", "fileSystem, *uuid");
 
 // clang-format off
 constexpr EventText kScratchFull{
     "@&!*@*@(nox.problem.vfat.filesystem.full.scratch)The host's scratch partition, which is the VFAT filesystem %s (UUID %s), is full.",
-    "fileSystem, uuid"};
+    "fileSystem, *uuid"};
 constexpr EventText kOtherFull{
-    "@&!*@*@(nox.problem.vfat.filesystem.full.other)The VFAT filesystem %s (UUID %s) is full.", "fileSystem, uuid"};
+    "@&!*@*@(nox.problem.vfat.filesystem.full.other)The VFAT filesystem %s (UUID %s) is full.", "fileSystem, *uuid"};
 // clang-format on
 
 // The scratch partition is known by where the link leads; a link that cannot be read stands for itself.
@@ -46,7 +43,7 @@ void KeldVfatCorrelatorHandleFilesystemFullKel(Kel *kel)
 {
     const char *fileSystem = nullptr, *uuid = nullptr;
     if (KeldRead<kFileSystem>(kel, &fileSystem, &uuid) != 0) return;
-    if (!quietPeriods[uuid].Observe(KeldNowSeconds())) return;
+    if (!holdOff.Observe(uuid, KeldNowSeconds())) return;
     if (IsScratch(uuid))
         KeldPost<kScratchFull>(fileSystem, uuid);
     else
@@ -57,7 +54,8 @@ constexpr KeldObservation kObservations[] = {
     {"kel.vfat.filesystem.full",
      kFileSystem,
      KeldVfatCorrelatorHandleFilesystemFullKel,
-     "becomes a problem, unless another such of the same file system came within 300 seconds",
+     {"becomes a problem, unless another such of the same file system came within {holdOff}",
+      kFileSystemHoldOff},
      {&kScratchFull, &kOtherFull}},
 };
 
@@ -66,8 +64,6 @@ constexpr KeldObservation kObservations[] = {
 const KeldDomain keldVfatDomain{
     .name = "Vfat",
     .domains = {"vfat"},
-    .defaultHandler = KeldCorrelatorIgnore,
-    .otherwise = "ignored",
     .observations = kObservations,
 };
 

@@ -10,41 +10,54 @@
 
 #include "keldDomains.h"
 
-#include "keldTranslation.h"
+#include "keldDomain.h"
 
 namespace {
 
-constexpr KeldRowOptions kUnreadToo{.unreadToo = true};
-
 // clang-format off
-constexpr Translation kRows[] = {
-    {"kel.vm.kill.unexpected.vmp.fault.failure",
-     ByMessage("The virtual machine using the configuration file %s could not fault in a page for the virtual machine user world. The virtual machine has been powered off.", "path"),
-     "@&!*@*@(nox.problem.vm.kill.unexpected.vmp.fault.failure.2)%s could not fault in a page. The VM is terminated as further progress is impossible.",
-     kUnreadToo},
-    {"kel.vm.kill.unexpected.vmtrack",
-     ByMessage("The virtual machine using the configuration file %s has been powered off to prevent system instability. See the kernel log file for more details.", "path"),
-     "@&!*@*@(nox.problem.vm.kill.unexpected.vmtrack.2)%s is allocating too many pages while system is critically low in free memory. It is forcefully terminated to prevent system instability.",
-     kUnreadToo},
-    {"kel.vm.kill.unexpected.forcefulPageRetire.64",
-     ByMessage("The virtual machine using the configuration file %s contains the host physical page %#lx that was scheduled for immediate retirement. To avoid system instability, the virtual machine has been powered off.", "path, page"),
-     "@&!*@*@(nox.problem.vm.kill.unexpected.forcefulPageRetire.64.2)%s contained the host physical page %#lx which was scheduled for immediate retirement. To avoid system instability the virtual machine is forcefully powered off.",
-     kUnreadToo},
-};
+constexpr KeldArguments kUserWorldFault =
+    ByMessage("The virtual machine using the configuration file %s could not fault in a page for the virtual machine user world. The virtual machine has been powered off.", "*path");
+constexpr EventText kUserWorldFaultFailure(
+    "@&!*@*@(nox.problem.vm.kill.unexpected.vmp.fault.failure.2)%s could not fault in a page. The VM is terminated as further progress is impossible.");
+
+constexpr KeldArguments kLowMemory =
+    ByMessage("The virtual machine using the configuration file %s has been powered off to prevent system instability. See the kernel log file for more details.", "*path");
+constexpr EventText kTooManyPages(
+    "@&!*@*@(nox.problem.vm.kill.unexpected.vmtrack.2)%s is allocating too many pages while system is critically low in free memory. It is forcefully terminated to prevent system instability.");
+
+constexpr KeldArguments kRetiredPage =
+    ByMessage("The virtual machine using the configuration file %s contains the host physical page %#lx that was scheduled for immediate retirement. To avoid system instability, the virtual machine has been powered off.", "*path, page");
+constexpr EventText kContainedRetiredPage(
+    "@&!*@*@(nox.problem.vm.kill.unexpected.forcefulPageRetire.64.2)%s contained the host physical page %#lx which was scheduled for immediate retirement. To avoid system instability the virtual machine is forcefully powered off.");
 
 constexpr KeldArguments kSwapActions =
-    ByMessage("The virtual machine using the configuration file %s did not respond to %u swap actions in %lu seconds. To avoid system instability, the virtual machine has been powered off.", "path, swapActions, seconds");
+    ByMessage("The virtual machine using the configuration file %s did not respond to %u swap actions in %lu seconds. To avoid system instability, the virtual machine has been powered off.", "*path, swapActions, seconds");
 constexpr EventText kNoSwapResponse(
     "@&!*@*@(nox.problem.vm.kill.unexpected.noSwapResponse.2)%s did not respond to %u swap actions in %u seconds and is forcefully powered off to prevent system instability.",
-    "path, swapActions, seconds");
+    "*path, swapActions, seconds");
 
 constexpr KeldArguments kSwapFile =
-    ByMessage("The virtual machine using the configuration file %s could not fault in a page from the swap file at %s. The virtual machine has been powered off.", "path, swapFile");
+    ByMessage("The virtual machine using the configuration file %s could not fault in a page from the swap file at %s. The virtual machine has been powered off.", "*path, swapFile");
 constexpr EventText kFaultFailure(
     "@&!*@*@(nox.problem.vm.kill.unexpected.fault.failure.2)%s could not fault in a guest physical page from the hypervisor level swap file on %s. The VM is terminated as further progress is impossible.",
-    "path, datastore");
+    "*path, datastore");
 // clang-format on
-static_assert(std::size(kRows) == 3 && DistinctUnder(kRows, "kel.vm.kill.unexpected."));
+
+// All that the reason is about is the path.
+template <const KeldArguments &kArguments, const EventText &kText> void KeldVmCorrelatorPath(Kel *kel)
+{
+    const char *path = nullptr;
+    (void)KeldRead<kArguments>(kel, &path);
+    KeldPost<kText>(path);
+}
+
+void KeldVmCorrelatorForcefulPageRetire(Kel *kel)
+{
+    const char *path = nullptr;
+    std::uint64_t page = 0;
+    (void)KeldRead<kRetiredPage>(kel, &path, &page);
+    KeldPost<kContainedRetiredPage>(path, page);
+}
 
 void KeldVmCorrelatorNoSwapResponse(Kel *kel)
 {
@@ -62,6 +75,15 @@ void KeldVmCorrelatorFaultFailure(Kel *kel)
     (void)KeldRead<kSwapFile>(kel, &path, &swapFile);
     KeldPost<kFaultFailure>(path, KeldLookupDatastore(swapFile).c_str());
 }
+
+// clang-format off
+constexpr Translation kRows[] = {
+    {"kel.vm.kill.unexpected.vmp.fault.failure",     kUserWorldFault, kUserWorldFaultFailure, {.handler = KeldVmCorrelatorPath<kUserWorldFault, kUserWorldFaultFailure>}},
+    {"kel.vm.kill.unexpected.vmtrack",               kLowMemory,      kTooManyPages,          {.handler = KeldVmCorrelatorPath<kLowMemory, kTooManyPages>}},
+    {"kel.vm.kill.unexpected.forcefulPageRetire.64", kRetiredPage,    kContainedRetiredPage,  {.handler = KeldVmCorrelatorForcefulPageRetire}},
+};
+// clang-format on
+static_assert(std::size(kRows) == 3 && DistinctUnder(kRows, "kel.vm.kill.unexpected."));
 
 const KeldObservation kObservations[] = {
     {"kel.vm.kill.unexpected.noSwapResponse",

@@ -2,10 +2,6 @@
 //
 // KeldPostEvent runs on the posting agent's thread from the packed arguments to the closed connection;
 // what cannot be sent waits on the retry list for the alarm thread. Only the list has a lock.
-//
-// The record, little-endian: 0-7 time stamp, 8-15 the kernel's, 16-53 host identity, 54-55 zero,
-// 56-59 total length, 60-63 argument count, 64-67 length of the type ID with its NUL, 68- the type ID,
-// then the packed arguments, then 4 zero bytes that the total length counts.
 
 #include "keldPling.h"
 
@@ -20,6 +16,7 @@
 #include <kltlibs/kif.h>
 #include <kltlibs/ktime.h>
 #include <kltlibs/msgfmt.h>
+#include <kltlibs/plingrecord.h>
 #include <kltlibs/rundir.h>
 
 #include <array>
@@ -38,14 +35,11 @@
 
 namespace {
 
-constexpr std::size_t kIdentityAt = 16;
-constexpr std::size_t kIdentityBytes = 38;
-constexpr std::size_t kTotalLengthAt = 56;
-constexpr std::size_t kArgumentCountAt = 60;
-constexpr std::size_t kIdLengthAt = 64;
-constexpr std::size_t kIdAt = 68;
-constexpr std::size_t kTrailingBytes = 4; // KEPT: the receiver relies on the total length with them
-constexpr std::size_t kIdBytesMax = 129;
+constexpr std::size_t kIdAt = PLINGRECORD_HEADER_BYTES;
+// KEPT: the total length counts them; the receiver relies on it.
+constexpr std::size_t kTrailingBytes = PLINGRECORD_TRAILER_BYTES;
+constexpr std::size_t kUuidTextAt = 16; // behind the raw bytes of KIF_NODE_system_systemUuid
+static_assert(kUuidTextAt + PLINGRECORD_IDENTITY_BYTES <= KIF_SYSTEM_UUID_BYTES);
 constexpr std::size_t kFirstBufferBytes = 1171;
 constexpr int kPackAttemptsMax = 5;
 
@@ -57,16 +51,8 @@ constexpr int kRetryFailuresMax = 5;
 
 constexpr suseconds_t kSendWaitMicroseconds = 200'000; // how often a blocked send looks whether to leave
 
-struct ClassPrefix {
-    const char *prefix;
-    std::size_t skip; // the marker and the class's own prefix in the format
-};
 constexpr std::size_t kMarkerChars = std::string_view("@&!*@*@(").size();
-constexpr std::array<ClassPrefix, 3> kClasses{{
-    {"nox.problem.", kMarkerChars + 12},
-    {"nox.audit.", kMarkerChars + 10},
-    {"nox.clear.", kMarkerChars + 10},
-}};
+constexpr std::array kClassPrefixes{"nox.problem.", "nox.audit.", "nox.clear."}; // by KeldEventClass
 
 std::array<std::byte, KIF_SYSTEM_UUID_BYTES> gSystemUuid{}; // fixed after start
 int gRetryAlarm = -1;                                       // fixed after start
@@ -86,7 +72,7 @@ struct Retries {
 };
 Retries &retries = *new Retries; // the alarm thread outlives main
 
-void Build(int defer, const char *prefix, const char *remainder, const char *format, va_list args);
+void Post(int defer, const char *prefix, const char *remainder, const char *format, va_list args);
 bool WithinRate(const char *prefix, const char *remainder);
 MallocPtr<std::byte> PackArguments(MallocPtr<std::byte> record, std::size_t total, const char *format,
                                    va_list args, std::size_t *used, std::uint32_t *count);
@@ -94,11 +80,11 @@ int Connect(int fd);
 // The receiver has no room yet, or the daemon was stopped and continued while it waited.
 bool IsBusy(int error) { return error == EAGAIN || error == EINTR; }
 
-template <class T> void Put(std::byte *record, std::size_t at, T value)
+void PutWord(std::byte *record, std::size_t at, std::size_t value)
 {
-    std::memcpy(record + at, &value, sizeof value);
+    const auto word = static_cast<std::uint32_t>(value);
+    std::memcpy(record + at, &word, sizeof word);
 }
-const char *TypeId(const std::byte *record) { return reinterpret_cast<const char *>(record + kIdAt); }
 
 } // namespace
 
@@ -112,9 +98,10 @@ void KeldPlingInit()
 void KeldPostEvent(int defer, KeldEventClass cls, const char *format, ...)
 {
     const auto index = static_cast<std::size_t>(cls);
-    if (index >= kClasses.size()) KeldNotReached("apps/keld/keldPling", 608);
+    if (index >= kClassPrefixes.size()) KeldNotReached("apps/keld/keldPling", 608);
+    const char *prefix = kClassPrefixes[index];
     // KEPT: what is skipped is not looked at: the class, not the text, decides the prefix.
-    const char *remainder = format + kClasses[index].skip;
+    const char *remainder = format + kMarkerChars + std::strlen(prefix);
     const char *end = std::strchr(remainder, ')');
     std::string id;
     try {
@@ -124,7 +111,7 @@ void KeldPostEvent(int defer, KeldEventClass cls, const char *format, ...)
     }
     va_list args;
     va_start(args, format);
-    Build(static_cast<unsigned char>(defer), kClasses[index].prefix, id.c_str(), end + 1, args);
+    Post(static_cast<unsigned char>(defer), prefix, id.c_str(), end + 1, args);
     va_end(args);
 }
 
@@ -133,13 +120,15 @@ void Keld_PostProblem(const char *suffix, const char *format, ...)
     KeldLog("Using discouraged \"Keld_PostProblem\" interface for pling: %s", suffix);
     va_list args;
     va_start(args, format);
-    Build(0, kClasses[0].prefix, suffix, format, args);
+    Post(0, kClassPrefixes[0], suffix, format, args);
     va_end(args);
 }
 
 namespace {
 
-void Build(int defer, const char *prefix, const char *remainder, const char *format, va_list args)
+// One event from its arguments to the receiver or the retry list; nothing of it remains when it is one
+// too many, or cannot be packed.
+void Post(int defer, const char *prefix, const char *remainder, const char *format, va_list args)
 {
     MallocPtr<std::byte> record(static_cast<std::byte *>(std::calloc(1, kFirstBufferBytes)));
     if (record == nullptr) {
@@ -149,12 +138,13 @@ void Build(int defer, const char *prefix, const char *remainder, const char *for
     if (!WithinRate(prefix, remainder)) return;
     const std::size_t prefixLength = std::strlen(prefix);
     const std::size_t idLength = prefixLength + std::strlen(remainder) + 1;
-    if (idLength > kIdBytesMax) return;
+    if (idLength > PLINGRECORD_TYPE_ID_BYTES_MAX) return;
 
-    Put(record.get(), kIdLengthAt, static_cast<std::uint32_t>(idLength));
+    PutWord(record.get(), PLINGRECORD_TYPE_ID_LENGTH_AT, idLength);
     std::memcpy(record.get() + kIdAt, prefix, prefixLength);
     std::memcpy(record.get() + kIdAt + prefixLength, remainder, idLength - prefixLength);
-    std::memcpy(record.get() + kIdentityAt, gSystemUuid.data() + kIdentityAt, kIdentityBytes);
+    std::memcpy(record.get() + PLINGRECORD_IDENTITY_AT, gSystemUuid.data() + kUuidTextAt,
+                PLINGRECORD_IDENTITY_BYTES);
     (void)KNX_StampEvent(record.get());
 
     std::size_t total = kIdAt + idLength + kTrailingBytes;
@@ -164,22 +154,20 @@ void Build(int defer, const char *prefix, const char *remainder, const char *for
     if (record == nullptr) return;
 
     std::byte *area = record.get() + kIdAt + idLength;
-    std::uint64_t timestamp = 0;
-    std::memcpy(&timestamp, record.get(), sizeof timestamp);
     char *text = nullptr;
     (void)MsgFmt_Asprintf(&text, nullptr, format, area, count, nullptr);
     const MessageText message(text);
-    KeldLogTraceLine(TypeId(record.get()), message.get(), timestamp);
+    KeldLogTraceLine(PlingRecord_TypeId(record.get()), message.get(), PlingRecord_Timestamp(record.get()));
 
     MsgFmt_SwizzleArgs(area, count);
     total += used;
-    Put(record.get(), kArgumentCountAt, count);
-    Put(record.get(), kTotalLengthAt, static_cast<std::uint32_t>(total));
+    PutWord(record.get(), PLINGRECORD_ARGUMENT_COUNT_AT, count);
+    PutWord(record.get(), PLINGRECORD_TOTAL_LENGTH_AT, total);
     KeldTraceOut(record.get());
 
     if (defer == 0 && KeldPlingSend(record.get(), total) == 0) return;
     KeldLog("An event (%s) could not be sent immediately to carad; queueing for retry.",
-            TypeId(record.get()));
+            PlingRecord_TypeId(record.get()));
     KeldPlingQueue(record.get(), total);
 }
 
@@ -291,7 +279,7 @@ void KeldPlingAlarmHandler()
 {
     KeldLock lock(retries.retryListMutex);
     for (auto entry = retries.list.begin(); entry != retries.list.end() && !KeldStopping();) {
-        const char *id = TypeId(entry->record.data());
+        const char *id = PlingRecord_TypeId(entry->record.data());
         const bool sent = KeldPlingSend(entry->record.data(), entry->record.size()) == 0;
         if (!sent && KeldStopping()) break;
         if (!sent) ++entry->failures;

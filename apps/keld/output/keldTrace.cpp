@@ -18,6 +18,7 @@
 #include <kltlibs/kelrecord.h>
 #include <kltlibs/ktime.h>
 #include <kltlibs/msgfmt.h>
+#include <kltlibs/plingrecord.h>
 #include <kltlibs/rundir.h>
 #include <kltlibs/str.h>
 
@@ -365,10 +366,7 @@ void KeldTraceIn(const void *record)
 
 void KeldTraceOut(const void *plingRecord)
 {
-    constexpr std::uint32_t kTotalLengthAt = 56, kArgumentCountAt = 60, kIdLengthAt = 64, kIdAt = 68;
-    const char *const bytes = static_cast<const char *>(plingRecord);
-    Trace({",OUT,", KelRecord_Timestamp(plingRecord), bytes + kIdAt,
-           KelRecord_Word(plingRecord, kArgumentCountAt),
-           bytes + kIdAt + KelRecord_Word(plingRecord, kIdLengthAt),
-           bytes + KelRecord_Word(plingRecord, kTotalLengthAt)});
+    Trace({",OUT,", PlingRecord_Timestamp(plingRecord), PlingRecord_TypeId(plingRecord),
+           PlingRecord_ArgumentCount(plingRecord), PlingRecord_ArgumentArea(plingRecord),
+           PlingRecord_End(plingRecord)});
 }

@@ -1,6 +1,7 @@
 #include "keldDispatch.h"
 
 #include "keldLog.h"
+#include "keldMutex.h"
 #include "keldSignal.h"
 #include "keldTrace.h"
 
@@ -17,31 +18,47 @@
 
 namespace {
 
-// The stream lock is a plain mutex whose failures are the panics below; it guards the list, and the
-// descriptors of every stream while a batch is dispatched.
+// A plain mutex whose failures are panics.
+//
+// KEPT: their text is errno's, not that of the call's own result.
+class KELD_ANNOTATE(capability("mutex")) StreamLock {
+public:
+    int Make() { return pthread_mutex_init(&mMutex, nullptr); } // 0 or an errno value; before any use
+    void Acquire() KELD_ANNOTATE(acquire_capability())
+    {
+        if (pthread_mutex_lock(&mMutex) != 0)
+            Panic("Failed to acquire stream lock: %s\n", std::strerror(errno));
+    }
+    bool TryAcquire() KELD_ANNOTATE(try_acquire_capability(true))
+    {
+        return pthread_mutex_trylock(&mMutex) == 0;
+    }
+    void Release() KELD_ANNOTATE(release_capability())
+    {
+        if (pthread_mutex_unlock(&mMutex) != 0)
+            Panic("Failed to release stream lock: %s\n", std::strerror(errno));
+    }
+
+private:
+    pthread_mutex_t mMutex;
+};
+
+// It guards the list, and the descriptors of every stream while a batch is dispatched.
 struct Streams {
-    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-    std::list<std::unique_ptr<KeldStream>> list; // in order of registration
+    StreamLock lock;
+    std::list<std::unique_ptr<KeldStream>> list GUARDED_BY(lock); // in order of registration
 };
 Streams &streams = *new Streams; // agents that were cancelled leave theirs behind
 
-// KEPT: the text is errno's, not that of the call's own result.
-class StreamLock {
+// Holds the stream lock to the end of its scope.
+class KELD_ANNOTATE(scoped_lockable) StreamHold {
 public:
-    StreamLock()
-    {
-        if (pthread_mutex_lock(&streams.lock) != 0)
-            Panic("Failed to acquire stream lock: %s\n", std::strerror(errno));
-    }
+    StreamHold() KELD_ANNOTATE(acquire_capability(streams.lock)) { streams.lock.Acquire(); }
     struct Adopt {};
-    explicit StreamLock(Adopt) {}
-    ~StreamLock()
-    {
-        if (pthread_mutex_unlock(&streams.lock) != 0)
-            Panic("Failed to release stream lock: %s\n", std::strerror(errno));
-    }
-    StreamLock(const StreamLock &) = delete;
-    StreamLock &operator=(const StreamLock &) = delete;
+    explicit StreamHold(Adopt) REQUIRES(streams.lock) {} // the caller has acquired it
+    ~StreamHold() KELD_ANNOTATE(release_capability()) { streams.lock.Release(); }
+    StreamHold(const StreamHold &) = delete;
+    StreamHold &operator=(const StreamHold &) = delete;
 };
 
 int WriteRecord(int fd, const std::byte *record, std::size_t length);
@@ -56,13 +73,15 @@ constexpr int kDrainMilliseconds = 10; // how long a draining agent waits before
 
 int KeldDispatchInit()
 {
+    if (const int error = streams.lock.Make(); error != 0) return error;
+    const StreamHold hold;
     streams.list.clear();
-    return pthread_mutex_init(&streams.lock, nullptr);
+    return 0;
 }
 
 int KeldDispatch(const std::byte *buffer, std::size_t byteCount)
 {
-    const StreamLock lock;
+    const StreamHold hold;
     for (std::size_t at = 0; at < byteCount;) {
         const std::byte *record = buffer + at;
         const std::size_t length = KelRecord_TotalLength(record);
@@ -165,7 +184,7 @@ try {
     made->subscription = subscription;
     made->owner = std::move(owner);
     *stream = made.get();
-    const StreamLock lock;
+    const StreamHold hold;
     streams.list.push_back(std::move(made));
     return 0;
 } catch (const std::bad_alloc &) {
@@ -174,9 +193,9 @@ try {
 
 int KeldStreamUnregister(KeldStream *stream)
 {
-    while (pthread_mutex_trylock(&streams.lock) != 0)
+    while (!streams.lock.TryAcquire())
         Discard(stream->readFd.Get());
-    const StreamLock lock{StreamLock::Adopt{}};
+    const StreamHold hold{StreamHold::Adopt{}};
     const bool closed = stream->readFd.Close() == 0 && stream->writeFd.Close() == 0;
     std::erase_if(streams.list, [stream](const auto &each) { return each.get() == stream; });
     return closed ? 0 : 2;

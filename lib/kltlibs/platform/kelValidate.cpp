@@ -12,7 +12,6 @@
 namespace {
 
 constexpr std::uint32_t kOffsetId = KELRECORD_HEADER_BYTES;
-constexpr std::uint32_t kOffsetMagic = 8, kOffsetMessage = 20, kOffsetArea = 24, kOffsetIdLength = 28;
 
 struct Fault {
     const char *what = nullptr; // null: none
@@ -37,7 +36,7 @@ Fault CheckArguments(const char *area, std::size_t areaBytes, std::uint32_t coun
 Fault CheckRecord(const char *record, std::size_t available)
 {
     if (available < KELRECORD_BYTES_MIN) return {"too few bytes for a record"};
-    if (std::memcmp(record + kOffsetMagic, "KEL1", 4) != 0) return {"wrong magic"};
+    if (std::memcmp(record + KELRECORD_MAGIC_AT, KELRECORD_MAGIC, 4) != 0) return {"wrong magic"};
     const std::uint32_t total = KelRecord_TotalLength(record);
     if (total < KELRECORD_BYTES_MIN) return {"total length too small"};
     if (total > KELLIB_BATCH_BYTES_MAX) return {"total length too large"};
@@ -45,15 +44,15 @@ Fault CheckRecord(const char *record, std::size_t available)
     const std::uint32_t count = KelRecord_ArgumentCount(record);
     if (count > KELRECORD_ARGUMENTS_MAX) return {"too many arguments"};
 
-    const std::uint32_t idLength = KelRecord_Word(record, kOffsetIdLength);
+    const std::uint32_t idLength = KelRecord_Word(record, KELRECORD_ID_LENGTH_AT);
     if (idLength < 2 || idLength > KELRECORD_ID_CHARS_MAX + 1) return {"ID length out of range"};
     if (idLength > total - kOffsetId) return {"ID outside the record"};
     if (record[kOffsetId + idLength - 1] != '\0') return {"ID not NUL-terminated"};
     if (KelId_Span(record + kOffsetId, idLength - 1) != idLength - 1) return {"ID with a wrong character"};
 
-    const std::uint32_t message = KelRecord_Word(record, kOffsetMessage);
+    const std::uint32_t message = KelRecord_Word(record, KELRECORD_MESSAGE_FORMAT_AT);
     if (message != kOffsetId + idLength) return {"message format not behind the ID"};
-    const std::uint32_t area = KelRecord_Word(record, kOffsetArea);
+    const std::uint32_t area = KelRecord_Word(record, KELRECORD_ARGUMENT_AREA_AT);
     if (area > total) return {"argument area outside the record"};
     if (area <= message) return {"argument area not behind the message format"};
     const void *terminator = std::memchr(record + message, '\0', area - message);

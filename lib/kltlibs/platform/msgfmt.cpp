@@ -65,10 +65,7 @@ MsgFmtType TypeOf(char conversion, Length length)
 
 void PutArg(void *area, uint32_t index, const MsgFmtArg &arg)
 {
-    char *entry = static_cast<char *>(area) + size_t{index} * MSGFMT_ENTRY_BYTES;
-    memcpy(entry, &arg.type, sizeof arg.type);
-    memcpy(entry + 4, &arg.stringLength, sizeof arg.stringLength);
-    memcpy(entry + 8, &arg.value, sizeof arg.value);
+    memcpy(static_cast<char *>(area) + size_t{index} * MSGFMT_ENTRY_BYTES, &arg, sizeof arg);
 }
 
 int CountConversions(const char *format, size_t *count)
@@ -205,10 +202,7 @@ void RenderLiteral(Text *text, const char *from, const char *to)
 
 void MsgFmt_GetArg(const void *area, uint32_t index, MsgFmtArg *arg)
 {
-    const char *entry = static_cast<const char *>(area) + size_t{index} * MSGFMT_ENTRY_BYTES;
-    memcpy(&arg->type, entry, sizeof arg->type);
-    memcpy(&arg->stringLength, entry + 4, sizeof arg->stringLength);
-    memcpy(&arg->value, entry + 8, sizeof arg->value);
+    memcpy(arg, static_cast<const char *>(area) + size_t{index} * MSGFMT_ENTRY_BYTES, sizeof *arg);
 }
 
 int MsgFmt_NextConversion(const char **format, const char **start, MsgFmtType *type)

@@ -4,6 +4,8 @@
 
 #include "kltlibs/msgfmt.h"
 
+static_assert(sizeof(MsgFmtArg) == MSGFMT_ENTRY_BYTES, "an entry lies in the area as it is");
+
 inline bool MsgFmtArg_IsSigned(const MsgFmtArg &arg)
 {
     return arg.type == MSGFMT_TYPE_INT32 || arg.type == MSGFMT_TYPE_INT64;

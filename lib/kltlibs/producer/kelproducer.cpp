@@ -101,9 +101,9 @@ int KelRecord_Start(void *buffer, size_t size, const char *id, const char *forma
     *shape = {static_cast<char *>(buffer), size, message + messageBytes};
     memcpy(shape->record + KELRECORD_HEADER_BYTES, id, idChars + 1);
     memcpy(shape->record + message, format, messageBytes);
-    PutWord(shape->record, 20, message);
-    PutWord(shape->record, 24, shape->area);
-    PutWord(shape->record, 28, idChars + 1);
+    PutWord(shape->record, KELRECORD_MESSAGE_FORMAT_AT, message);
+    PutWord(shape->record, KELRECORD_ARGUMENT_AREA_AT, shape->area);
+    PutWord(shape->record, KELRECORD_ID_LENGTH_AT, idChars + 1);
     return 0;
 }
 
@@ -111,9 +111,9 @@ size_t KelRecord_Finish(const KelRecordShape &shape, uint64_t timestamp, size_t 
 {
     if (timestamp == KELPRODUCER_NOW) timestamp = Now();
     memcpy(shape.record, &timestamp, sizeof timestamp);
-    memcpy(shape.record + 8, "KEL1", 4);
-    PutWord(shape.record, 12, count);
-    PutWord(shape.record, 16, shape.area + areaBytes);
+    memcpy(shape.record + KELRECORD_MAGIC_AT, KELRECORD_MAGIC, 4);
+    PutWord(shape.record, KELRECORD_ARGUMENT_COUNT_AT, count);
+    PutWord(shape.record, KELRECORD_TOTAL_LENGTH_AT, shape.area + areaBytes);
     return shape.area + areaBytes;
 }
 

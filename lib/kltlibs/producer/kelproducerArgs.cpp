@@ -45,7 +45,6 @@ void Pack(char *area, const KelProducerArg *args, size_t count)
         stringOffset += length;
     }
 }
-static_assert(sizeof(MsgFmtArg) == MSGFMT_ENTRY_BYTES, "an entry lies in the area as it is");
 
 } // namespace
 

@@ -1,10 +1,10 @@
 #include "eventRecord.h"
 
 #include "kltlibs/msgfmt.h"
+#include "kltlibs/plingrecord.h"
 #include "msgfmtArg.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -14,22 +14,7 @@
 
 namespace {
 
-constexpr std::size_t kHeaderBytes = 68, kTrailerBytes = 4;
-constexpr std::size_t kOffsetKernelWord = 8, kOffsetIdentity = 16, kOffsetZero = 54, kOffsetTotal = 56,
-                      kOffsetCount = 60, kOffsetIdLength = 64;
-constexpr std::size_t kIdBytesMax = 129; // with the NUL
-
-template <typename Word> Word Get(std::span<const std::byte> bytes, std::size_t offset)
-{
-    Word word;
-    std::memcpy(&word, bytes.data() + offset, sizeof word);
-    return word;
-}
-
-const char *Text(std::span<const std::byte> bytes, std::size_t offset)
-{
-    return reinterpret_cast<const char *>(bytes.data() + offset);
-}
+constexpr std::size_t kHeaderBytes = PLINGRECORD_HEADER_BYTES;
 
 bool IsZero(std::span<const std::byte> bytes)
 {
@@ -67,25 +52,29 @@ Fault DecodeArgument(std::span<const std::byte> area, std::uint32_t count, std::
     return {};
 }
 
+// Every length is compared with what is known to be there before it is used.
 Fault Decode(std::span<const std::byte> bytes, EventRecord *event)
 {
-    if (bytes.size() < kHeaderBytes + kTrailerBytes) return {"too few bytes for an event", bytes.size()};
-    if (Get<std::uint32_t>(bytes, kOffsetTotal) != bytes.size())
-        return {"total length is not the record's", kOffsetTotal};
-    if (Get<std::uint16_t>(bytes, kOffsetZero) != 0) return {"not zero", kOffsetZero};
+    if (bytes.size() < kHeaderBytes + PLINGRECORD_TRAILER_BYTES)
+        return {"too few bytes for an event", bytes.size()};
+    const std::byte *record = bytes.data();
+    if (PlingRecord_TotalLength(record) != bytes.size())
+        return {"total length is not the record's", PLINGRECORD_TOTAL_LENGTH_AT};
+    const std::size_t zeroBytes = PLINGRECORD_TOTAL_LENGTH_AT - PLINGRECORD_ZERO_AT;
+    if (!IsZero(bytes.subspan(PLINGRECORD_ZERO_AT, zeroBytes))) return {"not zero", PLINGRECORD_ZERO_AT};
 
-    const std::size_t end = bytes.size() - kTrailerBytes;
-    const std::uint32_t idLength = Get<std::uint32_t>(bytes, kOffsetIdLength);
-    if (idLength < 2 || idLength > kIdBytesMax || idLength > end - kHeaderBytes)
-        return {"ID length out of range", kOffsetIdLength};
-    if (strnlen(Text(bytes, kHeaderBytes), idLength) != idLength - 1)
+    const std::size_t end = bytes.size() - PLINGRECORD_TRAILER_BYTES;
+    const std::uint32_t idLength = PlingRecord_TypeIdLength(record);
+    if (idLength < 2 || idLength > PLINGRECORD_TYPE_ID_BYTES_MAX || idLength > end - kHeaderBytes)
+        return {"ID length out of range", PLINGRECORD_TYPE_ID_LENGTH_AT};
+    if (strnlen(PlingRecord_TypeId(record), idLength) != idLength - 1)
         return {"ID not NUL-terminated where its length says", kHeaderBytes};
 
     const std::size_t areaOffset = kHeaderBytes + idLength;
     const std::span<const std::byte> area = bytes.subspan(areaOffset, end - areaOffset);
-    const std::uint32_t count = Get<std::uint32_t>(bytes, kOffsetCount);
+    const std::uint32_t count = PlingRecord_ArgumentCount(record);
     if (count > area.size() / MSGFMT_ENTRY_BYTES)
-        return {"more arguments than there is room for", kOffsetCount};
+        return {"more arguments than there is room for", PLINGRECORD_ARGUMENT_COUNT_AT};
     event->arguments.resize(count);
     for (std::uint32_t index = 0; index < count; ++index) {
         const Fault fault = DecodeArgument(area, count, index, &event->arguments[index]);
@@ -93,11 +82,11 @@ Fault Decode(std::span<const std::byte> bytes, EventRecord *event)
     }
     if (!IsZero(bytes.subspan(end))) return {"not zero", end};
 
-    event->timestamp = Get<std::uint64_t>(bytes, 0);
-    event->kernelWord = Get<std::uint64_t>(bytes, kOffsetKernelWord);
-    const char *identity = Text(bytes, kOffsetIdentity);
-    event->hostIdentity.assign(identity, strnlen(identity, kOffsetZero - kOffsetIdentity));
-    event->typeId = Text(bytes, kHeaderBytes);
+    event->timestamp = PlingRecord_Timestamp(record);
+    std::memcpy(&event->kernelWord, record + PLINGRECORD_KERNEL_WORD_AT, sizeof event->kernelWord);
+    const auto *identity = reinterpret_cast<const char *>(record + PLINGRECORD_IDENTITY_AT);
+    event->hostIdentity.assign(identity, strnlen(identity, PLINGRECORD_IDENTITY_BYTES));
+    event->typeId = PlingRecord_TypeId(record);
     return {};
 }
 
@@ -125,23 +114,18 @@ int EventRecord_Decode(std::span<const std::byte> bytes, EventRecord *event, std
 std::string EventRecord_Render(const EventRecord &event, const std::string &format)
 {
     // An area as it is before it is swizzled: the entries alone, pointing at the event's own texts.
-    std::vector<std::array<std::byte, MSGFMT_ENTRY_BYTES>> entries(event.arguments.size());
-    for (std::size_t index = 0; index < entries.size(); ++index) {
-        const EventArgument &argument = event.arguments[index];
-        std::uint32_t length = 0;
-        std::uint64_t value = 0;
+    std::vector<MsgFmtArg> entries;
+    for (const EventArgument &argument : event.arguments) {
+        MsgFmtArg &entry = entries.emplace_back(MsgFmtArg{argument.type, 0, 0});
         if (const auto *text = std::get_if<std::optional<std::string>>(&argument.value)) {
-            length = *text ? static_cast<std::uint32_t>((*text)->size() + 1) : 0;
-            value = *text ? reinterpret_cast<std::uintptr_t>((*text)->c_str()) : 0;
+            if (!*text) continue;
+            entry.stringLength = static_cast<std::uint32_t>((*text)->size() + 1);
+            entry.value = reinterpret_cast<std::uintptr_t>((*text)->c_str());
         } else if (const auto *number = std::get_if<std::int64_t>(&argument.value)) {
-            value = static_cast<std::uint64_t>(*number);
+            entry.value = static_cast<std::uint64_t>(*number);
         } else {
-            value = std::get<std::uint64_t>(argument.value);
+            entry.value = std::get<std::uint64_t>(argument.value);
         }
-        std::byte *entry = entries[index].data();
-        std::memcpy(entry, &argument.type, sizeof argument.type);
-        std::memcpy(entry + 4, &length, sizeof length);
-        std::memcpy(entry + 8, &value, sizeof value);
     }
     char *text;
     const auto count = static_cast<std::uint32_t>(entries.size());

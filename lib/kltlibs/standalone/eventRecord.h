@@ -1,8 +1,4 @@
-// The event record: what the daemon sends to the management agent, one to a connection.
-//
-// Little-endian: bytes 0-7 time stamp in microseconds, 8-15 the kernel's, 16-53 host identity,
-// 54-55 zero, 56-59 total length, 60-63 argument count, 64-67 length of the event type ID with its NUL
-// (at most 129), 68- the ID, then the packed, swizzled arguments, then 4 zero bytes.
+// The event record, decoded; kltlibs/plingrecord.h tells its layout.
 #ifndef KLTLIBS_STANDALONE_EVENTRECORD_H
 #define KLTLIBS_STANDALONE_EVENTRECORD_H
 

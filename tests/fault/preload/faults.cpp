@@ -122,16 +122,6 @@ int open(const char *path, int flags, ...)
     return Fails(Seam::Open, path) ? -1 : Next(found, "open")(path, flags, mode);
 }
 
-int fcntl(int fd, int command, ...)
-{
-    static constinit std::atomic<int (*)(int, int, ...)> found{nullptr};
-    va_list more;
-    va_start(more, command);
-    void *const argument = va_arg(more, void *);
-    va_end(more);
-    return Fails(Seam::Fcntl) ? -1 : Next(found, "fcntl")(fd, command, argument);
-}
-
 // A sanitizer has an allocator of its own, which is left alone.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 void *__libc_malloc(size_t size) noexcept;

@@ -19,7 +19,15 @@
 #include <stdint.h>
 #include <string.h>
 
+#define KELRECORD_MAGIC "KEL1"
+
 enum {
+    KELRECORD_MAGIC_AT = 8,
+    KELRECORD_ARGUMENT_COUNT_AT = 12,
+    KELRECORD_TOTAL_LENGTH_AT = 16,
+    KELRECORD_MESSAGE_FORMAT_AT = 20,
+    KELRECORD_ARGUMENT_AREA_AT = 24,
+    KELRECORD_ID_LENGTH_AT = 28,
     KELRECORD_HEADER_BYTES = 32,
     KELRECORD_BYTES_MIN = 35, // the header, a one-letter ID with its NUL, an empty message format
     KELRECORD_ID_CHARS_MAX = 127,
@@ -40,8 +48,14 @@ static inline uint64_t KelRecord_Timestamp(const void *record)
     return microseconds;
 }
 
-static inline uint32_t KelRecord_ArgumentCount(const void *record) { return KelRecord_Word(record, 12); }
-static inline uint32_t KelRecord_TotalLength(const void *record) { return KelRecord_Word(record, 16); }
+static inline uint32_t KelRecord_ArgumentCount(const void *record)
+{
+    return KelRecord_Word(record, KELRECORD_ARGUMENT_COUNT_AT);
+}
+static inline uint32_t KelRecord_TotalLength(const void *record)
+{
+    return KelRecord_Word(record, KELRECORD_TOTAL_LENGTH_AT);
+}
 
 static inline const char *KelRecord_ID(const void *record)
 {
@@ -49,11 +63,11 @@ static inline const char *KelRecord_ID(const void *record)
 }
 static inline const char *KelRecord_MessageFormat(const void *record)
 {
-    return (const char *)record + KelRecord_Word(record, 20);
+    return (const char *)record + KelRecord_Word(record, KELRECORD_MESSAGE_FORMAT_AT);
 }
 static inline const void *KelRecord_ArgumentArea(const void *record)
 {
-    return (const char *)record + KelRecord_Word(record, 24);
+    return (const char *)record + KelRecord_Word(record, KELRECORD_ARGUMENT_AREA_AT);
 }
 static inline const void *KelRecord_End(const void *record)
 {

@@ -29,7 +29,7 @@ typedef enum MsgFmtType {
     MSGFMT_TYPE_STRING = 6, // 5, and 7 and above, are reserved
 } MsgFmtType;
 
-// One entry, read out of an area.
+// One entry, as it lies in an area; read it from there with MsgFmt_GetArg.
 typedef struct MsgFmtArg {
     uint32_t type;         // MsgFmtType, or a reserved code
     uint32_t stringLength; // bytes with the NUL

@@ -1,1 +1,0 @@
-#include "knxctl/nodeAdmException.h"

@@ -1,0 +1,16 @@
+// Sockets that have a path.
+#ifndef TESTSUPPORT_UNIXSOCKET_H
+#define TESTSUPPORT_UNIXSOCKET_H
+
+#include <kltlibs/uniquefd.h>
+#include <string>
+#include <sys/socket.h>
+
+// The path of a name in the present run directory, "carad-pling.sock".
+std::string RunPath(const std::string &name);
+
+// Both throw std::system_error naming the path. Listening replaces what lies there; it does not block.
+UniqueFd ConnectTo(const std::string &path, int type = SOCK_STREAM);
+UniqueFd ListenAt(const std::string &path, int backlog);
+
+#endif
