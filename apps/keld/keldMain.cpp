@@ -24,6 +24,7 @@
 #include "keldTrace.h"
 
 #include <kltlibs/kif.h>
+#include <kltlibs/ksyslog.h>
 #include <kltlibs/rundir.h>
 
 #include <algorithm>
@@ -93,6 +94,7 @@ void TellEnd(int code);
 int KeldMain(int argc, char **argv, bool optionalAgents)
 {
     KeldOpenStandardDescriptors();
+    KSyslog_Open();
     const bool asyncEnable = argc > 1 && ParseOptions(argc, argv);
     Daemon daemon;
     int code = daemon.Start(asyncEnable, optionalAgents);

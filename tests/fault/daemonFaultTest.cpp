@@ -22,7 +22,7 @@ constexpr int kMinusOne = 255; // as an exit status
 
 // In the order in which they are made.
 constexpr int kAlarmThread = 1, kFirstAgentThread = 2;
-constexpr int kLastChannel = 23, kTraceSocket = 24;
+constexpr int kLastChannel = 24, kTraceSocket = 25; // of the sockets; the log has the first
 constexpr std::size_t kAgents = 18, kPollSlotsFirst = 24, kPollSlots = 32;
 
 constexpr const char *kQueued =
@@ -344,8 +344,8 @@ const GoesOnRow kGoesOnRows[] = {
 
     {"SwapRead", &FaultTest::SendSwapLoss, {Seam::Open, EIO, "host/swap/failure"},
      "System swap: cannot read swap/failure: Input/output error", kSwapFailed},
-    {"SwapCount", &FaultTest::SendSwapLoss, {Seam::Open, EMFILE, "host/swap/reconfigured"},
-     "System swap: cannot read swap/reconfigured: Too many open files", kSwapFailed},
+    {"SwapCount", &FaultTest::SendSwapLoss, {Seam::Open, EIO, "host/swap/reconfigured"},
+     "System swap: cannot read swap/reconfigured: Input/output error", kSwapFailed},
     {"SwapWrite", &FaultTest::SendSwapLoss, {Seam::Write, ENOSPC, "SWAP"},
      "System swap: cannot write swap/reconfigured: No space left on device", kSwapFailed},
 };

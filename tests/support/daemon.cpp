@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <kltlibs/rundir.h>
 #include <poll.h>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 #include <sys/prctl.h>
@@ -122,6 +123,16 @@ bool Daemon::WaitUntilReady()
     bool listening = false;
     WaitUntil([&] { return (listening = IsListening("keld-trace.sock")) || !IsRunning(); });
     return listening;
+}
+
+std::string Daemon::Written(bool told) const
+{
+    constexpr std::string_view kTold = "keld: ";
+    std::istringstream all(mOutput.Text());
+    std::string text;
+    for (std::string line; std::getline(all, line);)
+        if (line.starts_with(kTold) == told) text += line.substr(told ? kTold.size() : 0) + "\n";
+    return text;
 }
 
 int Daemon::Terminate(int signal, std::chrono::milliseconds limit)

@@ -70,7 +70,11 @@ public:
     const LogCapture &Log() const { return mLog; }
 
     // Standard output and standard error, in the order written.
-    std::string Output() const { return mOutput.Text(); }
+    std::string Output() const { return Written(false); }
+
+    // Of that, the lines for whoever started it ("keld: version 0.1.0 is ready: ..."), without "keld: ";
+    // Output has the others.
+    std::string Told() const { return Written(true); }
 
     // Of the running process: processor time used so far, threads, open descriptors.
     std::chrono::nanoseconds ProcessorTime() const;
@@ -86,6 +90,7 @@ public:
     void Advance(std::uint64_t seconds);
 
 private:
+    std::string Written(bool told) const;
     char State() const;
     std::size_t CountEntries(const char *directory) const;
     std::size_t StatusBytes(const char *field) const;

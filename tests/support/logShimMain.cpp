@@ -10,17 +10,22 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 namespace {
 
 std::atomic<int> logSocket{-1};
+
+template <class Function> Function Next(const char *name)
+{
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
 
 } // namespace
 
@@ -31,7 +36,7 @@ int connect(int fd, const sockaddr *address, socklen_t length)
     const char *file = std::getenv("KELD_LOG_FD");
     if (address->sa_family != AF_UNIX || file == nullptr ||
         std::strcmp(reinterpret_cast<const sockaddr_un *>(address)->sun_path, "/dev/log") != 0)
-        return static_cast<int>(syscall(SYS_connect, fd, address, length));
+        return Next<decltype(&connect)>("connect")(fd, address, length);
     LogFile::descriptor = std::atoi(file);
     logSocket = fd;
     return 0;
@@ -39,7 +44,7 @@ int connect(int fd, const sockaddr *address, socklen_t length)
 
 ssize_t send(int fd, const void *bytes, size_t length, int flags)
 {
-    if (fd != logSocket) return syscall(SYS_sendto, fd, bytes, length, flags, nullptr, 0);
+    if (fd != logSocket) return Next<decltype(&send)>("send")(fd, bytes, length, flags);
     LogFile::Write(static_cast<const char *>(bytes), length);
     return static_cast<ssize_t>(length);
 }

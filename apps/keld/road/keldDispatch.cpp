@@ -112,13 +112,13 @@ bool KeldSubscriptionMatches(const KeldSubscription &subscription, std::string_v
 
 std::size_t KeldDispatchStreamCount()
 {
-    const StreamLock lock;
+    const StreamHold hold;
     return streams.list.size();
 }
 
 std::uint64_t KeldDispatchWaiting()
 {
-    const StreamLock lock;
+    const StreamHold hold;
     std::uint64_t waiting = 0;
     for (const auto &stream : streams.list)
         waiting += stream->queued - stream->taken;

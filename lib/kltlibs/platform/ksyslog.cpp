@@ -297,6 +297,11 @@ bool KSyslogLine::Reserve(std::size_t bytes)
     return mWhole;
 }
 
+void KSyslog_Open()
+{
+    if (sink.load(std::memory_order_relaxed) == nullptr) (void)OpenLog(-1);
+}
+
 void KSyslog_StopWaiting() { waits.store(false, std::memory_order_relaxed); }
 
 std::uint64_t KSyslog_LostLines() { return lost.load(std::memory_order_relaxed); }

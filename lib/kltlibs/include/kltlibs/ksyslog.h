@@ -49,6 +49,9 @@ private:
     bool mWhole = true; // nothing is missing for want of memory
 };
 
+// Opens the socket now, not with the first line: a process that is short of descriptors later has it.
+void KSyslog_Open();
+
 // From here on no line waits for the log: the process is leaving. For good.
 void KSyslog_StopWaiting();
 
