@@ -62,14 +62,9 @@ TEST_F(SelftestTest, ScriptAsAgreedPassesAndPostsThroughEveryEntryOfThePoster)
                              "INFO: Alarm handler ready\n"
                              "INFO: Got kel: kel.tests.user.withoutParams\n"
                              "PASS: [0]: kel.tests.user.withoutParams\n"));
-    for (const char *line :
-         {"\nPASS: Kel_GetArgs succeeded for KEL kel.tests.async.withIntParams. Args: -7, 1f, 77\n",
-          "\nPASS: Kel_GetArgs (with field width specifiers) succeeded for KEL "
-          "kel.tests.async.withIntParams. Args: -2147483648, ffffffff, 2147483647\n",
-          "\nPASS: Kel_GetArgs succeeded for KEL kel.tests.async.withUintParams. Args: -1, ffffffff, "
-          "4294967295\n",
-          "\nPASS: [20]: kel.tests.async.withMixedParams\n"})
-        EXPECT_THAT(output, HasSubstr(line));
+    EXPECT_THAT(output,
+                HasSubstr("\nPASS: Kel_GetArgs (with field width specifiers) succeeded for KEL "
+                          "kel.tests.async.withIntParams. Args: -2147483648, ffffffff, 2147483647\n"));
     EXPECT_THAT(Verdict(), ElementsAre("INFO: Tests completed. Failures = 0"));
     EXPECT_THAT(receiver.WaitForTexts(5), ElementsAre("nox.problem.keldtestcorrelator.test.0()",
                                                       "nox.problem.keldtestcorrelator.test.1d(1)",
@@ -88,24 +83,6 @@ TEST_F(SelftestTest, WhatIsChangedFailsAndHoldsUpItsRow)
                                        "'kel.tests.async.withMixedParams'",
                                        "FAIL: No. of tests = 21, but received only 19 kels.",
                                        "INFO: Tests completed. Failures = 3"));
-}
-
-TEST_F(SelftestTest, ArgumentsAreCheckedBehindTheMessage)
-{
-    script.back() = MakeRecord("kel.tests.async.withMixedParams", "%s 4 %d.", "hba1:C0:T0:L4", 1000000);
-    RunAndExpect(2);
-    EXPECT_THAT(Verdict(), ElementsAre("FAIL: Kel_GetIntArg returned 22 @ i = 2",
-                                       "FAIL: No. of tests = 21, but received only 20 kels.",
-                                       "INFO: Tests completed. Failures = 2"));
-}
-
-TEST_F(SelftestTest, ObservationTooManyEndsTheTest)
-{
-    script.push_back(script.back());
-    RunAndExpect(1);
-    EXPECT_THAT(Verdict(),
-                ElementsAre("FAIL: More KELs receieved than expected! kelId = "
-                            "'kel.tests.async.withMixedParams'.  Did more get added to the testworld?"));
 }
 
 TEST_F(SelftestTest, NothingMayArriveInTheCorruptWindowOrOutOfPlace)

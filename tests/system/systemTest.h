@@ -49,21 +49,9 @@ protected:
         EXPECT_EQ(0, RawProducer(context).Send(Report(message)));
     }
 
-    // Returns when the generic agent has done with everything that was sent before: one more
-    // observation, through a connection of its own, is served last.
-    void Settle()
-    {
-        const std::string id = "kel.external.mark" + std::to_string(++marks);
-        Send(kUser, id.c_str(), " ");
-        ASSERT_TRUE(daemon->Log().WaitForLine("[" + id + "]")) << daemon->Log().Raw();
-    }
-
     RunDir host;
     EventSink receiver;
     std::optional<Daemon> daemon;
-
-private:
-    int marks = 0;
 };
 
 #endif

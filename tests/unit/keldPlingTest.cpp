@@ -1,16 +1,13 @@
-// The poster by itself: what becomes a record, what is dropped, and what waits for the first retry.
+// The poster by itself: what becomes a record, and what is dropped without a word.
 
 #include "keldPling.h"
 
 #include "eventSink.h"
-#include "handClock.h"
-#include "keldAlarm.h"
 #include "logCapture.h"
 #include "runDir.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <kltlibs/ktime.h>
 #include <malloc.h>
 #include <string>
 
@@ -22,26 +19,11 @@ using testing::SizeIs;
 
 class PlingTest : public testing::Test {
 protected:
-    PlingTest() { KTime_SetSource(&clock); }
-
-    static void Post(int defer = 0)
-    {
-        KeldPostEvent(defer, KeldEventClass::Audit, "@&!*@*@(nox.audit.dcui.enabled)The DCUI is enabled.");
-    }
-    static void Post(int count, int defer)
-    {
-        for (; count > 0; --count)
-            Post(defer);
-    }
-
     RunDir runDir;
-    HandClock &clock = *new HandClock; // outlives the alarm thread, which a test may start
     EventSink events;
     LogCapture log;
 };
 using PlingDeathTest = PlingTest;
-
-// ---- The type ID ------------------------------------------------------------------------------------
 
 TEST_F(PlingTest, TypeIdOf128CharactersIsPostedAndALongerOneDisappears)
 {
@@ -61,7 +43,7 @@ TEST_F(PlingTest, TypeIdOf128CharactersIsPostedAndALongerOneDisappears)
 TEST_F(PlingTest, Kept_TheClassDecidesThePrefixWhateverTheTextSays)
 {
     KeldPostEvent(0, KeldEventClass::Problem, "@&!*@*@(nox.clear.x.y)%d", 7);
-    KeldPostEvent(0, KeldEventClass::Audit, "@&!*@*@(nox.clear.net.firewall.enabled)On (%s).", "vmnic2");
+    KeldPostEvent(0, KeldEventClass::Audit, "@&!*@*@(nox.audit.net.firewall.enabled)On (%s).", "vmnic2");
     KeldPostEvent(0, KeldEventClass::Clear, "@&!*@*@(nox.problem.net.firewall.disabled)Off.");
     EXPECT_THAT(events.DrainTexts(),
                 ElementsAre("nox.problem.y(7)", "nox.audit.net.firewall.enabled(vmnic2)",
@@ -76,8 +58,6 @@ TEST_F(PlingDeathTest, AnyOtherClassEndsTheDaemon)
                      "Keld - Panic: NOT_REACHED apps/keld/keldPling:608");
 }
 
-// ---- The arguments ----------------------------------------------------------------------------------
-
 // Each buffer is filled to its last byte, and then asked for one more.
 TEST_F(PlingTest, ArgumentsGoIntoFiveBuffersAndDisappearWhenTheyDoNotFitTheLast)
 {
@@ -88,66 +68,27 @@ TEST_F(PlingTest, ArgumentsGoIntoFiveBuffersAndDisappearWhenTheyDoNotFitTheLast)
             const std::string note(bytes - kAround, 'n');
             KeldPostEvent(0, KeldEventClass::Audit, "@&!*@*@(nox.audit.vm.annotated)%s: %s", "vm7",
                           note.c_str());
-            const auto records = events.DrainRaw();
-            ASSERT_EQ(bytes <= 18736 ? 1U : 0U, records.size()) << bytes;
-            if (records.empty()) continue;
-            EventRecord event;
-            std::string error;
-            EXPECT_EQ(0, EventRecord_Decode(records[0], &event, &error)) << bytes << ": " << error;
-            EXPECT_EQ("nox.audit.vm.annotated(vm7, " + note + ")", ToText(event));
-            EXPECT_EQ(bytes, records[0].size());
-            EXPECT_EQ(std::vector<std::byte>(4), std::vector(records[0].end() - 4, records[0].end()));
+            const auto posted = events.Drain(); // strictly decoded: the trailing bytes are zero
+            ASSERT_EQ(bytes <= 18736 ? 1U : 0U, posted.size()) << bytes;
+            for (const EventRecord &event : posted)
+                EXPECT_EQ("nox.audit.vm.annotated(vm7, " + note + ")", ToText(event));
         }
     EXPECT_THAT(log.Lines(), SizeIs(9)); // the trace lines: of the tenth there is not a word
 }
 
-// ---- Deferred ---------------------------------------------------------------------------------------
-
-TEST_F(PlingTest, ADeferredEventIsFirstTriedByTheRetry)
+// Of the number that says whether an event is deferred, only the low byte counts.
+TEST_F(PlingTest, ADeferredEventIsNotTriedAtOnce)
 {
-    KeldPlingInit();
-    KeldAlarmStart();
-    clock.AwaitWaiter();
-    Post(0x100); // only the low byte counts
-    EXPECT_THAT(events.DrainTexts(), ElementsAre("nox.audit.dcui.enabled()"));
-    EXPECT_THAT(log.LinesWith("event ("), IsEmpty());
-
-    Post(1);
-    Post(0x180);
-    EXPECT_THAT(log.LinesWith("An event (nox.audit.dcui.enabled) could not be sent immediately to carad; "
-                              "queueing for retry."),
-                SizeIs(2));
-    clock.Advance(179);
-    EXPECT_THAT(events.DrainTexts(), IsEmpty());
-    clock.Advance(1);
-    EXPECT_THAT(events.DrainTexts(), SizeIs(2));
-    EXPECT_THAT(log.LinesWith("Successfully sent event (nox.audit.dcui.enabled) after 1 failure."),
-                SizeIs(2));
-}
-
-// ---- The rate ---------------------------------------------------------------------------------------
-
-TEST_F(PlingTest, AThousandEventsPassInEachWindowOfSixtySeconds)
-{
-    const std::string dropped = "Event rate limit reached. Dropping pling: nox.audit.dcui.enabled";
-    const auto passed = [this](int count) {
-        Post(count, 0);
-        return events.DrainTexts().size();
+    const auto post = [](int defer) {
+        KeldPostEvent(defer, KeldEventClass::Audit, "@&!*@*@(nox.audit.dcui.enabled)The DCUI is enabled.");
     };
-    EXPECT_EQ(1000U, passed(1000));
-    EXPECT_THAT(log.LinesWith("rate limit"), IsEmpty());
-    EXPECT_EQ(0U, passed(1));
-    clock.Set(HandClock::kStart + 59, 999999);
-    EXPECT_EQ(0U, passed(1));
-    EXPECT_THAT(log.LinesWith("rate limit"), ElementsAre(dropped, dropped));
-
-    clock.Set(HandClock::kStart + 60); // a window of its own, with a thousand of its own
-    EXPECT_EQ(1000U, passed(1001));
-    clock.Set(HandClock::kStart + 119);
-    EXPECT_EQ(0U, passed(1));
-    clock.Set(HandClock::kStart - 7200); // set back: no reason to be silent for two hours
-    EXPECT_EQ(1000U, passed(1001));
-    EXPECT_THAT(log.LinesWith("rate limit"), SizeIs(5));
+    post(0x100);
+    EXPECT_THAT(events.DrainTexts(), SizeIs(1));
+    post(1);
+    post(0x180);
+    EXPECT_THAT(events.DrainTexts(), IsEmpty());
+    EXPECT_THAT(log.LinesWith("event (nox.audit.dcui.enabled) could not be sent immediately to carad"),
+                SizeIs(2));
 }
 
 } // namespace

@@ -4,7 +4,6 @@
 
 #include "eventSink.h"
 #include "handClock.h"
-#include "keldOwn.h"
 #include "keldPling.h"
 #include "logCapture.h"
 #include "observation.h"
@@ -12,10 +11,8 @@
 #include "traceClient.h"
 
 #include <atomic>
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <kltlibs/kelrecord.h>
@@ -255,21 +252,6 @@ TEST_F(TraceTest, ClientsThatComeAndGoLeaveNothingBehind)
     }
     AwaitNoClients();
     EXPECT_FALSE(Connect().History().empty());
-}
-
-// ---- The listening socket -------------------------------------------------------------------------
-
-TEST_F(TraceTest, PathThatDoesNotFitIsRefused)
-{
-    const std::string fits = runDir.Path(std::string(107 - runDir.Path().size() - 1, 't'));
-    std::ofstream(fits) << "left over";
-    const UniqueFd other(KeldTraceOpen(fits.c_str()));
-    EXPECT_LE(0, other.Get());
-    TraceClient client(fits);
-    EXPECT_GT(0, KeldTraceOpen((fits + "t").c_str()));
-    EXPECT_EQ(ENAMETOOLONG, errno);
-    EXPECT_GT(0, KeldTraceOpen(runDir.Path("none/trace.sock").c_str()));
-    EXPECT_EQ(ENOENT, errno);
 }
 
 } // namespace
