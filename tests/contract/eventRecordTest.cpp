@@ -65,7 +65,19 @@ TEST(EventRecordTest, IsDecodedByteForByte)
     EXPECT_EQ("4c4c4544-0042-3510-8054-b4c04f564433", event.hostIdentity);
     EXPECT_EQ("nox.audit.net.up1(vmnic2, -2, (null))", ToText(event));
     EXPECT_EQ(MSGFMT_TYPE_INT32, event.arguments[1].type);
-    EXPECT_EQ("vmnic2 [   -2] (null) (?)", EventRecord_Render(event, "%s [%5d] %s %d"));
+}
+
+TEST(EventRecordTest, ATextThatDoesNotFitShowsWhatDoes)
+{
+    EventRecord event;
+    ASSERT_EQ("none", Decode(kEvent, &event));
+    for (const auto &[text, expected] : {std::pair("%s [%5d] %s %d", "vmnic2 [   -2] (null) (?)"),
+                                         {"%s %ld %s", "vmnic2 -2 (null)"},
+                                         {"%d %s", "(?) (?)"},
+                                         {"90% full: %s", "90% full: vmnic2"},
+                                         {"%s %", "vmnic2 %"},
+                                         {"%2000000000d %s", "%2000000000d vmnic2"}})
+        EXPECT_EQ(expected, EventRecord_Render(event, text));
 }
 
 TEST(EventRecordTest, EveryFaultNamesItsByteAndLeavesTheEventAlone)

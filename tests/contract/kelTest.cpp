@@ -25,25 +25,41 @@ template <typename Value> std::string Read(const TestKel &kel, const char *forma
     return error == 0 || value == before ? result : result + " but written";
 }
 
-TEST(KelTest, GivesItsIdTimeAndMessage)
+TEST(KelTest, GivesItsIdAndTime)
 {
-    const TestKel kel = MakeKel("kel.net.vmnic.linkstate.down", "%s is down (%d%%)", "vmnic2", 40);
+    const TestKel kel = MakeKel("kel.net.vmnic.linkstate.down", "%s", "vmnic2");
     const char *id;
     std::uint64_t time;
-    char *text;
-    std::size_t length;
     ASSERT_EQ(0, Kel_GetID(kel.get(), &id));
     ASSERT_EQ(0, Kel_GetTimestamp(kel.get(), &time));
-    ASSERT_EQ(0, Kel_GetMsg(kel.get(), &text, &length));
     EXPECT_STREQ("kel.net.vmnic.linkstate.down", id);
     EXPECT_EQ(kObservationTime, time);
-    EXPECT_EQ("vmnic2 is down (40%)", std::string(text, length));
-    std::free(text);
     EXPECT_TRUE(Kel_IsID(id, "kel.net.vmnic.linkstate.down"));
     EXPECT_FALSE(Kel_IsID(id, "kel.net.vmnic.linkstate"));
     EXPECT_FALSE(Kel_IsID(nullptr, "kel.net"));
     EXPECT_EQ(EINVAL, Kel_GetID(nullptr, &id));
     EXPECT_EQ(nullptr, id);
+}
+
+TEST(KelTest, ItsMessageIsWhatPrintfWouldMakeOfIt)
+{
+    const std::string name(3000, 'n');
+    const std::pair<TestKel, std::string> rendered[] = {
+        {MakeKel("kel.a", "%d %hhd %c %ld %zd %u %hx %lu %zu", -1, static_cast<signed char>(-1), 'c', -1L,
+                 ssize_t{-1}, ~0U, static_cast<unsigned short>(9), ~0UL, ~std::size_t{0}),
+         "-1 -1 c -1 -1 4294967295 9 18446744073709551615 18446744073709551615"},
+        {MakeKel("kel.a", "[%8s] [%-6d] [%#06x] 100%%", "vmnic2", -5, 255U),
+         "[  vmnic2] [-5    ] [0x00ff] 100%"},
+        {MakeKel("kel.a", "[%.2s] [%6.3d] [%o] [%s]", "vmnic2", -5, 255U, noText),
+         "[vm] [  -005] [377] [(null)]"},
+        {MakeKel("kel.a", "%s/%5001d", name.c_str(), 5), name + "/" + std::string(5000, ' ') + "5"}};
+    for (const auto &[kel, expected] : rendered) {
+        char *text;
+        std::size_t length;
+        ASSERT_EQ(0, Kel_GetMsg(kel.get(), &text, &length));
+        EXPECT_EQ(expected, std::string(text, length));
+        std::free(text);
+    }
 }
 
 TEST(KelTest, ReadsAllArgumentsInOneStepOrNone)

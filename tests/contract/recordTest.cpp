@@ -24,33 +24,6 @@ int BuildResult(const char *id, const char *format, std::size_t size = 1000)
 }
 #pragma GCC diagnostic pop
 
-TEST(RecordTest, IsBuiltByteForByteAtAnyAddress)
-{
-    const std::string expected = "\x08\x07\x06\x05\x04\x03\x02\x01" // time stamp
-                                 "KEL1"
-                                 "\x04\0\0\0"              // arguments
-                                 "\x88\0\0\0"              // total length: 136
-                                 "\x2b\0\0\0"              // message format: 43
-                                 "\x41\0\0\0"              // argument area: 65
-                                 "\x0b\0\0\0"              // ID with its NUL: 11
-                                 "kel.net.up\0"            // 32
-                                 "%s port %d at %lx, %s\0" // 43
-                                 "\x06\0\0\0\x07\0\0\0\x40\0\0\0\0\0\0\0"
-                                 "\x01\0\0\0\0\0\0\0\xfe\xff\xff\xff\xff\xff\xff\xff"
-                                 "\x04\0\0\0\0\0\0\0\x10\x32\x54\x76\x98\xba\xdc\xfe"
-                                 "\x06\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0"
-                                 "vmnic2\0"s;
-    for (std::size_t shift = 0; shift < 8; ++shift) {
-        char buffer[208];
-        std::size_t length = 0;
-        ASSERT_EQ(0, KelRecord_Build(buffer + shift, 136, &length, 0x0102030405060708, "kel.net.up",
-                                     "%s port %d at %lx, %s", "vmnic2", -2, 0xfedcba9876543210UL, noText));
-        EXPECT_EQ(expected, std::string(buffer + shift, length));
-        EXPECT_STREQ("kel.net.up", KelRecord_ID(buffer + shift));
-        EXPECT_EQ(136U, KelRecord_TotalLength(buffer + shift));
-    }
-}
-
 TEST(RecordTest, OfArgumentsKnownAtRunTimeIsTheSame)
 {
     const KelProducerArg args[] = {

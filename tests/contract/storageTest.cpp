@@ -8,7 +8,6 @@
 #include <knxctl/hostFactory.h>
 #include <knxctl/nodeAdmException.h>
 #include <knxctl/resourceInfo.h>
-#include <knxctl/storageInfo.h>
 
 namespace {
 
@@ -23,15 +22,11 @@ protected:
     const std::unique_ptr<NodeAdm::Storage::StorageInfo> storage = host->GetStorageInfo();
 };
 
-TEST_F(StorageContract, PathLeadsToItsDevice)
+TEST_F(StorageContract, PathLeadsToItsDeviceWhoseRedundancyIsOneOfFourValues)
 {
     EXPECT_THROW((void)storage->GetDeviceNameOfPath("hba1:C0:T0:L4"), NodeAdmException);
-    runDir.Host("storage/paths/hba1:C0:T0:L4", "naa.60a98000");
-    EXPECT_EQ("naa.60a98000", storage->GetDeviceNameOfPath("hba1:C0:T0:L4"));
-}
-
-TEST_F(StorageContract, PathRedundancyIsOneOfFourValues)
-{
+    runDir.Host("storage/paths/hba1:C0:T0:L4", "naa.1");
+    EXPECT_EQ("naa.1", storage->GetDeviceNameOfPath("hba1:C0:T0:L4"));
     EXPECT_THROW((void)storage->GetLun("naa.1"), NodeAdmException);
     runDir.HostDirectory("storage/devices/naa.1");
     const auto lun = storage->GetLun("naa.1");
@@ -62,21 +57,6 @@ TEST_F(StorageContract, DiskLunHasItsPartitionsInAscendingOrder)
     runDir.RemoveHost("storage/devices/naa.1"); // meanwhile
     EXPECT_THROW((void)lun->GetPathRedundancy(), NodeAdmException);
     EXPECT_THAT(disk.GetPartitions(), ElementsAre());
-}
-
-TEST_F(StorageContract, FileSystemsAreListedInOrderAndReportTheirNames)
-{
-    const KnxCtl::Storage::StorageInfoImpl info;
-    EXPECT_TRUE(info.GetFileSystems().empty());
-    runDir.Host("storage/filesystems/b/name", "ds-silver");
-    runDir.Host("storage/filesystems/a/uuid", "5f3c1d2e");
-    runDir.Host("storage/filesystems/a/name", "ds-gold");
-    const auto mounted = info.GetFileSystems();
-    ASSERT_EQ(2U, mounted.size());
-    EXPECT_EQ("5f3c1d2e", mounted[0]->GetUuid());
-    EXPECT_EQ("ds-gold", mounted[0]->GetName());
-    EXPECT_EQ("ds-silver", mounted[1]->GetName());
-    EXPECT_THROW((void)mounted[1]->GetUuid(), NodeAdmException);
 }
 
 TEST_F(StorageContract, VirtualMachineIsFoundByItsWorldAndTerminated)
