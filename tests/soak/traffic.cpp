@@ -17,15 +17,6 @@ constexpr std::size_t kRowWeight = 40;
 constexpr std::size_t kStateWeight = 4;
 constexpr std::size_t kUplinkWeight = 1;
 
-// As an event shows it; it travels as nine numbers, n and the next ones.
-std::string UuidText(unsigned n)
-{
-    char text[40];
-    std::snprintf(text, sizeof text, "%08x-%08x-%04x-%02x%02x%02x%02x%02x%02x", n, n + 1, n + 2, n + 3,
-                  n + 4, n + 5, n + 6, n + 7, n + 8);
-    return text;
-}
-
 } // namespace
 
 std::uint64_t Dice::Below(std::uint64_t end)
@@ -112,17 +103,20 @@ TrafficObservation Traffic::Make(Serial serial) const
     std::vector<KelProducerArg> args;
     std::map<std::string, std::string> shown; // by name
     for (const auto &[name, type] : kind.arguments) {
-        const auto n = static_cast<unsigned>(dice.Below(name.starts_with("uplinks") ? 3 : 100));
+        const std::uint64_t n = dice.Below(name.starts_with("uplinks") ? 3 : 100);
+        shown[name] = std::to_string(n);
         if (type == "string") { // few of each sort, as a host has; what goes into state stays so
             shown[name] = name + "-" + std::to_string(n % 4) + (kind.event.empty() ? "" : tag);
             format += "%s ";
             args.push_back({MSGFMT_TYPE_STRING, 0, shown[name].c_str()});
-            continue;
-        }
-        shown[name] = type == "uuid" ? UuidText(n) : std::to_string(n);
-        for (unsigned part = 0; part < (type == "uuid" ? 9 : 1); ++part) {
+        } else if (type == "uuid") { // nine numbers as it travels
+            shown[name] = "00000001-00000002-0003-040506070809";
+            format += "%d %d %d %d %d %d %d %d %d ";
+            for (std::uint64_t part = 1; part <= 9; ++part)
+                args.push_back({MSGFMT_TYPE_INT32, part, nullptr});
+        } else {
             format += "%d ";
-            args.push_back({MSGFMT_TYPE_INT32, n + part, nullptr});
+            args.push_back({MSGFMT_TYPE_INT32, n, nullptr});
         }
     }
     const std::string id = kind.isNamed ? kind.id + tag : kind.id;

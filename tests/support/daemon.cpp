@@ -1,5 +1,7 @@
 #include "daemon.h"
 
+#include "unixSocket.h"
+
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -7,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <kltlibs/rundir.h>
 #include <poll.h>
 #include <sstream>
 #include <stdexcept>
@@ -61,11 +62,9 @@ std::vector<char *> Pointers(std::vector<std::string> &texts)
 // system's list, so that whoever listens is not disturbed.
 bool IsListening(const char *name)
 {
-    char path[KLT_RUN_PATH_BYTES];
-    if (KltRunDir_Path(name, path, sizeof path) != 0) return false;
-    const std::string end = std::string(" ") + path;
-    std::ifstream sockets(
-        "/proc/net/unix"); // address, references, protocol, flags, type, state, inode, path
+    const std::string end = " " + RunPath(name);
+    // Address, references, protocol, flags, type, state, inode, path.
+    std::ifstream sockets("/proc/net/unix");
     for (std::string line; std::getline(sockets, line);)
         if (line.ends_with(end) && line.find(" 00010000 ") != line.npos) return true;
     return false;
@@ -103,9 +102,9 @@ Daemon::Daemon(const DaemonProgram &program, const std::vector<std::string> &arg
         _exit(127);
     }
     close(lab[1]);
-    mLabFd = lab[0];
-    mPidFd = static_cast<int>(syscall(SYS_pidfd_open, mPid, 0)); // the library's has no C linkage here
-    if (mPidFd < 0) Fail("pidfd_open");
+    mLabFd.Reset(lab[0]);
+    mPidFd.Reset(static_cast<int>(syscall(SYS_pidfd_open, mPid, 0))); // the library's has no C linkage here
+    if (!mPidFd) Fail("pidfd_open");
 }
 
 Daemon::~Daemon()
@@ -113,8 +112,6 @@ Daemon::~Daemon()
     if (mExitStatus < 0) {
         EXPECT_EQ(0, Terminate()) << Output();
     }
-    close(mPidFd);
-    close(mLabFd);
 }
 
 // The trace socket is the last that the daemon opens.
@@ -144,8 +141,7 @@ int Daemon::Terminate(int signal, std::chrono::milliseconds limit)
 int Daemon::WaitForExit(std::chrono::milliseconds limit)
 {
     if (mExitStatus >= 0) return mExitStatus;
-    pollfd ended{mPidFd, POLLIN, 0};
-    if (poll(&ended, 1, static_cast<int>(limit.count())) != 1) {
+    if (WaitForEvents(mPidFd.Get(), POLLIN, limit) == 0) {
         ADD_FAILURE() << "the daemon does not stop:\n" << mLog.Raw() << Output();
         Signal(SIGKILL);
     }
@@ -157,8 +153,7 @@ int Daemon::WaitForExit(std::chrono::milliseconds limit)
 
 bool Daemon::IsRunning()
 {
-    pollfd ended{mPidFd, POLLIN, 0};
-    return mExitStatus < 0 && poll(&ended, 1, 0) == 0;
+    return mExitStatus < 0 && WaitForEvents(mPidFd.Get(), POLLIN, std::chrono::milliseconds(0)) == 0;
 }
 
 void Daemon::Signal(int signal)
@@ -202,22 +197,20 @@ std::size_t Daemon::CountEntries(const char *directory) const
     return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
 
-std::size_t Daemon::StatusBytes(const char *field) const
+std::size_t Daemon::ResidentBytes() const
 {
-    std::ifstream status("/proc/" + std::to_string(mPid) + "/status");
-    std::size_t kilobytes = 0;
-    for (std::string word; status >> word;)
-        if (word == field) status >> kilobytes;
-    return kilobytes * 1024;
+    std::ifstream file("/proc/" + std::to_string(mPid) + "/statm");
+    std::size_t pages = 0, resident = 0;
+    file >> pages >> resident;
+    return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
 }
 
 void Daemon::Advance(std::uint64_t seconds)
 {
     const std::string line = "advance " + std::to_string(seconds) + "\n";
-    pollfd answered{mLabFd, POLLIN, 0};
     char answer[256] = {};
-    if (send(mLabFd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size()) ||
-        poll(&answered, 1, static_cast<int>(std::chrono::milliseconds(2 * kWaitLimit).count())) != 1 ||
-        read(mLabFd, answer, sizeof answer - 1) <= 0 || !std::string_view(answer).ends_with(" ok\n"))
+    if (send(mLabFd.Get(), line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size()) ||
+        WaitForEvents(mLabFd.Get(), POLLIN, 2 * kWaitLimit) == 0 ||
+        read(mLabFd.Get(), answer, sizeof answer - 1) <= 0 || !std::string_view(answer).ends_with(" ok\n"))
         throw std::runtime_error("the clock does not obey: " + line + answer + Output());
 }

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <kltlibs/uniquefd.h>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -81,9 +82,8 @@ public:
     std::size_t ThreadCount() const;
     std::size_t DescriptorCount() const;
 
-    // Its memory, now and at its largest: to be compared only where kSanitized is false.
-    std::size_t ResidentBytes() const { return StatusBytes("VmRSS:"); }
-    std::size_t PeakResidentBytes() const { return StatusBytes("VmHWM:"); }
+    // Its memory: to be compared only where kSanitized is false.
+    std::size_t ResidentBytes() const;
 
     // Moves the clock of the hand-clock daemon, as HandClock does, also under traffic. All alarms that fall
     // due have been handled on return.
@@ -93,13 +93,12 @@ private:
     std::string Written(bool told) const;
     char State() const;
     std::size_t CountEntries(const char *directory) const;
-    std::size_t StatusBytes(const char *field) const;
 
     LogCapture mLog{LogCapture::Of::Child};
     CapturedText mOutput;
     pid_t mPid = -1;
-    int mPidFd = -1;
-    int mLabFd = -1;
+    UniqueFd mPidFd;
+    UniqueFd mLabFd;
     int mExitStatus = -1; // once it has ended
 };
 

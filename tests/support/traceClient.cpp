@@ -12,7 +12,10 @@ std::string TraceClient::Line()
     std::size_t newline;
     while ((newline = mRead.find('\n', mTaken)) == mRead.npos) {
         if (WaitForEvents(mFd.Get(), POLLIN) == 0) return "(nothing)";
-        if (!Read()) return "(end)";
+        char bytes[65536];
+        const ssize_t count = read(mFd.Get(), bytes, sizeof bytes);
+        if (count <= 0) return "(end)";
+        mRead.erase(0, std::exchange(mTaken, 0)).append(bytes, static_cast<std::size_t>(count));
     }
     std::string line = mRead.substr(mTaken, newline - mTaken);
     mTaken = newline + 1;
@@ -25,18 +28,4 @@ std::vector<std::string> TraceClient::History()
     for (std::string line = Line(); !line.empty() && line != "(end)" && line != "(nothing)"; line = Line())
         lines.push_back(std::move(line));
     return lines;
-}
-
-bool TraceClient::Fetch()
-{
-    return WaitForEvents(mFd.Get(), POLLIN, std::chrono::milliseconds(0)) != 0 && Read();
-}
-
-bool TraceClient::Read()
-{
-    char bytes[65536];
-    const ssize_t count = read(mFd.Get(), bytes, sizeof bytes);
-    if (count <= 0) return false;
-    mRead.erase(0, std::exchange(mTaken, 0)).append(bytes, static_cast<std::size_t>(count));
-    return true;
 }

@@ -21,12 +21,7 @@ public:
     // The lines up to the blank one, or to the end.
     std::vector<std::string> History();
 
-    // Takes in what has come already, without waiting: true when it was anything.
-    bool Fetch();
-
 private:
-    bool Read();
-
     UniqueFd mFd;
     std::string mRead;
     std::size_t mTaken = 0; // of mRead
