@@ -1,6 +1,5 @@
 #include "sender.h"
 
-#include "console.h"
 #include "failure.h"
 #include "runDirectory.h"
 
@@ -32,9 +31,12 @@ void Sender::Send(const Observation &observation, std::optional<std::uint64_t> t
 
     if (mStopFd >= 0) {
         pollfd fds[] = {{KelProducer_Fd(producer), POLLOUT, 0}, {mStopFd, POLLIN, 0}};
-        while (fds[0].revents == 0) {
-            PollUntil(fds, Clock::time_point::max());
+        for (auto until = Clock::now() + mPatience; fds[0].revents == 0;) {
+            PollUntil(fds, until);
             if (fds[1].revents != 0) throw Stopped{};
+            if (fds[0].revents == 0 && Clock::now() >= until)
+                throw Failure(kExitFailed, fmt::format("{}: the daemon takes no more observations",
+                                                       KelRecord_ID(record.data())));
         }
     }
     int error = KelProducer_Send(producer, record.data(), record.size());

@@ -2,6 +2,7 @@
 #ifndef KELADM_SENDER_H
 #define KELADM_SENDER_H
 
+#include "console.h"
 #include "observationWords.h"
 
 #include <map>
@@ -10,8 +11,12 @@
 // Keeps the connection to each context that was used.
 class Sender {
 public:
-    // stopFd, when there is one, is a StopSignal's: it ends a wait for a daemon that takes nothing.
-    explicit Sender(int stopFd = -1) : mStopFd(stopFd) {}
+    // stopFd, when there is one, is a StopSignal's: it ends a wait for a daemon that takes nothing, and so
+    // does patience.
+    explicit Sender(int stopFd = -1, Clock::duration patience = std::chrono::hours(24 * 365))
+        : mStopFd(stopFd), mPatience(patience)
+    {
+    }
 
     // Throws Failure when no daemon serves the context.
     void Connect(int context) { Producer(context); }
@@ -26,6 +31,7 @@ private:
     using ProducerPtr = std::unique_ptr<KelProducer, decltype(&KelProducer_Close)>;
     std::map<int, ProducerPtr> mProducers;
     int mStopFd;
+    Clock::duration mPatience;
 };
 
 #endif

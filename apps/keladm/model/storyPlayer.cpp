@@ -22,6 +22,9 @@ namespace {
 constexpr ListenerLimits kListenerLimits{.idle = std::chrono::hours(24),
                                          .idleWhenFull = std::chrono::hours(24)};
 
+// A daemon that has settled takes an observation at once, one that waits for a deaf receiver as many as
+// its pipes and sockets hold.
+constexpr auto kSendPatience = std::chrono::seconds(10);
 constexpr auto kPatience = std::chrono::minutes(2); // with a daemon that does not answer or settle
 
 // An event that has come, and the agent that has posted it: its events keep their order.
@@ -123,7 +126,7 @@ private:
     void Start()
     {
         mLab.emplace(mProgram, mDirectory.Path() + "/daemon.err", mNow, mLog.Fd());
-        mSender.emplace(mStop.Get());
+        mSender.emplace(mStop.Get(), kSendPatience);
         Settle("settle");
     }
 
