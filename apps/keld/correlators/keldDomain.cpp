@@ -5,8 +5,10 @@ KeldCorrelatorTable KeldDomainTable(const KeldDomain &domain)
     KeldCorrelatorTable table;
     for (const KeldObservation &observation : domain.observations)
         table.emplace(observation.id, observation.handler);
-    for (std::size_t i = 0; i < domain.translations.rows.size(); ++i)
-        table.emplace(domain.translations.rows[i].id, domain.translations.handlers[i]);
+    for (std::size_t i = 0; i < domain.translations.rows.size(); ++i) {
+        const Translation &row = domain.translations.rows[i];
+        table.emplace(row.id, row.handler != nullptr ? row.handler : domain.translations.handlers[i]);
+    }
     return table;
 }
 

@@ -128,7 +128,7 @@ template <const auto &kRows, std::size_t kIndex> bool Translate(const Kel *kel)
 }
 template <const auto &kRows, std::size_t kIndex> void Handle(Kel *kel) { Translate<kRows, kIndex>(kel); }
 
-// Of all rows of a table, in its order: the translation itself, and the handler that is called.
+// Of all rows of a table, in its order: the translation itself, and the handler that does no more.
 template <const auto &kRows>
 inline constexpr auto kTranslations = []<std::size_t... kIndex>(std::index_sequence<kIndex...>)
 {
@@ -138,7 +138,7 @@ inline constexpr auto kTranslations = []<std::size_t... kIndex>(std::index_seque
 template <const auto &kRows>
 inline constexpr auto kHandlers = []<std::size_t... kIndex>(std::index_sequence<kIndex...>)
 {
-    return std::array{kRows[kIndex].handler != nullptr ? kRows[kIndex].handler : &Handle<kRows, kIndex>...};
+    return std::array<KeldHandler, sizeof...(kIndex)>{&Handle<kRows, kIndex>...};
 }
 (std::make_index_sequence<std::size(kRows)>{});
 
