@@ -66,6 +66,10 @@ struct Batch {
     const std::byte *bytes;
     std::size_t size;
 };
+std::string_view IdOf(const std::byte *record)
+{
+    return {KelRecord_ID(record), KelRecord_Word(record, KELRECORD_ID_LENGTH_AT) - std::size_t{1}};
+}
 int WriteWanted(KeldStream &stream, const Batch &batch);
 int WriteRest(KeldStream &stream, Batch batch);
 int ReadOnce(KeldStream *stream);
@@ -91,11 +95,16 @@ int KeldDispatchInit()
 int KeldDispatch(const std::byte *buffer, std::size_t byteCount)
 {
     const StreamHold hold;
-    for (std::size_t at = 0; at < byteCount; at += KelRecord_TotalLength(buffer + at))
+    std::uint32_t initials = 0; // of the batch
+    for (std::size_t at = 0; at < byteCount; at += KelRecord_TotalLength(buffer + at)) {
         KeldTraceIn(buffer + at);
+        initials |= KeldInitial(IdOf(buffer + at));
+    }
     const Batch batch{buffer, byteCount};
     bool someAreFull = false;
     for (const auto &stream : streams.list) {
+        stream->place = byteCount;
+        if ((stream->subscription.initials & initials) == 0) continue;
         stream->place = stream->begun = 0;
         const int error = WriteWanted(*stream, batch);
         if (error != 0 && error != EAGAIN) return error;
@@ -109,6 +118,7 @@ int KeldDispatch(const std::byte *buffer, std::size_t byteCount)
 
 bool KeldSubscriptionMatches(const KeldSubscription &subscription, std::string_view id)
 {
+    if ((subscription.initials & KeldInitial(id)) == 0) return false;
     for (std::int32_t i = 0; i < subscription.prefixCount; ++i) {
         const std::string &prefix = subscription.prefixes[static_cast<std::size_t>(i)];
         if (id.size() > prefix.size() && id[prefix.size()] == '.' && id.starts_with(prefix)) return true;
@@ -137,9 +147,7 @@ namespace {
 
 bool Wants(const KeldStream &stream, const std::byte *record)
 {
-    return KeldSubscriptionMatches(
-        stream.subscription,
-        {KelRecord_ID(record), KelRecord_Word(record, KELRECORD_ID_LENGTH_AT) - std::size_t{1}});
+    return KeldSubscriptionMatches(stream.subscription, IdOf(record));
 }
 
 // What the stream wants of the batch and has not got, as far as there are pieces: how many.
@@ -226,7 +234,9 @@ int WriteRest(KeldStream &stream, Batch batch)
 int KeldSubscriptionAddDomain(KeldSubscription *subscription, const std::string &domain)
 {
     if (subscription->prefixCount == kKeldSubscriptionMax) return 1;
-    subscription->prefixes[static_cast<std::size_t>(subscription->prefixCount++)] = "kel." + domain;
+    std::string &prefix = subscription->prefixes[static_cast<std::size_t>(subscription->prefixCount++)];
+    prefix = "kel." + domain;
+    subscription->initials |= KeldInitial(prefix);
     return 0;
 }
 
@@ -234,6 +244,7 @@ int KeldSubscriptionAddExactId(KeldSubscription *subscription, const std::string
 {
     if (subscription->exactIdCount == kKeldSubscriptionMax) return 1;
     subscription->exactIds[static_cast<std::size_t>(subscription->exactIdCount++)] = id;
+    subscription->initials |= KeldInitial(id);
     return 0;
 }
 
