@@ -7,6 +7,7 @@
 #include "keldReadAhead.h"
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -53,7 +54,7 @@ struct KeldStream {
     std::size_t begun = 0; // bytes of that one that are
     // Whole records: written by the main thread, taken by the agent for its handler.
     std::uint64_t queued = 0;
-    std::uint64_t taken = 0;
+    std::atomic<std::uint64_t> taken = 0; // read at the end, when an agent may not have obeyed
 };
 
 // Empties the list and makes the lock: 0 or an errno value. Main thread, before any agent.
