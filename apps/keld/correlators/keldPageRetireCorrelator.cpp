@@ -141,8 +141,10 @@ void KillIfPageKeptInUse(std::uint32_t worldId, VirtualMachineRecord *machine)
         ++count;
         least = std::min(least, time);
         greatest = std::max(greatest, time);
-        if (!machine->killed && count >= kInjectionsToKill && greatest - least >= kSpreadToKillSeconds)
-            Kill(worldId, machine, count, page);
+        if (machine->killed || count < kInjectionsToKill || greatest - least < kSpreadToKillSeconds)
+            continue;
+        // One attempt for each walk, however many injections are behind it: each asks the host.
+        return Kill(worldId, machine, count, page);
     }
 }
 
