@@ -1,8 +1,8 @@
 // Uplink tracking.
 //
 // Arrives    bursts: one transition per port group or DVPort of a NIC, a link state, a watchdog timeout.
-// Remembers  per NIC: seven state bits, the waiting batches, link-downs of the last minute; across all
-//            NICs: what was reported lost, and whose redundancy has come back meanwhile.
+// Remembers  per NIC: seven state bits, link-downs of the last minute, the waiting batches; across all
+//            NICs what was reported lost (keldUplinkBatch.cpp).
 // Posts      connectivity and redundancy lost, degraded, restored; link states; watchdog reset; flapping.
 // Time       2 s for transitions, 1 s for link states, 7 s for the watchdog; one alarm for all of it.
 //
@@ -11,16 +11,15 @@
 #include "keldUplink.h"
 
 #include "keldAlarm.h"
+#include "keldUplinkBatch.h"
 
 #include <knxctl/advancedOption.h>
-#include <knxctl/network.h>
 #include <knxctl/sysinfo.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <deque>
 #include <exception>
 #include <fcntl.h>
 #include <map>
@@ -29,6 +28,8 @@
 #include <unistd.h>
 #include <vector>
 
+using namespace KeldUplink;
+
 namespace {
 
 constexpr std::uint32_t kTransitionDelaySeconds = 2;
@@ -36,42 +37,7 @@ constexpr std::uint32_t kLinkStateDelaySeconds = 1;
 constexpr std::uint32_t kWatchdogDelaySeconds = 7;
 constexpr std::uint64_t kFlapWindowSeconds = 60;
 
-// Restored clears are posted only when nothing of their kind is lost any more, on any NIC: each ends all
-// problems of its type. Nothing ends a degraded redundancy.
-consteval KeldPairing EndsEvery(const char *problem) { return {.clears = problem}; }
-
 // clang-format off
-constexpr EventText kConnectivityLost(
-    "@&!*@*@(nox.problem.net.connectivity.lost)Lost network connectivity on virtual switch %s. Physical NIC %s is down. Affected port groups: %s",
-    "switch, *nic, portGroups");
-constexpr EventText kRedundancyLost(
-    "@&!*@*@(nox.problem.net.redundancy.lost)Lost uplink redundancy on virtual switch %s. Physical NIC %s is down. Affected port groups: %s",
-    "switch, *nic, portGroups");
-constexpr EventText kRedundancyDegraded(
-    "@&!*@*@(nox.problem.net.redundancy.degraded)Uplink redundancy degraded on virtual switch %s. Physical NIC %s is down. Affected port groups: %s",
-    "switch, *nic, portGroups");
-constexpr EventText kDvPortConnectivityLost(
-    "@&!*@*@(nox.problem.net.dvport.connectivity.lost)Lost network connectivity on DVPorts: %s. Physical NIC %s is down.",
-    "dvPorts, *nic");
-constexpr EventText kDvPortRedundancyLost(
-    "@&!*@*@(nox.problem.net.dvport.redundancy.lost)Lost uplink redundancy on DVPorts: %s. Physical NIC %s is down.",
-    "dvPorts, *nic");
-constexpr EventText kDvPortRedundancyDegraded(
-    "@&!*@*@(nox.problem.net.dvport.redundancy.degraded)Uplink redundancy degraded on DVPorts: %s. Physical NIC %s is down.",
-    "dvPorts, *nic");
-constexpr EventText kConnectivityRestored(
-    "@&!*@*@(nox.clear.net.connectivity.restored)Network connectivity restored on virtual switch %s, portgroups: %s. Physical NIC %s is up",
-    "switch, portGroups, *nic", EndsEvery("nox.problem.net.connectivity.lost"));
-constexpr EventText kRedundancyRestored(
-    "@&!*@*@(nox.clear.net.redundancy.restored)Uplink redundancy restored on virtual switch %s, portgroups: %s. Physical NIC %s is up",
-    "switch, portGroups, *nic", EndsEvery("nox.problem.net.redundancy.lost"));
-constexpr EventText kDvPortConnectivityRestored(
-    "@&!*@*@(nox.clear.net.dvport.connectivity.restored)Network connectivity restored on DVPorts: %s. Physical NIC %s is up",
-    "dvPorts, *nic", EndsEvery("nox.problem.net.dvport.connectivity.lost"));
-// KEPT: "is up recently", here alone; receivers match on this text.
-constexpr EventText kDvPortRedundancyRestored(
-    "@&!*@*@(nox.clear.net.dvport.redundancy.restored)Uplink redundancy restored on DVPorts: %s. Physical NIC %s is up recently",
-    "dvPorts, *nic", EndsEvery("nox.problem.net.dvport.redundancy.lost"));
 constexpr EventText kLinkStateUp(
     "@&!*@*@(nox.clear.net.vmnic.linkstate.up)Physical NIC %s linkstate is up",
     "*nic", {.clears = "nox.problem.net.vmnic.linkstate.down", .on = "nic"});
@@ -107,9 +73,10 @@ struct VmnicAlarmInfo {
 };
 
 // Keyed by the NIC's name, byte for byte as received.
-auto &nicStates = *new std::map<std::string, std::uint32_t>;               // bits of VmnicStateType
-auto &pendingTimeouts = *new std::multimap<std::string, VmnicAlarmInfo>;   // a NIC's in order of arrival
-auto &flapHistory = *new std::map<std::string, std::deque<std::uint64_t>>; // link-downs, wall-clock seconds
+auto &nicStates = *new std::map<std::string, std::uint32_t>; // bits of VmnicStateType; none has no entry
+auto &pendingTimeouts = *new std::multimap<std::string, VmnicAlarmInfo>; // a NIC's in order of arrival
+auto &flapHistory =
+    *new std::map<std::string, std::vector<std::uint64_t>>; // link-downs, wall-clock seconds
 
 int wakePipe[2] = {-1, -1}; // fixed before the alarm is first armed
 int wakeAlarm = -1;         // likewise
@@ -117,105 +84,33 @@ std::uint32_t armedFor = 0; // seconds that the alarm was last armed for
 std::uint64_t armedAt = 0;  // wall-clock seconds when that was
 
 // Whether the NIC has one of these bits.
-bool HasState(const std::string &nic, std::uint32_t bits) { return (nicStates[nic] & bits) != 0; }
-
-// ---- Port groups and DVPorts: two kinds of one item -----------------------------------------------
-
-enum Loss { Connectivity, Redundancy, Degraded }; // with no uplink left, one, several
-using NamesByLoss = std::array<std::vector<std::string>, 3>;
-
-struct UplinkItem {
-    std::string name;                 // a port group's, or a DVPort's: "switch/port"
-    std::int32_t classificationCount; // uplinks left, or up again; 2 stands for several
-};
-using UplinkBatch = std::vector<UplinkItem>;
-
-struct LostItem {
-    std::string nic, item;
-};
-struct UplinkKind {
-    bool hasVirtualSwitch;                         // asked for by the batch's first item
-    std::array<std::vector<LostItem>, 2> lost{};   // by Loss: reported and not yet restored, on all NICs
-    std::vector<std::string> restoredRedundancy{}; // gathered until no redundancy is lost anywhere
-};
-
-UplinkKind &portGroups = *new UplinkKind{.hasVirtualSwitch = true};
-UplinkKind &dvPorts = *new UplinkKind{.hasVirtualSwitch = false};
-
-// KEPT: the item is looked for among the port groups also when it is a DVPort; a DVPort is forgotten by
-// its NIC alone. Looked for in its own table, a DVPort whose other uplink came up would be forgotten with
-// its first NIC still down, and connectivity would be called restored sooner than receivers expect.
-void ForgetLost(Loss loss, const std::string &nic, const std::string &item)
+bool HasState(const std::string &nic, std::uint32_t bits)
 {
-    std::erase_if(portGroups.lost[loss],
-                  [&](const auto &lost) { return lost.nic == nic || lost.item == item; });
-    std::erase_if(dvPorts.lost[loss], [&](const auto &lost) { return lost.nic == nic; });
+    const auto found = nicStates.find(nic);
+    return found != nicStates.end() && (found->second & bits) != 0;
 }
 
-bool NothingIsLost(Loss loss) { return portGroups.lost[loss].empty() && dvPorts.lost[loss].empty(); }
-
-// Of a batch's items, by Loss, what is to be posted now. What has to come back is kept in mind.
-NamesByLoss SortLost(UplinkKind &kind, const std::string &nic, const UplinkBatch &batch)
+void ClearState(const std::string &nic, std::uint32_t bits)
 {
-    NamesByLoss names;
-    for (const auto &[name, uplinksLeft] : batch) {
-        if (uplinksLeft < 0) continue;
-        const Loss loss = uplinksLeft == 0 ? Connectivity : uplinksLeft == 1 ? Redundancy : Degraded;
-        names[loss].push_back(name);
-        if (loss != Degraded) kind.lost[loss].push_back({nic, name});
+    const auto found = nicStates.find(nic);
+    if (found != nicStates.end() && (found->second &= ~bits) == 0) nicStates.erase(found);
+}
+
+UplinkBatches &BatchesOf(VmnicStateType state)
+{
+    switch (state) {
+    case PgUplinkDown:
+        return pgDownBatches;
+    case PgUplinkUp:
+        return pgUpBatches;
+    case DvPortUplinkDown:
+        return dvPortDownBatches;
+    case DvPortUplinkUp:
+        return dvPortUpBatches;
+    default:
+        Panic("Received timeout event for unknown state: %x\n", state);
     }
-    return names;
 }
-
-// The same of a batch that came up. What comes back is forgotten.
-//
-// KEPT: items whose connectivity is back are named now or never, those whose redundancy is back are named
-// when nothing is lost any more on any NIC, under the switch of the batch that brings that about.
-NamesByLoss SortRestored(UplinkKind &kind, const std::string &nic, const UplinkBatch &batch)
-{
-    NamesByLoss names;
-    for (const auto &[name, uplinksUp] : batch) {
-        if (uplinksUp < 1) continue;
-        ForgetLost(Connectivity, nic, name);
-        if (uplinksUp == 1) {
-            names[Connectivity].push_back(name);
-        } else {
-            ForgetLost(Redundancy, nic, name);
-            kind.restoredRedundancy.push_back(name);
-        }
-    }
-    if (!NothingIsLost(Connectivity)) names[Connectivity].clear();
-    if (NothingIsLost(Redundancy)) names[Redundancy].swap(kind.restoredRedundancy);
-    return names;
-}
-
-// Posts one text; each has its words in an order of its own.
-enum Word { Switch, Nic, Items };
-template <const EventText &kText, Word... kOrder> void Post(const std::array<const char *, 3> &words)
-{
-    KeldPost<kText>(words[kOrder]...);
-}
-
-// The batches of one kind and direction.
-struct UplinkBatches {
-    VmnicStateType bit; // set while the NIC's batch waits
-    UplinkKind &kind;
-    NamesByLoss (*sort)(UplinkKind &kind, const std::string &nic, const UplinkBatch &batch);
-    std::array<void (*)(const std::array<const char *, 3> &words), 3> events; // by Loss
-    std::map<std::string, UplinkBatch> byNic{};
-};
-// clang-format off
-auto &pgDownBatches = *new UplinkBatches{PgUplinkDown, portGroups, SortLost,
-    {Post<kConnectivityLost, Switch, Nic, Items>, Post<kRedundancyLost, Switch, Nic, Items>,
-     Post<kRedundancyDegraded, Switch, Nic, Items>}};
-auto &pgUpBatches = *new UplinkBatches{PgUplinkUp, portGroups, SortRestored,
-    {Post<kConnectivityRestored, Switch, Items, Nic>, Post<kRedundancyRestored, Switch, Items, Nic>}};
-auto &dvPortDownBatches = *new UplinkBatches{DvPortUplinkDown, dvPorts, SortLost,
-    {Post<kDvPortConnectivityLost, Items, Nic>, Post<kDvPortRedundancyLost, Items, Nic>,
-     Post<kDvPortRedundancyDegraded, Items, Nic>}};
-auto &dvPortUpBatches = *new UplinkBatches{DvPortUplinkUp, dvPorts, SortRestored,
-    {Post<kDvPortConnectivityRestored, Items, Nic>, Post<kDvPortRedundancyRestored, Items, Nic>}};
-// clang-format on
 
 // ---- Scheduling -----------------------------------------------------------------------------------
 
@@ -243,47 +138,19 @@ void ScheduleUplinkTimeout(std::uint32_t delay, const std::string &nic, VmnicSta
 }
 
 // Opens the NIC's batch with a time of its own, or joins the open one.
-void JoinBatch(UplinkBatches &batches, const std::string &nic, const std::string &name, std::int32_t count)
+void JoinBatch(VmnicStateType state, const std::string &nic, const std::string &item, std::int32_t count)
 {
-    if (!batches.byNic.contains(nic)) ScheduleUplinkTimeout(kTransitionDelaySeconds, nic, batches.bit);
-    batches.byNic[nic].push_back({name, count});
+    UplinkBatches &batches = BatchesOf(state);
+    if (!HasBatch(batches, nic)) ScheduleUplinkTimeout(kTransitionDelaySeconds, nic, state);
+    AddToBatch(batches, nic, item, count);
 }
 
 // ---- What comes due -------------------------------------------------------------------------------
 
-// The virtual switch of a port group; empty when it cannot be found.
-std::string VirtualSwitchOf(const std::string &portGroup)
+void Report(VmnicStateType state, const std::string &nic)
 {
-    try {
-        return NodeAdm::Network::NetworkFactory::GetPortGroupByName(portGroup)->GetVirtualSwitchName();
-    } catch (const std::exception &) {
-        return {};
-    }
-}
-
-// Reports the NIC's batch, and forgets it.
-void Report(UplinkBatches &batches, const std::string &nic)
-{
-    const auto batch = batches.byNic.find(nic);
-    if (batch == batches.byNic.end()) return;
-    nicStates[nic] &= ~batches.bit;
-    std::string virtualSwitch;
-    if (batches.kind.hasVirtualSwitch) {
-        virtualSwitch = VirtualSwitchOf(batch->second[0].name);
-        // KEPT: the batch stays, without its bit and without a time: later transitions of the NIC join it
-        // and are not reported. The NIC's link states, which the bit held back, carry the news from here
-        // on; dropping the batch would report both.
-        if (virtualSwitch.empty()) return;
-    }
-    const NamesByLoss names = batches.sort(batches.kind, nic, batch->second);
-    for (const Loss loss : {Connectivity, Redundancy, Degraded}) {
-        if (names[loss].empty()) continue;
-        std::string items = names[loss][0];
-        for (std::size_t i = 1; i < names[loss].size(); ++i)
-            items += ", " + names[loss][i];
-        batches.events[loss]({virtualSwitch.c_str(), nic.c_str(), items.c_str()});
-    }
-    batches.byNic.erase(batch);
+    ClearState(nic, state);
+    ReportBatch(BatchesOf(state), nic);
 }
 
 // A driver that resets its NIC takes the link down and up: when both wait, it was a transient failure and
@@ -299,9 +166,9 @@ void ResolveWatchdogTimeout(const std::string &nic)
     if (!downPending) return;
     if (!upPending) {
         if (HasState(nic, PgUplinkDown))
-            Report(pgDownBatches, nic);
+            Report(PgUplinkDown, nic);
         else if (HasState(nic, DvPortUplinkDown))
-            Report(dvPortDownBatches, nic);
+            Report(DvPortUplinkDown, nic);
         else if (HasState(nic, LinkDown))
             KeldPost<kLinkStateDown>(nic.c_str());
         else
@@ -309,41 +176,31 @@ void ResolveWatchdogTimeout(const std::string &nic)
         return;
     }
     if (HasState(nic, PgUplinkDown))
-        pgDownBatches.byNic.erase(nic);
+        DropBatch(pgDownBatches, nic);
     else if (HasState(nic, DvPortUplinkDown))
-        dvPortDownBatches.byNic.erase(nic);
-    if (HasState(nic, PgUplinkUp)) pgUpBatches.byNic.erase(nic);
+        DropBatch(dvPortDownBatches, nic);
+    if (HasState(nic, PgUplinkUp)) DropBatch(pgUpBatches, nic);
     // KEPT: removes from dvPortDownBatches again, not from dvPortUpBatches; that batch reports itself
     // when its own timeout comes due, so that what had been lost before the reset is called restored.
     else if (HasState(nic, DvPortUplinkUp))
-        dvPortDownBatches.byNic.erase(nic);
-    nicStates[nic] = 0;
+        DropBatch(dvPortDownBatches, nic);
+    nicStates.erase(nic);
     KeldPost<kWatchdogReset>(nic.c_str());
 }
 
 void HandleDue(const std::string &nic, VmnicStateType state)
 {
     if (state == WatchdogTimeout) return ResolveWatchdogTimeout(nic);
-    if (state == LinkDown || state == LinkUp) nicStates[nic] &= ~state;
+    if (state == LinkDown || state == LinkUp) ClearState(nic, state);
     // While a watchdog timeout stands, batches wait for it with their bits, and link states go unreported.
     if (HasState(nic, WatchdogTimeout)) return;
-    switch (state) {
-    case PgUplinkDown:
-        return Report(pgDownBatches, nic);
-    case PgUplinkUp:
-        return Report(pgUpBatches, nic);
-    case DvPortUplinkDown:
-        return Report(dvPortDownBatches, nic);
-    case DvPortUplinkUp:
-        return Report(dvPortUpBatches, nic);
-    case LinkDown: // unless a batch of its direction carries the news
+    // A link state is reported unless a batch of its direction carries the news.
+    if (state == LinkDown) {
         if (!HasState(nic, PgUplinkDown | DvPortUplinkDown)) KeldPost<kLinkStateDown>(nic.c_str());
-        return;
-    case LinkUp:
+    } else if (state == LinkUp) {
         if (!HasState(nic, PgUplinkUp | DvPortUplinkUp)) KeldPost<kLinkStateUp>(nic.c_str());
-        return;
-    default:
-        Panic("Received timeout event for unknown state: %x\n", state);
+    } else {
+        Report(state, nic);
     }
 }
 
@@ -353,10 +210,11 @@ void HandleDue(const std::string &nic, VmnicStateType state)
 void CheckLinkFlapping(const std::string &nic)
 {
     const std::uint64_t now = KeldNowSeconds();
-    std::deque<std::uint64_t> &history = flapHistory[nic];
+    std::vector<std::uint64_t> &history = flapHistory[nic];
     history.push_back(now);
-    while (!history.empty() && history.front() < now - kFlapWindowSeconds)
-        history.pop_front();
+    history.erase(history.begin(), std::ranges::find_if(history, [&](std::uint64_t linkDown) {
+                      return linkDown >= now - kFlapWindowSeconds;
+                  }));
 
     std::uint64_t threshold = 0;
     try {
@@ -371,7 +229,7 @@ void CheckLinkFlapping(const std::string &nic)
     linkFlapping.AddInput(1);
     if (linkFlapping.Set() != KNX_OK) return;
     KeldPost<kLinkFlapping>(nic.c_str());
-    history.clear();
+    flapHistory.erase(nic);
 }
 
 // ---- Observations ---------------------------------------------------------------------------------
@@ -388,7 +246,7 @@ void KeldNetCorrelatorPgDown(Kel *kel)
     const char *nic = nullptr, *portGroup = nullptr;
     std::int32_t uplinksLeft = 0, uplinks = 0;
     if (KeldRead<kPortGroupDown>(kel, &nic, &portGroup, &uplinksLeft, &uplinks) != 0) return;
-    JoinBatch(pgDownBatches, nic, portGroup, uplinksLeft);
+    JoinBatch(PgUplinkDown, nic, portGroup, uplinksLeft);
 }
 
 void KeldNetCorrelatorPgUp(Kel *kel)
@@ -396,7 +254,7 @@ void KeldNetCorrelatorPgUp(Kel *kel)
     const char *nic = nullptr, *portGroup = nullptr;
     std::int32_t uplinksUp = 0;
     if (KeldRead<kPortGroupUp>(kel, &nic, &portGroup, &uplinksUp) != 0) return;
-    JoinBatch(pgUpBatches, nic, portGroup, uplinksUp);
+    JoinBatch(PgUplinkUp, nic, portGroup, uplinksUp);
 }
 
 void KeldNetCorrelatorDvPortDown(Kel *kel)
@@ -404,7 +262,7 @@ void KeldNetCorrelatorDvPortDown(Kel *kel)
     const char *nic = nullptr, *dvSwitch = nullptr, *port = nullptr;
     std::int32_t uplinksLeft = 0, uplinks = 0;
     if (KeldRead<kDvPortDown>(kel, &nic, &dvSwitch, &port, &uplinksLeft, &uplinks) != 0) return;
-    JoinBatch(dvPortDownBatches, nic, std::string(dvSwitch) + "/" + port, uplinksLeft);
+    JoinBatch(DvPortUplinkDown, nic, std::string(dvSwitch) + "/" + port, uplinksLeft);
 }
 
 void KeldNetCorrelatorDvPortUp(Kel *kel)
@@ -412,7 +270,7 @@ void KeldNetCorrelatorDvPortUp(Kel *kel)
     const char *nic = nullptr, *dvSwitch = nullptr, *port = nullptr;
     std::int32_t uplinksUp = 0;
     if (KeldRead<kDvPortUp>(kel, &nic, &dvSwitch, &port, &uplinksUp) != 0) return;
-    JoinBatch(dvPortUpBatches, nic, std::string(dvSwitch) + "/" + port, uplinksUp);
+    JoinBatch(DvPortUplinkUp, nic, std::string(dvSwitch) + "/" + port, uplinksUp);
 }
 
 void KeldNetCorrelatorLinkDown(Kel *kel)
