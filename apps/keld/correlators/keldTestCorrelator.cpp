@@ -340,6 +340,7 @@ void KeldTestCorrelatorCheck(Kel *kel)
         return;
     }
     Say("INFO: Got kel: %s\n", id);
+    KeldSay(KeldFate::Noted, "checked; told on standard output");
     (void)KeldAlarmSet(state.alarm, kKeldAlarmOneShot, 0);
     for (const Marker &marker : kMarkers) {
         if (!Kel_IsID(id, marker.id)) continue;
