@@ -1,8 +1,8 @@
 // Uplink tracking.
 //
 // Arrives    bursts: one transition per port group or DVPort of a NIC, a link state, a watchdog timeout.
-// Remembers  per NIC: seven state bits, link-downs of the last minute, the waiting batches; across all
-//            NICs what was reported lost (keldUplinkBatch.cpp).
+// Remembers  per NIC: seven state bits, link-downs of the last minute (keldLinkFlapping.cpp), the waiting
+//            batches; across all NICs what was reported lost (keldUplinkBatch.cpp).
 // Posts      connectivity and redundancy lost, degraded, restored; link states; watchdog reset; flapping.
 // Time       2 s for transitions, 1 s for link states, 7 s for the watchdog; one alarm for all of it.
 //
@@ -11,22 +11,18 @@
 #include "keldUplink.h"
 
 #include "keldAlarm.h"
+#include "keldLinkFlapping.h"
 #include "keldUplinkBatch.h"
-
-#include <knxctl/advancedOption.h>
-#include <knxctl/sysinfo.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <exception>
 #include <fcntl.h>
 #include <map>
 #include <optional>
 #include <string>
 #include <unistd.h>
-#include <vector>
 
 using namespace KeldUplink;
 
@@ -35,7 +31,6 @@ namespace {
 constexpr std::uint32_t kTransitionDelaySeconds = 2;
 constexpr std::uint32_t kLinkStateDelaySeconds = 1;
 constexpr std::uint32_t kWatchdogDelaySeconds = 7;
-constexpr std::uint64_t kFlapWindowSeconds = 60;
 
 // clang-format off
 constexpr EventText kLinkStateUp(
@@ -47,9 +42,6 @@ constexpr EventText kLinkStateDown(
 // nothing that a clear could end.
 constexpr EventText kWatchdogReset(
     "@&!*@*@(nox.problem.net.vmnic.watchdog.reset)Uplink %s has recovered from a transient failure due to watchdog timeout",
-    "*nic");
-constexpr EventText kLinkFlapping(
-    "@&!*@*@(nox.problem.net.vmnic.linkstate.flapping)Taking down physical NIC %s because the link is flapping.",
     "*nic");
 // clang-format on
 
@@ -70,13 +62,12 @@ struct VmnicAlarmInfo {
     VmnicStateType state;
     std::uint32_t delay;     // seconds
     std::uint64_t timeStamp; // wall-clock seconds when it was scheduled
+    KeldOrigin origin;       // of a link state or watchdog timeout; what a batch holds has its own
 };
 
 // Keyed by the NIC's name, byte for byte as received.
 auto &nicStates = *new std::map<std::string, std::uint32_t>; // bits of VmnicStateType; none has no entry
 auto &pendingTimeouts = *new std::multimap<std::string, VmnicAlarmInfo>; // a NIC's in order of arrival
-auto &flapHistory =
-    *new std::map<std::string, std::vector<std::uint64_t>>; // link-downs, wall-clock seconds
 
 int wakePipe[2] = {-1, -1}; // fixed before the alarm is first armed
 int wakeAlarm = -1;         // likewise
@@ -122,7 +113,8 @@ void ArmAlarm(std::uint32_t seconds, std::uint64_t now)
     (void)KeldAlarmSet(wakeAlarm, kKeldAlarmOneShot, armedFor);
 }
 
-void ScheduleUplinkTimeout(std::uint32_t delay, const std::string &nic, VmnicStateType state)
+// Gives when it is due, for the present observation.
+KeldTimeOfDay ScheduleUplinkTimeout(std::uint32_t delay, const std::string &nic, VmnicStateType state)
 {
     const std::uint64_t now = KeldNowSeconds();
     nicStates[nic] |= state;
@@ -134,7 +126,8 @@ void ScheduleUplinkTimeout(std::uint32_t delay, const std::string &nic, VmnicSta
         ArmAlarm(delay, now);
     else if (candidate < armedFor)
         ArmAlarm(candidate, now);
-    pendingTimeouts.insert({nic, {state, delay, now}});
+    pendingTimeouts.insert({nic, {state, delay, now, KeldPresent()}});
+    return KeldTimeOfDay(now + delay);
 }
 
 // Opens the NIC's batch with a time of its own, or joins the open one.
@@ -142,15 +135,50 @@ void JoinBatch(VmnicStateType state, const std::string &nic, const std::string &
 {
     UplinkBatches &batches = BatchesOf(state);
     if (!HasBatch(batches, nic)) ScheduleUplinkTimeout(kTransitionDelaySeconds, nic, state);
-    AddToBatch(batches, nic, item, count);
+    const std::size_t size = AddToBatch(batches, nic, item, count);
+    const auto [first, last] = pendingTimeouts.equal_range(nic);
+    const auto due =
+        std::find_if(first, last, [&](const auto &pending) { return pending.second.state == state; });
+    if (due == last)
+        return KeldSay(KeldFate::Gathered, "number %zu of a batch of %s that has missed its time", size,
+                       nic.c_str());
+    KeldSay(KeldFate::Gathered, "number %zu of a batch of %s, due at %s", size, nic.c_str(),
+            KeldTimeOfDay(due->second.timeStamp + due->second.delay).text);
 }
 
 // ---- What comes due -------------------------------------------------------------------------------
+
+// Of a link state or a watchdog timeout that was gathered: what became of it, or an event about its NIC.
+void Tell(KeldOrigin origin, KeldOutcome outcome, const char *why, const std::string &nic)
+{
+    KeldOrigins origins;
+    origins.Add(origin);
+    origins.Became(outcome, "%s: %s", nic.c_str(), why);
+}
+template <const EventText &kText> void PostOf(KeldOrigin origin, const std::string &nic)
+{
+    KeldOrigins origins;
+    origins.Add(origin);
+    KeldPost<kText>(nic.c_str());
+}
 
 void Report(VmnicStateType state, const std::string &nic)
 {
     ClearState(nic, state);
     ReportBatch(BatchesOf(state), nic);
+}
+
+// Of what waits, that which is reported of a NIC that went down and did not come up.
+void ReportDown(const std::string &nic, KeldOrigin watchdog)
+{
+    if (HasState(nic, PgUplinkDown))
+        Report(PgUplinkDown, nic);
+    else if (HasState(nic, DvPortUplinkDown))
+        Report(DvPortUplinkDown, nic);
+    else if (HasState(nic, LinkDown))
+        PostOf<kLinkStateDown>(watchdog, nic);
+    else
+        Panic("Unknown state: %x\n", nicStates[nic]);
 }
 
 // A driver that resets its NIC takes the link down and up: when both wait, it was a transient failure and
@@ -159,77 +187,59 @@ void Report(VmnicStateType state, const std::string &nic)
 // KEPT: only that outcome clears WatchdogTimeout. After the others the NIC's later batches and link
 // states are held, until another watchdog timeout of it is resolved: a NIC whose watchdog has fired and
 // that has not recovered is not to be reported up and down by its own resets.
-void ResolveWatchdogTimeout(const std::string &nic)
+void ResolveWatchdogTimeout(const std::string &nic, KeldOrigin origin)
 {
     const bool downPending = HasState(nic, PgUplinkDown | DvPortUplinkDown | LinkDown);
     const bool upPending = HasState(nic, PgUplinkUp | DvPortUplinkUp | LinkUp);
-    if (!downPending) return;
-    if (!upPending) {
-        if (HasState(nic, PgUplinkDown))
-            Report(PgUplinkDown, nic);
-        else if (HasState(nic, DvPortUplinkDown))
-            Report(DvPortUplinkDown, nic);
-        else if (HasState(nic, LinkDown))
-            KeldPost<kLinkStateDown>(nic.c_str());
-        else
-            Panic("Unknown state: %x\n", nicStates[nic]);
+    if (!downPending || !upPending) {
+        Tell(origin, KeldOutcome::StillOpen, "no transient failure, held until a later timeout is one",
+             nic);
+        if (downPending) ReportDown(nic, origin);
         return;
     }
+    constexpr const char *kWhy = "a transient failure";
     if (HasState(nic, PgUplinkDown))
-        DropBatch(pgDownBatches, nic);
+        DropBatch(pgDownBatches, nic, kWhy);
     else if (HasState(nic, DvPortUplinkDown))
-        DropBatch(dvPortDownBatches, nic);
-    if (HasState(nic, PgUplinkUp)) DropBatch(pgUpBatches, nic);
+        DropBatch(dvPortDownBatches, nic, kWhy);
+    if (HasState(nic, PgUplinkUp)) DropBatch(pgUpBatches, nic, kWhy);
     // KEPT: removes from dvPortDownBatches again, not from dvPortUpBatches; that batch reports itself
     // when its own timeout comes due, so that what had been lost before the reset is called restored.
     else if (HasState(nic, DvPortUplinkUp))
-        DropBatch(dvPortDownBatches, nic);
+        DropBatch(dvPortDownBatches, nic, kWhy);
     nicStates.erase(nic);
-    KeldPost<kWatchdogReset>(nic.c_str());
+    PostOf<kWatchdogReset>(origin, nic);
 }
 
-void HandleDue(const std::string &nic, VmnicStateType state)
+// A link state is reported unless a batch of its direction carries the news.
+template <const EventText &kText>
+void ReportLinkState(const std::string &nic, KeldOrigin origin, std::uint32_t batchBits)
 {
-    if (state == WatchdogTimeout) return ResolveWatchdogTimeout(nic);
-    if (state == LinkDown || state == LinkUp) ClearState(nic, state);
-    // While a watchdog timeout stands, batches wait for it with their bits, and link states go unreported.
-    if (HasState(nic, WatchdogTimeout)) return;
-    // A link state is reported unless a batch of its direction carries the news.
-    if (state == LinkDown) {
-        if (!HasState(nic, PgUplinkDown | DvPortUplinkDown)) KeldPost<kLinkStateDown>(nic.c_str());
-    } else if (state == LinkUp) {
-        if (!HasState(nic, PgUplinkUp | DvPortUplinkUp)) KeldPost<kLinkStateUp>(nic.c_str());
-    } else {
-        Report(state, nic);
-    }
+    if (HasState(nic, WatchdogTimeout))
+        Tell(origin, KeldOutcome::Discarded, "held by its watchdog", nic);
+    else if (HasState(nic, batchBits))
+        Tell(origin, KeldOutcome::Discarded, "a batch carries the news", nic);
+    else
+        PostOf<kText>(origin, nic);
 }
 
-// ---- Flapping -------------------------------------------------------------------------------------
-
-// Takes a NIC down whose link went down more often within a minute than the kernel's option allows.
-void CheckLinkFlapping(const std::string &nic)
+void HandleDue(const std::string &nic, VmnicStateType state, KeldOrigin origin)
 {
-    const std::uint64_t now = KeldNowSeconds();
-    std::vector<std::uint64_t> &history = flapHistory[nic];
-    history.push_back(now);
-    history.erase(history.begin(), std::ranges::find_if(history, [&](std::uint64_t linkDown) {
-                      return linkDown >= now - kFlapWindowSeconds;
-                  }));
-
-    std::uint64_t threshold = 0;
-    try {
-        threshold = KnxCtl::Adv::AdvancedIntegerOptionImpl({"Net"}, "LinkFlappingThreshold").GetValue();
-    } catch (const std::exception &) {
-        return;
+    switch (state) {
+    case WatchdogTimeout:
+        return ResolveWatchdogTimeout(nic, origin);
+    case LinkDown:
+        ClearState(nic, LinkDown);
+        return ReportLinkState<kLinkStateDown>(nic, origin, PgUplinkDown | DvPortUplinkDown);
+    case LinkUp:
+        ClearState(nic, LinkUp);
+        return ReportLinkState<kLinkStateUp>(nic, origin, PgUplinkUp | DvPortUplinkUp);
+    default: // batches wait with their bits while a watchdog timeout stands
+        if (HasState(nic, WatchdogTimeout))
+            HoldBatch(BatchesOf(state), nic, "held by its watchdog");
+        else
+            Report(state, nic);
     }
-    if (threshold == 0 || threshold >= history.size()) return; // 0: never
-
-    KnxCtl::Util::Sysinfo linkFlapping(KIF_NODE_net_pNics_linkFlapping);
-    linkFlapping.AddInstancePath(nic);
-    linkFlapping.AddInput(1);
-    if (linkFlapping.Set() != KNX_OK) return;
-    KeldPost<kLinkFlapping>(nic.c_str());
-    flapHistory.erase(nic);
 }
 
 // ---- Observations ---------------------------------------------------------------------------------
@@ -277,24 +287,30 @@ void KeldNetCorrelatorLinkDown(Kel *kel)
 {
     const char *nic = nullptr;
     if (KeldRead<kNic>(kel, &nic) != 0) return;
-    CheckLinkFlapping(nic); // may take its time
-    if (!HasState(nic, PgUplinkDown | DvPortUplinkDown))
-        ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkDown);
+    const auto [linkDowns, verdict] = CheckLinkFlapping(nic); // may take its time
+    if (HasState(nic, PgUplinkDown | DvPortUplinkDown))
+        return KeldSay(KeldFate::Ignored, "a batch of %s carries the news; %zu times down in 60 s: %s", nic,
+                       linkDowns, verdict);
+    KeldSay(KeldFate::Gathered, "due at %s; %zu times down in 60 s: %s",
+            ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkDown).text, linkDowns, verdict);
 }
 
 void KeldNetCorrelatorLinkUp(Kel *kel)
 {
     const char *nic = nullptr;
     if (KeldRead<kNic>(kel, &nic) != 0) return;
-    if (!HasState(nic, PgUplinkUp | DvPortUplinkUp))
-        ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkUp);
+    if (HasState(nic, PgUplinkUp | DvPortUplinkUp))
+        return KeldSay(KeldFate::Ignored, "a batch of %s carries the news", nic);
+    KeldSay(KeldFate::Gathered, "due at %s",
+            ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkUp).text);
 }
 
 void KeldNetCorrelatorWatchdog(Kel *kel)
 {
     const char *nic = nullptr;
     if (KeldRead<kNic>(kel, &nic) != 0) return;
-    ScheduleUplinkTimeout(kWatchdogDelaySeconds, nic, WatchdogTimeout);
+    KeldSay(KeldFate::Gathered, "due at %s; until then %s is held",
+            ScheduleUplinkTimeout(kWatchdogDelaySeconds, nic, WatchdogTimeout).text, nic);
 }
 
 } // namespace
@@ -307,7 +323,7 @@ void ProcessUplinkTimeouts()
         const auto &[nic, record] = *it;
         // Unsigned: what was scheduled before the clock stepped back is due at once.
         if (record.delay <= now - record.timeStamp) {
-            HandleDue(nic, record.state);
+            HandleDue(nic, record.state, record.origin);
             it = pendingTimeouts.erase(it);
         } else {
             const auto left = static_cast<std::uint32_t>(record.timeStamp + record.delay - now);

@@ -9,6 +9,7 @@
 #include <exception>
 #include <map>
 #include <set>
+#include <utility>
 #include <vector>
 
 using namespace KeldUplink;
@@ -18,22 +19,23 @@ namespace {
 // ---- Two kinds of one item ------------------------------------------------------------------------
 
 enum Loss { Connectivity, Redundancy, Degraded }; // with no uplink left, one, several
-using NamesByLoss = std::array<std::vector<std::string>, 3>;
 
 struct UplinkItem {
     std::string name;                 // a port group's, or a DVPort's: "switch/port"
     std::int32_t classificationCount; // uplinks left, or up again; 2 stands for several
+    KeldOrigin origin;
 };
 using UplinkBatch = std::vector<UplinkItem>;
+using ItemsByLoss = std::array<UplinkBatch, 3>;
 
 struct LostItem {
     std::string nic, item;
     auto operator<=>(const LostItem &) const = default;
 };
 struct UplinkKind {
-    bool hasVirtualSwitch;                         // asked for by the batch's first item
-    std::array<std::set<LostItem>, 2> lost{};      // by Loss: reported and not yet restored, on all NICs
-    std::vector<std::string> restoredRedundancy{}; // gathered until no redundancy is lost anywhere
+    bool hasVirtualSwitch;                    // asked for by the batch's first item
+    std::array<std::set<LostItem>, 2> lost{}; // by Loss: reported and not yet restored, on all NICs
+    UplinkBatch restoredRedundancy{};         // gathered until no redundancy is lost anywhere
 };
 
 UplinkKind &portGroups = *new UplinkKind{.hasVirtualSwitch = true};
@@ -49,41 +51,72 @@ void ForgetLost(Loss loss, const std::string &nic, const std::string &item)
     std::erase_if(dvPorts.lost[loss], [&](const auto &lost) { return lost.nic == nic; });
 }
 
-bool NothingIsLost(Loss loss) { return portGroups.lost[loss].empty() && dvPorts.lost[loss].empty(); }
+// One that is lost, of either kind; null when nothing is.
+const LostItem *StillLost(Loss loss)
+{
+    for (const UplinkKind *kind : {&portGroups, &dvPorts})
+        if (!kind->lost[loss].empty()) return &*kind->lost[loss].begin();
+    return nullptr;
+}
+
+// "redundancy is still lost: Backup, vmnic1".
+void Tell(const UplinkBatch &items, KeldOutcome outcome, const char *why, const std::string &name,
+          const std::string &nic)
+{
+    KeldOrigins origins;
+    for (const UplinkItem &item : items)
+        origins.Add(item.origin);
+    origins.Became(outcome, "%s: %s, %s", why, name.c_str(), nic.c_str());
+}
 
 // Of a batch's items, by Loss, what is to be posted now. What has to come back is kept in mind.
-NamesByLoss SortLost(UplinkKind &kind, const std::string &nic, const UplinkBatch &batch)
+ItemsByLoss SortLost(UplinkKind &kind, const std::string &nic, const UplinkBatch &batch)
 {
-    NamesByLoss names;
-    for (const auto &[name, uplinksLeft] : batch) {
-        if (uplinksLeft < 0) continue;
+    ItemsByLoss items;
+    for (const UplinkItem &item : batch) {
+        const auto &[name, uplinksLeft, origin] = item;
+        if (uplinksLeft < 0) {
+            Tell({item}, KeldOutcome::Discarded, "no number of uplinks left", name, nic);
+            continue;
+        }
         const Loss loss = uplinksLeft == 0 ? Connectivity : uplinksLeft == 1 ? Redundancy : Degraded;
-        names[loss].push_back(name);
+        items[loss].push_back(item);
         if (loss != Degraded) kind.lost[loss].insert({nic, name});
     }
-    return names;
+    return items;
 }
 
 // The same of a batch that came up. What comes back is forgotten.
 //
 // KEPT: items whose connectivity is back are named now or never, those whose redundancy is back are named
 // when nothing is lost any more on any NIC, under the switch of the batch that brings that about.
-NamesByLoss SortRestored(UplinkKind &kind, const std::string &nic, const UplinkBatch &batch)
+ItemsByLoss SortRestored(UplinkKind &kind, const std::string &nic, const UplinkBatch &batch)
 {
-    NamesByLoss names;
-    for (const auto &[name, uplinksUp] : batch) {
-        if (uplinksUp < 1) continue;
-        ForgetLost(Connectivity, nic, name);
-        if (uplinksUp == 1) {
-            names[Connectivity].push_back(name);
-        } else {
-            ForgetLost(Redundancy, nic, name);
-            kind.restoredRedundancy.push_back(name);
+    ItemsByLoss items;
+    for (const UplinkItem &item : batch) {
+        const auto &[name, uplinksUp, origin] = item;
+        if (uplinksUp < 1) {
+            Tell({item}, KeldOutcome::Discarded, "no uplink is up", name, nic);
+            continue;
         }
+        ForgetLost(Connectivity, nic, name);
+        if (uplinksUp > 1) ForgetLost(Redundancy, nic, name);
+        items[uplinksUp == 1 ? Connectivity : Redundancy].push_back(item);
     }
-    if (!NothingIsLost(Connectivity)) names[Connectivity].clear();
-    if (NothingIsLost(Redundancy)) names[Redundancy].swap(kind.restoredRedundancy);
-    return names;
+    if (const LostItem *lost = StillLost(Connectivity)) {
+        Tell(items[Connectivity], KeldOutcome::Discarded, "connectivity is still lost", lost->item,
+             lost->nic);
+        items[Connectivity].clear();
+    }
+    UplinkBatch &gathered = kind.restoredRedundancy;
+    gathered.insert(gathered.end(), items[Redundancy].begin(), items[Redundancy].end());
+    if (const LostItem *lost = StillLost(Redundancy)) {
+        Tell(items[Redundancy], KeldOutcome::StillOpen, "redundancy is still lost", lost->item, lost->nic);
+        items[Redundancy].clear();
+    } else {
+        items[Redundancy] = std::exchange(gathered, {});
+    }
+    return items;
 }
 
 // Posts one text; each has its words in an order of its own.
@@ -109,7 +142,7 @@ std::string VirtualSwitchOf(const std::string &portGroup)
 
 struct UplinkBatches {
     UplinkKind &kind;
-    NamesByLoss (*sort)(UplinkKind &kind, const std::string &nic, const UplinkBatch &batch);
+    ItemsByLoss (*sort)(UplinkKind &kind, const std::string &nic, const UplinkBatch &batch);
     std::array<void (*)(const std::array<const char *, 3> &words), 3> events; // by Loss
     std::map<std::string, UplinkBatch> byNic{};
 };
@@ -128,9 +161,12 @@ UplinkBatches &dvPortUpBatches = *new UplinkBatches{dvPorts, SortRestored,
 
 bool HasBatch(const UplinkBatches &batches, const std::string &nic) { return batches.byNic.contains(nic); }
 
-void AddToBatch(UplinkBatches &batches, const std::string &nic, const std::string &item, std::int32_t count)
+std::size_t AddToBatch(UplinkBatches &batches, const std::string &nic, const std::string &item,
+                       std::int32_t count)
 {
-    batches.byNic[nic].push_back({item, count});
+    UplinkBatch &batch = batches.byNic[nic];
+    batch.push_back({item, count, KeldPresent()});
+    return batch.size();
 }
 
 void ReportBatch(UplinkBatches &batches, const std::string &nic)
@@ -139,18 +175,36 @@ void ReportBatch(UplinkBatches &batches, const std::string &nic)
     if (batch == batches.byNic.end()) return;
     std::string virtualSwitch;
     if (batches.kind.hasVirtualSwitch) {
-        virtualSwitch = VirtualSwitchOf(batch->second[0].name);
-        if (virtualSwitch.empty()) return;
+        const std::string &first = batch->second[0].name;
+        virtualSwitch = VirtualSwitchOf(first);
+        if (virtualSwitch.empty())
+            return Tell(batch->second, KeldOutcome::StillOpen, "no virtual switch is found", first, nic);
     }
-    const NamesByLoss names = batches.sort(batches.kind, nic, batch->second);
+    const ItemsByLoss items = batches.sort(batches.kind, nic, batch->second);
     for (const Loss loss : {Connectivity, Redundancy, Degraded}) {
-        if (names[loss].empty()) continue;
-        std::string items = names[loss][0];
-        for (std::size_t i = 1; i < names[loss].size(); ++i)
-            items += ", " + names[loss][i];
-        batches.events[loss]({virtualSwitch.c_str(), nic.c_str(), items.c_str()});
+        if (items[loss].empty()) continue;
+        KeldOrigins origins;
+        std::string names;
+        for (const UplinkItem &item : items[loss]) {
+            names += (names.empty() ? "" : ", ") + item.name;
+            origins.Add(item.origin);
+        }
+        batches.events[loss]({virtualSwitch.c_str(), nic.c_str(), names.c_str()});
     }
     batches.byNic.erase(batch);
 }
 
-void DropBatch(UplinkBatches &batches, const std::string &nic) { batches.byNic.erase(nic); }
+void HoldBatch(const UplinkBatches &batches, const std::string &nic, const char *why)
+{
+    const auto batch = batches.byNic.find(nic);
+    if (batch != batches.byNic.end())
+        Tell(batch->second, KeldOutcome::StillOpen, why, batch->second[0].name, nic);
+}
+
+void DropBatch(UplinkBatches &batches, const std::string &nic, const char *why)
+{
+    const auto batch = batches.byNic.find(nic);
+    if (batch == batches.byNic.end()) return;
+    Tell(batch->second, KeldOutcome::Discarded, why, batch->second[0].name, nic);
+    batches.byNic.erase(batch);
+}

@@ -3,6 +3,7 @@
 #ifndef KELD_UPLINKBATCH_H
 #define KELD_UPLINKBATCH_H
 
+#include "keldFate.h"
 #include "keldTranslation.h"
 
 #include <string>
@@ -59,19 +60,22 @@ extern UplinkBatches &pgDownBatches, &pgUpBatches, &dvPortDownBatches, &dvPortUp
 
 bool HasBatch(const UplinkBatches &batches, const std::string &nic);
 
-// Adds a port group, or a DVPort ("switch/port"), to the NIC's batch, and opens that where there is none.
-// The count is of uplinks that are left, or up again; 2 stands for several.
-void AddToBatch(UplinkBatches &batches, const std::string &nic, const std::string &item,
-                std::int32_t count);
+// Adds a port group, or a DVPort ("switch/port"), to the NIC's batch, and opens that where there is none,
+// for the present observation. The count is of uplinks that are left, or up again; 2 stands for several.
+// Gives how many the batch holds.
+std::size_t AddToBatch(UplinkBatches &batches, const std::string &nic, const std::string &item,
+                       std::int32_t count);
 
-// Posts what the NIC's batch tells, and forgets it; nothing without a batch.
+// Posts what the NIC's batch tells, and forgets it; nothing without a batch. What is not posted has its
+// outcome said.
 //
 // KEPT: a batch whose virtual switch cannot be found is neither posted nor forgotten: later transitions of
 // the NIC join it and are not reported. The NIC's link states, which it held back, carry the news from
 // here on; dropping the batch would report both.
 void ReportBatch(UplinkBatches &batches, const std::string &nic);
 
-// Forgets the NIC's batch, if there is one.
-void DropBatch(UplinkBatches &batches, const std::string &nic);
+// Says why the NIC's batch, if there is one, is not reported; Drop forgets it.
+void HoldBatch(const UplinkBatches &batches, const std::string &nic, const char *why);
+void DropBatch(UplinkBatches &batches, const std::string &nic, const char *why);
 
 #endif
