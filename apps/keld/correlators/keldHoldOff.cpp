@@ -11,11 +11,8 @@ bool KeldHoldOffRule::IsOver(const std::string &key, std::uint64_t begunSeconds,
                           : passed > seconds || (passed == seconds && atItsEnd == KeldRepeat::Posts);
     if (over) return true;
     const KeldTimeOfDay end((renewed ? nowSeconds : begunSeconds) + seconds);
-    KeldSay(KeldFate::HeldBack, "within %u s of the last one%s%s; posts again %s %s", seconds,
-            key.empty() ? "" : " for ", key.c_str(),
-            renewed                         ? "when quiet until after"
-            : atItsEnd == KeldRepeat::Posts ? "from"
-                                            : "after",
-            end.text);
+    KeldSay(KeldFate::HeldBack, "within %u s of the last one%s%s; posts again %s %s%s", seconds,
+            key.empty() ? "" : " for ", key.c_str(), atItsEnd == KeldRepeat::Posts ? "from" : "after",
+            end.text, renewed ? ", if quiet until then" : "");
     return false;
 }

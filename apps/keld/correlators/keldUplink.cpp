@@ -140,7 +140,7 @@ void JoinBatch(VmnicStateType state, const std::string &nic, const std::string &
     const auto due =
         std::find_if(first, last, [&](const auto &pending) { return pending.second.state == state; });
     if (due == last)
-        return KeldSay(KeldFate::Gathered, "number %zu of a batch of %s that has missed its time", size,
+        return KeldSay(KeldFate::Gathered, "number %zu of a batch of %s, which has missed its time", size,
                        nic.c_str());
     KeldSay(KeldFate::Gathered, "number %zu of a batch of %s, due at %s", size, nic.c_str(),
             KeldTimeOfDay(due->second.timeStamp + due->second.delay).text);
@@ -192,8 +192,8 @@ void ResolveWatchdogTimeout(const std::string &nic, KeldOrigin origin)
     const bool downPending = HasState(nic, PgUplinkDown | DvPortUplinkDown | LinkDown);
     const bool upPending = HasState(nic, PgUplinkUp | DvPortUplinkUp | LinkUp);
     if (!downPending || !upPending) {
-        Tell(origin, KeldOutcome::StillOpen, "no transient failure, held until a later timeout is one",
-             nic);
+        Tell(origin, KeldOutcome::StillOpen,
+             "no transient failure; held until a later watchdog timeout is one", nic);
         if (downPending) ReportDown(nic, origin);
         return;
     }
@@ -289,9 +289,9 @@ void KeldNetCorrelatorLinkDown(Kel *kel)
     if (KeldRead<kNic>(kel, &nic) != 0) return;
     const auto [linkDowns, verdict] = CheckLinkFlapping(nic); // may take its time
     if (HasState(nic, PgUplinkDown | DvPortUplinkDown))
-        return KeldSay(KeldFate::Ignored, "a batch of %s carries the news; %zu times down in 60 s: %s", nic,
-                       linkDowns, verdict);
-    KeldSay(KeldFate::Gathered, "due at %s; %zu times down in 60 s: %s",
+        return KeldSay(KeldFate::Ignored, "a batch of %s carries the news; link-downs in 60 s: %zu, %s",
+                       nic, linkDowns, verdict);
+    KeldSay(KeldFate::Gathered, "due at %s; link-downs in 60 s: %zu, %s",
             ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkDown).text, linkDowns, verdict);
 }
 
