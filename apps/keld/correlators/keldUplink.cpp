@@ -1,28 +1,21 @@
 // Uplink tracking.
 //
 // Arrives    bursts: one transition per port group or DVPort of a NIC, a link state, a watchdog timeout.
-// Remembers  per NIC: seven state bits, link-downs of the last minute (keldLinkFlapping.cpp), the waiting
-//            batches; across all NICs what was reported lost (keldUplinkBatch.cpp).
+// Remembers  per NIC: seven state bits, what waits for its time (keldUplinkTimeout.cpp), link-downs of the
+//            last minute (keldLinkFlapping.cpp); batches, and what was reported lost (keldUplinkBatch.cpp).
 // Posts      connectivity and redundancy lost, degraded, restored; link states; watchdog reset; flapping.
 // Time       2 s for transitions, 1 s for link states, 7 s for the watchdog; one alarm for all of it.
-//
-// The alarm handler, on the alarm thread, only writes to the wake pipe; all else is the Net agent's.
 
 #include "keldUplink.h"
 
-#include "keldAlarm.h"
 #include "keldLinkFlapping.h"
 #include "keldUplinkBatch.h"
+#include "keldUplinkTimeout.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <cstdint>
-#include <cstring>
-#include <fcntl.h>
 #include <map>
 #include <optional>
 #include <string>
-#include <unistd.h>
 
 using namespace KeldUplink;
 
@@ -45,34 +38,11 @@ constexpr EventText kWatchdogReset(
     "*nic");
 // clang-format on
 
-// ---- What is remembered, for the life of the process ----------------------------------------------
+// ---- State bits -----------------------------------------------------------------------------------
 
-// What waits for its time, of one NIC.
-enum VmnicStateType : std::uint32_t {
-    PgUplinkDown = 0x01,     // a batch of port groups that lost an uplink
-    PgUplinkUp = 0x02,       // a batch of port groups that got one back
-    DvPortUplinkDown = 0x04, // the same of DVPorts
-    DvPortUplinkUp = 0x08,
-    LinkDown = 0x10, // a link state
-    LinkUp = 0x20,
-    WatchdogTimeout = 0x40, // a watchdog timeout that was not yet found to be a transient failure
-};
-
-struct VmnicAlarmInfo {
-    VmnicStateType state;
-    std::uint32_t delay;     // seconds
-    std::uint64_t timeStamp; // wall-clock seconds when it was scheduled
-    KeldOrigin origin;       // of a link state or watchdog timeout; what a batch holds has its own
-};
-
-// Keyed by the NIC's name, byte for byte as received.
-auto &nicStates = *new std::map<std::string, std::uint32_t>; // bits of VmnicStateType; none has no entry
-auto &pendingTimeouts = *new std::multimap<std::string, VmnicAlarmInfo>; // a NIC's in order of arrival
-
-int wakePipe[2] = {-1, -1}; // fixed before the alarm is first armed
-int wakeAlarm = -1;         // likewise
-std::uint32_t armedFor = 0; // seconds that the alarm was last armed for
-std::uint64_t armedAt = 0;  // wall-clock seconds when that was
+// Of VmnicStateType, by the NIC's name, byte for byte as received; one without bits has no entry. For the
+// life of the process.
+auto &nicStates = *new std::map<std::string, std::uint32_t>;
 
 // Whether the NIC has one of these bits.
 bool HasState(const std::string &nic, std::uint32_t bits)
@@ -86,6 +56,15 @@ void ClearState(const std::string &nic, std::uint32_t bits)
     const auto found = nicStates.find(nic);
     if (found != nicStates.end() && (found->second &= ~bits) == 0) nicStates.erase(found);
 }
+
+// Sets the bit, and has it handled after the delay. Gives when that is due.
+KeldTimeOfDay WaitFor(std::uint32_t delaySeconds, const std::string &nic, VmnicStateType state)
+{
+    nicStates[nic] |= state;
+    return KeldTimeOfDay(ScheduleUplinkTimeout(delaySeconds, nic, state));
+}
+
+// ---- What arrives ---------------------------------------------------------------------------------
 
 UplinkBatches &BatchesOf(VmnicStateType state)
 {
@@ -103,47 +82,18 @@ UplinkBatches &BatchesOf(VmnicStateType state)
     }
 }
 
-// ---- Scheduling -----------------------------------------------------------------------------------
-
-void ArmAlarm(std::uint32_t seconds, std::uint64_t now)
-{
-    // 0 would disarm: after a step of the clock no record would ever come due again.
-    armedFor = std::max(seconds, std::uint32_t{1});
-    armedAt = now;
-    (void)KeldAlarmSet(wakeAlarm, kKeldAlarmOneShot, armedFor);
-}
-
-// Gives when it is due, for the present observation.
-KeldTimeOfDay ScheduleUplinkTimeout(std::uint32_t delay, const std::string &nic, VmnicStateType state)
-{
-    const std::uint64_t now = KeldNowSeconds();
-    nicStates[nic] |= state;
-    // KEPT: reckoned from when the alarm was armed, but armed from now, in 32 unsigned bits. The pass takes
-    // all that is due by then, so that a record is reported late by as long as the alarm has been running,
-    // and never lost; an exact remainder would move events to other seconds.
-    const auto candidate = static_cast<std::uint32_t>(delay - armedAt + now);
-    if (pendingTimeouts.empty())
-        ArmAlarm(delay, now);
-    else if (candidate < armedFor)
-        ArmAlarm(candidate, now);
-    pendingTimeouts.insert({nic, {state, delay, now, KeldPresent()}});
-    return KeldTimeOfDay(now + delay);
-}
-
 // Opens the NIC's batch with a time of its own, or joins the open one.
 void JoinBatch(VmnicStateType state, const std::string &nic, const std::string &item, std::int32_t count)
 {
     UplinkBatches &batches = BatchesOf(state);
-    if (!HasBatch(batches, nic)) ScheduleUplinkTimeout(kTransitionDelaySeconds, nic, state);
+    if (!HasBatch(batches, nic)) WaitFor(kTransitionDelaySeconds, nic, state);
     const std::size_t size = AddToBatch(batches, nic, item, count);
-    const auto [first, last] = pendingTimeouts.equal_range(nic);
-    const auto due =
-        std::find_if(first, last, [&](const auto &pending) { return pending.second.state == state; });
-    if (due == last)
-        return KeldSay(KeldFate::Gathered, "number %zu of a batch of %s, which has missed its time", size,
-                       nic.c_str());
-    KeldSay(KeldFate::Gathered, "number %zu of a batch of %s, due at %s", size, nic.c_str(),
-            KeldTimeOfDay(due->second.timeStamp + due->second.delay).text);
+    if (const std::optional<std::uint64_t> due = UplinkTimeoutDue(nic, state))
+        KeldSay(KeldFate::Gathered, "number %zu of a batch of %s, due at %s", size, nic.c_str(),
+                KeldTimeOfDay(*due).text);
+    else
+        KeldSay(KeldFate::Gathered, "number %zu of a batch of %s, which has missed its time", size,
+                nic.c_str());
 }
 
 // ---- What comes due -------------------------------------------------------------------------------
@@ -292,7 +242,7 @@ void KeldNetCorrelatorLinkDown(Kel *kel)
         return KeldSay(KeldFate::Ignored, "a batch of %s carries the news; link-downs in 60 s: %zu, %s",
                        nic, linkDowns, verdict);
     KeldSay(KeldFate::Gathered, "due at %s; link-downs in 60 s: %zu, %s",
-            ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkDown).text, linkDowns, verdict);
+            WaitFor(kLinkStateDelaySeconds, nic, LinkDown).text, linkDowns, verdict);
 }
 
 void KeldNetCorrelatorLinkUp(Kel *kel)
@@ -301,8 +251,7 @@ void KeldNetCorrelatorLinkUp(Kel *kel)
     if (KeldRead<kNic>(kel, &nic) != 0) return;
     if (HasState(nic, PgUplinkUp | DvPortUplinkUp))
         return KeldSay(KeldFate::Ignored, "a batch of %s carries the news", nic);
-    KeldSay(KeldFate::Gathered, "due at %s",
-            ScheduleUplinkTimeout(kLinkStateDelaySeconds, nic, LinkUp).text);
+    KeldSay(KeldFate::Gathered, "due at %s", WaitFor(kLinkStateDelaySeconds, nic, LinkUp).text);
 }
 
 void KeldNetCorrelatorWatchdog(Kel *kel)
@@ -310,39 +259,12 @@ void KeldNetCorrelatorWatchdog(Kel *kel)
     const char *nic = nullptr;
     if (KeldRead<kNic>(kel, &nic) != 0) return;
     KeldSay(KeldFate::Gathered, "due at %s; until then %s is held",
-            ScheduleUplinkTimeout(kWatchdogDelaySeconds, nic, WatchdogTimeout).text, nic);
+            WaitFor(kWatchdogDelaySeconds, nic, WatchdogTimeout).text, nic);
 }
 
 } // namespace
 
-void ProcessUplinkTimeouts()
-{
-    const std::uint64_t now = KeldNowSeconds();
-    std::optional<std::uint32_t> remaining;
-    for (auto it = pendingTimeouts.begin(); it != pendingTimeouts.end();) {
-        const auto &[nic, record] = *it;
-        // Unsigned: what was scheduled before the clock stepped back is due at once.
-        if (record.delay <= now - record.timeStamp) {
-            HandleDue(nic, record.state, record.origin);
-            it = pendingTimeouts.erase(it);
-        } else {
-            const auto left = static_cast<std::uint32_t>(record.timeStamp + record.delay - now);
-            remaining = std::min(remaining.value_or(left), left);
-            ++it;
-        }
-    }
-    if (remaining) ArmAlarm(*remaining, now);
-}
-
-int KeldUplinkInit()
-{
-    // On the alarm thread; sent with its NUL, and what it says does not matter.
-    wakeAlarm = KeldAlarmRegister([] { (void)!write(wakePipe[1], "foo", sizeof "foo"); });
-    if (wakeAlarm == -1) return -1;
-    if (pipe2(wakePipe, O_CLOEXEC) != 0)
-        Panic("Failed to initialize pipes for this thread: %s\n", std::strerror(errno));
-    return wakePipe[0];
-}
+void ProcessUplinkTimeouts() { HandleUplinkTimeouts(HandleDue); }
 
 // clang-format off
 constexpr KeldLimit kTransitionDelay{"delay", kTransitionDelaySeconds, "seconds"};
