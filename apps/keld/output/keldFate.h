@@ -25,6 +25,7 @@
 
 #include <kltlibs/journalrecord.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -67,6 +68,9 @@ public:
 
 private:
     friend struct KeldCause;
+    std::span<const KeldOrigin> Named() const { return {mNamed.data(), std::min(mCount, kKeldOriginsMax)}; }
+    std::uint32_t Unnamed() const { return static_cast<std::uint32_t>(mCount - Named().size()); }
+
     std::array<KeldOrigin, kKeldOriginsMax> mNamed;
     std::size_t mCount = 0;
     bool mPosted = false;
@@ -96,7 +100,7 @@ bool KeldHasFate();
 struct KeldCause {
     KeldCause();
     std::span<const KeldOrigin> named;
-    std::size_t unnamed = 0; // how many more
+    std::uint32_t unnamed = 0; // how many more
 };
 
 // How many handlers have returned without a fate. Any thread.
