@@ -74,12 +74,12 @@ struct Retries {
 Retries &retries = *new Retries; // the alarm thread outlives main
 
 // What a record is built in: memory that each thread keeps from one event to the next, at its first size.
-class RecordBuffer {
+class EventBuffer {
 public:
-    RecordBuffer();
-    ~RecordBuffer();
-    RecordBuffer(const RecordBuffer &) = delete;
-    RecordBuffer &operator=(const RecordBuffer &) = delete;
+    EventBuffer();
+    ~EventBuffer();
+    EventBuffer(const EventBuffer &) = delete;
+    EventBuffer &operator=(const EventBuffer &) = delete;
 
     std::byte *Get() const { return mBytes.get(); } // zeroed at first; null without memory
     std::size_t Size() const { return mSize; }
@@ -93,7 +93,7 @@ private:
 
 void Post(int defer, const char *prefix, std::string_view remainder, const char *format, va_list args);
 bool WithinRate(const char *prefix, std::string_view remainder);
-bool PackArguments(RecordBuffer &buffer, std::size_t total, const char *format, va_list args,
+bool PackArguments(EventBuffer &buffer, std::size_t total, const char *format, va_list args,
                    std::size_t *used, std::uint32_t *count);
 bool AwaitReceiver(int fd, int error);
 
@@ -141,7 +141,7 @@ namespace {
 // too many, or cannot be packed.
 void Post(int defer, const char *prefix, std::string_view remainder, const char *format, va_list args)
 {
-    RecordBuffer buffer;
+    EventBuffer buffer;
     if (buffer.Get() == nullptr) {
         KeldLog("Failed to allocate %zu bytes for prob buffer.\n", kFirstBufferBytes);
         return;
@@ -183,20 +183,20 @@ void Post(int defer, const char *prefix, std::string_view remainder, const char 
     KeldPlingQueue(record, total);
 }
 
-thread_local MallocPtr<std::byte> RecordBuffer::kept;
+thread_local MallocPtr<std::byte> EventBuffer::kept;
 
-RecordBuffer::RecordBuffer()
+EventBuffer::EventBuffer()
 {
     if (mBytes == nullptr) mBytes.reset(static_cast<std::byte *>(std::malloc(mSize)));
     if (mBytes != nullptr) std::memset(mBytes.get(), 0, mSize);
 }
 
-RecordBuffer::~RecordBuffer()
+EventBuffer::~EventBuffer()
 {
     if (mSize == kFirstBufferBytes) kept = std::move(mBytes);
 }
 
-bool RecordBuffer::Double()
+bool EventBuffer::Double()
 {
     mSize *= 2;
     auto *grown = static_cast<std::byte *>(std::realloc(mBytes.get(), mSize));
@@ -225,7 +225,7 @@ bool WithinRate(const char *prefix, std::string_view remainder)
 // Packs behind the header, in a buffer that doubles as needed; false when the event is to be dropped.
 //
 // KEPT: five attempts, the fifth in 18736 bytes; the buffer is doubled once more and never tried.
-bool PackArguments(RecordBuffer &buffer, std::size_t total, const char *format, va_list args,
+bool PackArguments(EventBuffer &buffer, std::size_t total, const char *format, va_list args,
                    std::size_t *used, std::uint32_t *count)
 {
     for (int attempt = 0; attempt < kPackAttemptsMax; ++attempt) {
