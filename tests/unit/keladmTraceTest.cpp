@@ -100,9 +100,6 @@ TEST(KeladmTraceTest, AConnectionThatEndsIsTakenUpAgainAndTheGapIsNamed)
     EXPECT_THAT(serve({1, 2, 3, 3, 3, 4, 0, 5}), ElementsAre(line(3), line(4), line(5)));
     cut();
     EXPECT_THAT(serve({7, 8, 0, 9}), ElementsAre("gap 5.000000000 7.000000000", line(7), line(8), line(9)));
-    unlink(RunPath("keld-trace.sock").c_str());
-    EXPECT_THAT(cut(), testing::HasSubstr("has ended; waiting for the next"));
-    EXPECT_FALSE(trace.IsConnected());
 }
 
 TEST(KeladmTraceTest, TheCatalogueNamesArgumentsAndTellsTheEvent)
@@ -120,5 +117,4 @@ TEST(KeladmTraceTest, TheCatalogueNamesArgumentsAndTellsTheEvent)
     const TraceLine in = ParseTraceLine(kTime + "IN,1,kel.x,,1,2,3,4,5,6,7,8,-1,7");
     EXPECT_THAT(NamedArguments(in, catalogue),
                 ElementsAre(Pair("disk", "00000001-00000002-0003-0405060708ff"), Pair("left", "7")));
-    EXPECT_EQ(std::nullopt, MessageOf(in, catalogue));
 }
