@@ -2,8 +2,11 @@
 
 #include "failure.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <iterator>
 #include <sys/socket.h>
 
 JournalListener::JournalListener(Clock::time_point until)
@@ -23,9 +26,11 @@ std::vector<std::string> JournalListener::TakeFates()
     for (;;) {
         const ssize_t count = recv(mJournal.Get(), buffer, sizeof buffer, MSG_DONTWAIT);
         if (count < 0 && (errno == EAGAIN || errno == EINTR)) return fates;
-        if (count <= 0) throw Failure(kExitNoPeer, "the daemon has ended its journal");
+        mEnded = count <= 0;
+        if (mEnded) return fates;
         mStream.Add({buffer, static_cast<size_t>(count)});
         while (auto entry = mStream.Take()) {
+            mLedger.Take(*entry);
             if (auto fate = std::get_if<JournalFateEntry>(&entry->body))
                 add("", JournalWord(fate->fate), fate->text);
             else if (auto outcome = std::get_if<JournalOutcomeEntry>(&entry->body))
@@ -33,4 +38,12 @@ std::vector<std::string> JournalListener::TakeFates()
         }
         if (!mStream.Error().empty()) throw Failure(kExitFailed, "no journal: " + mStream.Error());
     }
+}
+
+void JournalListener::CheckBooks() const
+{
+    std::vector<std::string> wrong = mLedger.Faults();
+    std::ranges::move(mLedger.Open(), std::back_inserter(wrong));
+    if (!wrong.empty())
+        throw Failure(kExitFailed, fmt::format("the journal is not even: {}", fmt::join(wrong, "; ")));
 }

@@ -140,8 +140,11 @@ private:
     void Stop()
     {
         mSender.reset();
-        mJournal.reset();
         if (auto trouble = mLab->Stop()) throw Failure(kExitFailed, *trouble);
+        TakeFates();
+        mJournal->CheckBooks();
+        if (!mJournal->HasEnded()) throw Failure(kExitFailed, "the journal has no end");
+        mJournal.reset();
     }
 
     // ---- What comes of it
@@ -159,6 +162,7 @@ private:
         while (mListener && TakeEvents(Clock::now(), {})) {
         }
         TakeFates();
+        if (mJournal && busy.empty()) mJournal->CheckBooks();
         for (std::string &line : mLog.TakeLines()) {
             if (auto trace = ParseLabTrace(line); trace && trace->id.starts_with("nox."))
                 mTraces.push_back(std::move(*trace));
