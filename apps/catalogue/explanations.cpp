@@ -138,8 +138,8 @@ private:
         ordered_json *event =
             const_cast<ordered_json *>(Find(mCatalogue["events"], "type", entry->heading));
         if (event == nullptr) Refuse(*entry, "there is no such event, nor such a domain of the agent here");
-        if (event->contains("explanation")) Refuse(*entry, "explained twice");
         if (!IsPostedBy(*agent, entry->heading)) Refuse(*entry, "another agent's event");
+        if (event->contains("explanation")) Refuse(*entry, "explained twice");
         for (const char *label : kEventLabels)
             (*event)["explanation"][Lower(label)] = Composed(*entry, *event, Text(*entry, label));
         if (entry->texts.size() != std::size(kEventLabels)) Refuse(*entry, "a text with an unknown label");

@@ -127,6 +127,7 @@ int RunKeladm(int argc, char **argv)
     AddReceiveCommand(app, &chosen);
     AddTraceCommand(app, &chosen);
     AddEventsCommand(app, &chosen);
+    AddExplainCommand(app, &chosen);
     AddHostCommand(app, &chosen);
     AddCompletionCommand(app, &chosen);
 

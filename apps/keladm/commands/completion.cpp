@@ -49,7 +49,7 @@ _keladm()
     case "$command" in
 {}    esac
     case "$command" in
-        send|events) [[ $cur == -* ]] || words="$words $(keladm events --names "$cur*" 2>/dev/null)" ;;
+        send|events|explain) [[ $cur == -* ]] || words="$words $(keladm events --names "$cur*" 2>/dev/null)" ;;
         replay) compopt -o default ;;
     esac
     COMPREPLY=($(compgen -W "$words" -- "$cur"))

@@ -1,6 +1,7 @@
 #include "catalogue.h"
 #include "commands.h"
 #include "console.h"
+#include "explanationWords.h"
 #include "jsonLine.h"
 #include "text.h"
 
@@ -18,6 +19,7 @@ struct EventsOptions {
     std::string catalogue;
     bool asJson = false;
     bool names = false;
+    bool asLong = false;
 };
 
 std::string ArgumentsText(const std::vector<CatalogueArgument> &arguments)
@@ -122,14 +124,13 @@ json ToJson(const CatalogueAgent &agent, const std::string &name)
 const std::string &NameOf(const CatalogueEvent &event) { return event.type; }
 const std::string &NameOf(const CatalogueObservation &observation) { return observation.id; }
 
+std::string LongText(const CatalogueEvent &event) { return ExplanationText(event); }
+std::string LongText(const CatalogueObservation &) { return ""; }
+
 int Events(const EventsOptions &options)
 {
     auto catalogue = FindCatalogue(options.catalogue);
-    if (!catalogue)
-        throw Failure(kExitFailed,
-                      fmt::format("no catalogue; name one with --catalogue or KELD_CATALOGUE, or put it "
-                                  "in one of:\n  {}",
-                                  fmt::join(CataloguePlaces(), "\n  ")));
+    if (!catalogue) throw NoCatalogue();
     Output out(STDOUT_FILENO);
     size_t shown = 0;
     auto show = [&](const auto &entries) {
@@ -138,7 +139,7 @@ int Events(const EventsOptions &options)
             shown++;
             out.Line(options.names    ? NameOf(entry)
                      : options.asJson ? JsonLine(ToJson(entry))
-                                      : Readable(entry));
+                                      : Readable(entry) + (options.asLong ? LongText(entry) : ""));
         }
     };
     show(catalogue->observations);
@@ -169,7 +170,10 @@ void AddEventsCommand(CLI::App &app, Command *chosen)
     events->add_option("GLOB", options->match, "Only IDs that match, * and ? being wild cards");
     AddCatalogueOption(*events, &options->catalogue);
     auto asJson = events->add_flag("--json", options->asJson, "One JSON object a line");
-    events->add_flag("--names", options->names, "Only the IDs")->excludes(asJson);
+    auto names = events->add_flag("--names", options->names, "Only the IDs")->excludes(asJson);
+    events->add_flag("--long", options->asLong, "With what each event means, and what to do about it")
+        ->excludes(asJson)
+        ->excludes(names);
     events->footer(R"(
 The names and types of arguments are those of the observation, then of the event. A
 problem shows what clears it, and on which argument the two are matched; each domain,

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <nlohmann/json.hpp>
 
 using nlohmann::json;
@@ -41,6 +42,9 @@ CatalogueEvent ReadEvent(const json &entry)
     event.clears = entry.value("clears", Texts{});
     event.clearedBy = entry.value("clearedBy", Texts{});
     event.pairedOn = entry.value("pairedOn", Texts{});
+    const json explanation = entry.value("explanation", json::object());
+    event.explanation = {explanation.value("meaning", ""), explanation.value("impact", ""),
+                         explanation.value("action", "")};
     if (!event.type.starts_with("nox." + event.eventClass + "."))
         throw std::runtime_error(
             fmt::format("type \"{}\" is not of the class \"{}\"", event.type, event.eventClass));
@@ -50,13 +54,15 @@ CatalogueEvent ReadEvent(const json &entry)
 CatalogueObservation ReadObservation(const json &entry)
 {
     return {entry.at("id").get<std::string>(), entry.at("domain").get<std::string>(),
-            ReadArgumentList(entry), entry.value("becomes", Texts{}), entry.value("note", "")};
+            ReadArgumentList(entry),           entry.value("becomes", Texts{}),
+            entry.value("note", ""),           entry.value("agent", "")};
 }
 
 CatalogueAgent ReadAgent(const json &entry)
 {
     return {entry.at("name").get<std::string>(), entry.at("domains").get<Texts>(),
-            entry.at("otherwise").get<std::string>(), entry.value("otherwiseBecomes", Texts{})};
+            entry.at("otherwise").get<std::string>(), entry.value("otherwiseBecomes", Texts{}),
+            entry.value("emitters", Texts{})};
 }
 
 // Reads every entry of one of the lists.
@@ -116,6 +122,13 @@ std::optional<Catalogue> FindCatalogue(const std::string &file)
     for (const std::string &place : CataloguePlaces())
         if (std::error_code error; std::filesystem::exists(place, error)) return LoadCatalogue(place);
     return std::nullopt;
+}
+
+Failure NoCatalogue()
+{
+    return {kExitFailed, fmt::format("no catalogue; name one with --catalogue or KELD_CATALOGUE, or put it "
+                                     "in one of:\n  {}",
+                                     fmt::join(CataloguePlaces(), "\n  "))};
 }
 
 std::vector<std::string> CataloguePlaces()
