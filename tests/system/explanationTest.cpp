@@ -12,6 +12,7 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <kltlibs/msgfmt.h>
 #include <regex>
 #include <sys/wait.h>
 
@@ -111,18 +112,21 @@ TEST_F(ExplanationTest, BothSidesOfEveryPairArePostedByARowOrInAStory)
 TEST_F(ExplanationTest, AnEventIsExplainedInItsOwnWordsWithCommandsThatAreSafeToCopy)
 {
     CatalogueEvent entry;
-    entry.arguments = {{"device", "string"}, {"empty", "string"}, {"none", "string"}};
-    entry.explanation = {"{device}, {empty}, {none}.", "", "Type `keladm x {device}`."};
+    entry.text = "%s 100%% %#lx %s";
+    entry.arguments = {{"device", "string"}, {"block", "uint64"}, {"none", "string"}};
+    entry.explanation = {"{device}, {block}, {none}.", "", "Type `keladm x {device}`."};
     const auto shown = [&](const char *device) {
         EventRecord event;
         event.arguments.resize(2);
+        event.arguments[0].type = MSGFMT_TYPE_STRING;
         event.arguments[0].value = std::optional<std::string>(device);
-        event.arguments[1].value = std::optional<std::string>("");
+        event.arguments[1].type = MSGFMT_TYPE_UINT64;
+        event.arguments[1].value = std::uint64_t{255};
         return ExplanationText(entry, &event);
     };
-    EXPECT_EQ("\n    Meaning     naa.6:1, <empty>, <none>.\n    Action      Type `keladm x naa.6:1`.",
+    EXPECT_EQ("\n    Meaning     naa.6:1, 0xff, <none>.\n    Action      Type `keladm x naa.6:1`.",
               shown("naa.6:1"));
-    EXPECT_EQ("\n    Meaning     $(x)\\n, <empty>, <none>.\n    Action      Type `keladm x <device>`.",
+    EXPECT_EQ("\n    Meaning     $(x)\\n, 0xff, <none>.\n    Action      Type `keladm x <device>`.",
               shown("$(x)\n"));
     EXPECT_EQ("\n    Label       " + std::string(70, 'x') + "\n                `a command with blanks`",
               Folded("Label", std::string(70, 'x') + " `a command with blanks`"));

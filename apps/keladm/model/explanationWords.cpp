@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <regex>
 
 namespace {
 
@@ -19,12 +20,25 @@ bool IsPlainWord(std::string_view text)
                std::string_view::npos;
 }
 
+// The event's argument as its text shows it: a number in hexadecimal, say.
+std::string ValueShown(const EventRecord &event, size_t index, const std::string &text)
+{
+    static const std::regex conversion("%[^%a-zA-Z]*[hl]*[a-zA-Z]");
+    auto found = std::sregex_iterator(text.begin(), text.end(), conversion);
+    for (size_t i = 0; i < index && found != std::sregex_iterator(); ++i)
+        ++found;
+    EventRecord alone;
+    alone.arguments = {event.arguments[index]};
+    return found == std::sregex_iterator() ? alone.arguments[0].ToText()
+                                           : EventRecord_Render(alone, found->str());
+}
+
 std::string ArgumentShown(const std::string &name, const CatalogueEvent &entry, const EventRecord *event,
                           bool inCommand)
 {
     for (size_t i = 0; event != nullptr && i < entry.arguments.size() && i < event->arguments.size(); ++i)
         if (entry.arguments[i].name == name) {
-            const std::string value = Printable(event->arguments[i].ToText());
+            const std::string value = Printable(ValueShown(*event, i, entry.text));
             if (inCommand ? IsPlainWord(value) : !value.empty()) return value;
         }
     return fmt::format("<{}>", name);
