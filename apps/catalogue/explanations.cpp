@@ -142,8 +142,16 @@ private:
         if (event->contains("explanation")) Refuse(*entry, "explained twice");
         for (const char *label : kEventLabels)
             (*event)["explanation"][Lower(label)] = Composed(*entry, *event, Text(*entry, label));
+        if (const std::string object = event->value("object", "");
+            !object.empty() && !NamesArgument((*event)["explanation"], object))
+            Refuse(*entry, fmt::format("the object, {}, is not named", object));
         if (entry->texts.size() != std::size(kEventLabels)) Refuse(*entry, "a text with an unknown label");
         RefuseTwin(*entry);
+    }
+
+    static bool NamesArgument(const ordered_json &explanation, const std::string &name)
+    {
+        return explanation.dump().find(fmt::format("{{{}}}", name)) != std::string::npos;
     }
 
     static const std::string &Text(const Entry &entry, const char *label)

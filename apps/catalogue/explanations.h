@@ -25,8 +25,8 @@
 // leads to it and has such, {kel.net.vmnic.linkstate.down/delay} where several have, and is replaced. What
 // stands in backquotes is a command: one of keladm's, or one whose first word is in commands.txt.
 //
-// Throws, with file and heading, when a text is missing or too much, names what does not exist, is longer
-// than three sentences, or is another's but for a few words.
+// Throws, with file and heading, when a text is missing or too much, names what does not exist or not the
+// event's object, is longer than three sentences, or is another's but for a few words.
 void AddExplanations(nlohmann::ordered_json *catalogue, const std::filesystem::path &folder);
 
 #endif

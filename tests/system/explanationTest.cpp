@@ -46,14 +46,15 @@ TEST_F(ExplanationTest, TheCatalogueIsNotBuiltWithATextThatIsMissingWrongOrAnoth
         {"apd.txt", "## nox.clear.storage.apd.exit[^]*", "", "nox.clear.storage.apd.exit has no explanation"},
         {"apd.txt", "\\{seconds\\}", "{minutes}", "{minutes} is no argument, and none of its limits"},
         {"net.txt", "\\{kel.net.pg.uplink.transition.down/delay\\}", "{delay}", "and several of its limits"},
+        {"vfat.txt", "\\{uuid\\}", "it", "the object, uuid, is not named"},
         {"apd.txt", "Impact: Machines", "Machines", "no text \"Impact\""},
         {"apd.txt", "for good.", "for good. One. Two.", "Meaning is not one to 3 sentences"},
         {"apd.txt", "`keladm trace", "`keladmin trace", "names keladmin, which is not in commands.txt"},
         {"net.txt", "by\nnox.clear.net.lacp", "by\nnox.clear.net.lacq", "which does not exist"},
         {"apd.txt", "Action: Find", "Hint: None.\nAction: Find", "a text with an unknown label"},
         {"zorn.txt", "## kel.zorn[^]*", "", "not every domain says who emits"},
-        {"vfat.txt", "Meaning: [^]*", "Meaning: A.\nImpact: A.\nAction: A.\n## nox.problem.vfat.filesystem.full.other\n"
-         "Meaning: A.\nImpact: A.\nAction: {uuid}.\n", "the same as vfat.txt: nox.problem.vfat.filesystem.full.scratch"},
+        {"vfat.txt", "Meaning: [^]*", "Meaning: A.\nImpact: A.\nAction: {uuid}.\n## nox.problem.vfat.filesystem.full.other\n"
+         "Meaning: A.\nImpact: A.\nAction: B {uuid}.\n", "the same as vfat.txt: nox.problem.vfat.filesystem.full.scratch"},
     };
     // clang-format on
     const fs::path folder = mRun.Path("explain");
