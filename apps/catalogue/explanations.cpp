@@ -14,7 +14,7 @@ using nlohmann::ordered_json;
 namespace {
 
 constexpr std::size_t kSentencesMax = 3;
-constexpr std::size_t kWordsOfItsOwn = 8; // at least so many differ between two events' texts
+constexpr std::size_t kWordsOfItsOwn = 16; // at least so many differ between two events' texts
 
 constexpr const char *kEventLabels[] = {"Meaning", "Impact", "Action"};
 

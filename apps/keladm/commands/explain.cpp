@@ -40,12 +40,9 @@ std::string Emitter(const CatalogueAgent *agent, const std::string &domain)
     return at < agent->emitters.size() ? agent->emitters[at] : "";
 }
 
-std::string Arguments(const std::vector<CatalogueArgument> &arguments)
+std::string Arguments(const std::vector<CatalogueArgument> &arguments, const std::string &object)
 {
-    std::string list;
-    for (const CatalogueArgument &argument : arguments)
-        list += fmt::format("{}{} ({})", list.empty() ? "" : ", ", argument.name, argument.type);
-    return list.empty() ? "none" : list;
+    return arguments.empty() ? "none" : ArgumentsText(arguments, object);
 }
 
 std::string WhatBecomes(const CatalogueObservation &observation)
@@ -74,7 +71,7 @@ std::string Readable(const Catalogue &catalogue, const CatalogueEvent &event)
 {
     const bool ends = event.eventClass == "clear";
     return event.type + Folded("text", Printable(event.text)) +
-           Folded("arguments", Arguments(event.arguments)) + ExplanationText(event) +
+           Folded("arguments", Arguments(event.arguments, event.object)) + ExplanationText(event) +
            Folded(ends ? "ends" : "ends with", EndText(catalogue, event)) + Leads(catalogue, event);
 }
 
@@ -82,7 +79,7 @@ std::string Readable(const Catalogue &catalogue, const CatalogueObservation &obs
 {
     const CatalogueAgent *agent = AgentOf(catalogue, observation);
     std::string text = observation.id + Folded("from", Emitter(agent, observation.domain)) +
-                       Folded("arguments", Arguments(observation.arguments)) +
+                       Folded("arguments", Arguments(observation.arguments, observation.object)) +
                        Folded("read by", observation.agent) + Folded("becomes", WhatBecomes(observation));
     for (const std::string &type : observation.becomes)
         if (const CatalogueEvent *event = catalogue.Find(type))
@@ -136,8 +133,7 @@ std::string Unlisted(const Catalogue &catalogue, const std::string &id)
 
 int Explain(const ExplainOptions &options)
 {
-    const auto catalogue = FindCatalogue(options.catalogue);
-    if (!catalogue) throw NoCatalogue();
+    const Catalogue catalogue = NeededCatalogue(options.catalogue);
     Output out(STDOUT_FILENO);
     bool first = true;
     const auto show = [&](const std::string &text) {
@@ -149,13 +145,12 @@ int Explain(const ExplainOptions &options)
         const auto showAll = [&](const auto &entries, auto id) {
             for (const auto &entry : entries)
                 if (GlobMatches(name, entry.*id) && ++shown > 0)
-                    show(options.asJson ? JsonLine(ToJson(*catalogue, entry))
-                                        : Readable(*catalogue, entry));
+                    show(options.asJson ? JsonLine(ToJson(catalogue, entry)) : Readable(catalogue, entry));
         };
-        showAll(catalogue->events, &CatalogueEvent::type);
-        showAll(catalogue->observations, &CatalogueObservation::id);
+        showAll(catalogue.events, &CatalogueEvent::type);
+        showAll(catalogue.observations, &CatalogueObservation::id);
         if (shown != 0) continue;
-        const std::string unlisted = options.asJson ? "" : Unlisted(*catalogue, name);
+        const std::string unlisted = options.asJson ? "" : Unlisted(catalogue, name);
         if (unlisted.empty())
             throw Failure(kExitFailed,
                           fmt::format("no event and no observation is {}; \"keladm events\" lists them, "

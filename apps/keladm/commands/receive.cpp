@@ -35,9 +35,8 @@ public:
             if (written >= 0) {
                 done += static_cast<size_t>(written);
             } else if (errno != EINTR) {
-                fmt::print(stderr,
-                           "keladm receive: {}: {}; nothing more is kept there, events are still shown\n",
-                           mPath, std::strerror(errno));
+                Tell("receive", fmt::format("{}: {}; nothing more is kept there, events are still shown",
+                                            mPath, std::strerror(errno)));
                 mFailed = true;
                 if (regular && ftruncate(mFd.Get(), before.st_size) != 0) return; // half a line stays
                 return;
@@ -73,8 +72,8 @@ std::string Explanation(const ReceivedRecord &record, const std::optional<Catalo
 
 int Receive(const ReceiveOptions &options)
 {
-    auto catalogue = FindCatalogue(options.catalogue);
-    if (options.explain && !catalogue) throw NoCatalogue();
+    auto catalogue =
+        options.explain ? NeededCatalogue(options.catalogue) : FindCatalogue(options.catalogue);
     auto until = options.timeout ? Clock::now() + *options.timeout : Clock::time_point::max();
     EventFile file(options.output); // may be a pipe that waits for its reader: interruptible still
     StopSignal stop;
@@ -82,11 +81,10 @@ int Receive(const ReceiveOptions &options)
     Ends ends(stop, out);
     EventListener listener;
     if (!catalogue)
-        fmt::print(stderr,
-                   "keladm receive: no catalogue, so events come without their texts; name one with "
-                   "--catalogue or KELD_CATALOGUE\n");
+        Tell("receive", "no catalogue, so events come without their texts; name one with --catalogue or "
+                        "KELD_CATALOGUE");
     if (isatty(STDERR_FILENO) == 1)
-        fmt::print(stderr, "Listening on {}; end with Ctrl-C.\n", listener.Path());
+        Tell("receive", fmt::format("listening on {}; end with Ctrl-C", listener.Path()));
 
     std::uint64_t shown = 0;
     auto show = [&](const std::vector<ReceivedRecord> &records) {
@@ -94,7 +92,7 @@ int Receive(const ReceiveOptions &options)
             if (options.count != 0 && shown == options.count) break;
             std::string line = JsonLine(RecordJson(record, catalogue));
             file.Line(line);
-            out.Line(options.asJson ? line : RecordLine(record, catalogue, out.Colour()));
+            out.ColouredLine(options.asJson ? line : RecordLine(record, catalogue, out.Colour()));
             if (options.explain) out.Text(Explanation(record, catalogue));
             if (record.event) shown++;
         }
@@ -109,7 +107,7 @@ int Receive(const ReceiveOptions &options)
         // What a sender has handed over already is not lost with the listener.
         show(listener.Wait(Clock::now(), {}));
     } else if (shown < options.count) {
-        fmt::print(stderr, "keladm receive: {} of {} events came\n", shown, options.count);
+        Tell("receive", fmt::format("{} of {} events came", shown, options.count));
         return kExitFailed;
     }
     return file.Failed() ? kExitFailed : kExitOk;

@@ -4,18 +4,19 @@
 //      "agents": [{"name": "NetCorrelator", "domains": ["net"], "otherwise": "ignored",
 //                  "otherwiseBecomes": ["nox..."], "emitters": ["The network stack..."]}],
 //      "events": [{"type": "nox.problem.net...", "class": "problem", "text": "NIC %s is down.",
-//                  "arguments": [{"name": "nic", "type": "string"}],
+//                  "arguments": [{"name": "nic", "type": "string"}], "object": "nic",
 //                  "clearedBy": ["nox.clear..."], "pairedOn": ["nic"],
 //                  "explanation": {"meaning": "...", "impact": "...", "action": "..."}},
 //                 {"type": "nox.clear.net...", ..., "clears": ["nox.problem..."]}],
 //      "observations": [{"id": "kel.net...", "domain": "net", "agent": "NetCorrelator", "arguments": [...],
-//                        "becomes": ["nox..."], "note": "..."}]}
+//                        "object": "nic", "becomes": ["nox..."], "note": "..."}]}
 //
 // Argument types are string, int32, uint32, int64 and uint64; of an observation also uuid, which is sent
-// as nine numbers (%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx). A problem's pairedOn names the
-// arguments by which it and its clears are matched; when it is empty, a clear ends every problem of the
-// type. The agents, an agent's otherwiseBecomes and emitters, an event's clears, clearedBy, pairedOn and
-// explanation and an observation's agent, becomes and note may be absent; other keys are passed over.
+// as nine numbers (%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx). The object is the argument that
+// it is about. A problem's pairedOn names the arguments by which it and its clears are matched; when it is
+// empty, a clear ends every problem of the type. The agents, an agent's otherwiseBecomes and emitters, an
+// object, an event's clears, clearedBy, pairedOn and explanation and an observation's agent, becomes and
+// note may be absent; other keys are passed over.
 #ifndef KELADM_CATALOGUE_H
 #define KELADM_CATALOGUE_H
 
@@ -41,6 +42,7 @@ struct CatalogueEvent {
     std::string eventClass;
     std::string text; // printf-style
     std::vector<CatalogueArgument> arguments;
+    std::string object; // the name of one of them; empty for none
     std::vector<std::string> clears;
     std::vector<std::string> clearedBy;
     std::vector<std::string> pairedOn; // of a problem with its clears
@@ -51,6 +53,7 @@ struct CatalogueObservation {
     std::string id;
     std::string domain;
     std::vector<CatalogueArgument> arguments;
+    std::string object; // the name of one of them; empty for none
     std::vector<std::string> becomes;
     std::string note;
     std::string agent; // the one whose domain it is of
@@ -70,9 +73,13 @@ struct Catalogue {
     std::vector<CatalogueEvent> events;
     std::vector<CatalogueObservation> observations;
 
-    // Null for a type that is not there.
+    // Null for one that is not there.
     const CatalogueEvent *Find(std::string_view type) const;
+    const CatalogueObservation *FindObservation(std::string_view id) const;
 };
+
+// "string nic (object), int32 uplinks" of an event or an observation.
+std::string ArgumentsText(const std::vector<CatalogueArgument> &arguments, const std::string &object);
 
 // Throws Failure naming the entry that is wrong.
 Catalogue ParseCatalogue(std::string_view json);
@@ -82,8 +89,8 @@ Catalogue ParseCatalogue(std::string_view json);
 // named and cannot be read, and for a malformed one.
 std::optional<Catalogue> FindCatalogue(const std::string &file);
 
-// For a command that cannot do without.
-Failure NoCatalogue();
+// The same, where nothing can be done without. Throws Failure saying where it was looked for.
+Catalogue NeededCatalogue(const std::string &file);
 
 // Beside an installed program, then in a build.
 std::vector<std::string> CataloguePlaces();

@@ -74,12 +74,6 @@ std::string_view TakeWord(std::string_view *rest)
     return word;
 }
 
-std::string OfTheSame(const std::vector<std::string> &pairedOn)
-{
-    return pairedOn.empty() ? "whatever its arguments"
-                            : fmt::format("of the same {}", fmt::join(pairedOn, " and "));
-}
-
 } // namespace
 
 std::string Folded(std::string_view label, const std::string &text)
@@ -107,10 +101,15 @@ std::string EndText(const Catalogue &catalogue, const CatalogueEvent &entry)
 {
     if (entry.eventClass == "problem" && entry.clearedBy.empty()) return "no clear: none is posted for it";
     if (entry.eventClass == "problem")
-        return fmt::format("{}, {}", fmt::join(entry.clearedBy, ", "), OfTheSame(entry.pairedOn));
-    std::string ended;
+        return fmt::format("{}, {}", fmt::join(entry.clearedBy, ", "),
+                           entry.pairedOn.empty()
+                               ? "whatever its arguments"
+                               : fmt::format("of the same {}", fmt::join(entry.pairedOn, " and ")));
+    std::vector<std::string> ended;
     for (const std::string &type : entry.clears)
         if (const CatalogueEvent *problem = catalogue.Find(type))
-            ended += fmt::format("{}{} {}", ended.empty() ? "" : ", ", type, OfTheSame(problem->pairedOn));
-    return ended;
+            ended.push_back(problem->pairedOn.empty() ? "every " + type
+                                                      : fmt::format("{} of the same {}", type,
+                                                                    fmt::join(problem->pairedOn, " and ")));
+    return fmt::format("{}", fmt::join(ended, ", "));
 }
