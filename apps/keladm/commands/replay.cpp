@@ -215,7 +215,7 @@ void AddReplayCommand(CLI::App &app, Command *chosen)
 One action a line:
   # a comment
   host set net/portgroups/Production vSwitch0      also: host mkdir NAME, host remove NAME
-  observe kel.net.vmnic.linkstate.down vmnic0      the format is guessed, as by keladm send
+  observe kel.net.vmnic.linkstate.down vmnic0      the format is guessed, as by send --force
   observe @async-3 kel.x "NIC %s at %u" vmnic0 10  a context; in double quotes: the format
   pause 500ms                                      also: 2s, 1.5s, 1m
   repeat 3                                         what stands before its end, three times

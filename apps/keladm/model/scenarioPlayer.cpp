@@ -205,7 +205,7 @@ void ScenarioPlayer::Report(const ScenarioStep &step)
     if (mOptions.asJson)
         mOut.Line(JsonLine({{"line", step.line}, {"after", Elapsed()}, {"action", step.source}}));
     else
-        mOut.Line(fmt::format("{:8.3f}  {}", Elapsed(), step.source));
+        mOut.Line(fmt::format("{:8.3f}  {}", Elapsed(), Printable(step.source)));
     mOut.Flush();
 }
 
@@ -227,7 +227,7 @@ void ScenarioPlayer::Result(const ScenarioStep &step, const ExpectAction &expect
         line["events"] = std::move(list);
         mOut.Line(JsonLine(line));
     } else if (met) {
-        mOut.Line(fmt::format("{:8.3f}  {}", Elapsed(), step.source));
+        mOut.Line(fmt::format("{:8.3f}  {}", Elapsed(), Printable(step.source)));
     } else {
         mOut.ColouredLine(fmt::format("{}    line {}: {}\n            {}{}", Failed(), step.line,
                                       Printable(step.source), what,

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -20,14 +21,6 @@ std::string AgentName(const char *domainName)
     return name ? name.get() : domainName;
 }
 
-// One observation, looked up in a copy of the table: the correlator's own never changes.
-void CorrelateInCopy(KeldHandler defaultHandler, const KeldCorrelatorTable &table, Kel *kel)
-{
-    const KelPtr owned(kel);
-    KeldCorrelatorTable copy = table;
-    KeldCorrelate(defaultHandler, copy, owned.get());
-}
-
 } // namespace
 
 void KeldCorrelatorRun(const char *domainName, const std::vector<std::string> &domains,
@@ -37,7 +30,7 @@ void KeldCorrelatorRun(const char *domainName, const std::vector<std::string> &d
     KeldAgentRun(AgentName(domainName), domains, exactIds, [&](KeldAgent *agent) {
         Kel *kel = nullptr;
         while (KeldAgentWaitForKel(agent, &kel) == 0)
-            CorrelateInCopy(defaultHandler, table, kel);
+            KeldCorrelate(defaultHandler, table, KelPtr(kel).get());
     });
 }
 
@@ -56,7 +49,10 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
         for (;;) {
             for (std::size_t i = 0; i < used; ++i)
                 set[i] = {.fd = i == 0 ? agent->fd : fds[i - 1], .events = POLLIN, .revents = 0};
-            if (KeldAgentPoll(set.data(), used) < 0) {
+            // Between two observations that are there the others are looked at, not waited for.
+            const bool goesOn = KeldAgentGoesOn(agent);
+            if (goesOn) set[0].revents = POLLIN;
+            if ((goesOn ? poll(&set[1], used - 1, 0) : KeldAgentPoll(set.data(), used)) < 0) {
                 if (errno == EINTR) continue;
                 KeldLog("Failed to poll - %s\n", std::strerror(errno));
                 return;
@@ -68,7 +64,7 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
                     KeldLog("Failed to get Kel\n");
                     return;
                 }
-                if (complete) CorrelateInCopy(defaultHandler, table, kel);
+                if (complete) KeldCorrelate(defaultHandler, table, KelPtr(kel).get());
             }
             for (std::size_t i = 1; i < used; ++i) {
                 if ((set[i].revents & POLLIN) == 0) continue;
@@ -80,11 +76,12 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
     });
 }
 
-void KeldCorrelate(KeldHandler defaultHandler, KeldCorrelatorTable &table, Kel *kel)
+void KeldCorrelate(KeldHandler defaultHandler, const KeldCorrelatorTable &table, Kel *kel)
 {
     const char *id = nullptr;
     (void)Kel_GetID(kel, &id);
-    const KeldHandler handler = id != nullptr ? table[id] : nullptr;
+    const auto found = id != nullptr ? table.find(std::string_view(id)) : table.end();
+    const KeldHandler handler = found != table.end() ? found->second : nullptr;
     if (handler == nullptr) {
         defaultHandler(kel);
         return;
