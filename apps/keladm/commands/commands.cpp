@@ -139,6 +139,7 @@ int RunKeladm(int argc, char **argv)
     AddTraceCommand(app, &chosen);
     AddJournalCommand(app, &chosen);
     AddEventsCommand(app, &chosen);
+    AddExplainCommand(app, &chosen);
     AddHostCommand(app, &chosen);
     AddCompletionCommand(app, &chosen);
 

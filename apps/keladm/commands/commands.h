@@ -24,6 +24,7 @@ void AddReceiveCommand(CLI::App &app, Command *chosen);
 void AddTraceCommand(CLI::App &app, Command *chosen);
 void AddJournalCommand(CLI::App &app, Command *chosen);
 void AddEventsCommand(CLI::App &app, Command *chosen);
+void AddExplainCommand(CLI::App &app, Command *chosen);
 void AddHostCommand(CLI::App &app, Command *chosen);
 void AddCompletionCommand(CLI::App &app, Command *chosen);
 

@@ -12,9 +12,12 @@
 
 namespace KeldUplink {
 
-// Restored clears are posted only when nothing of their kind is lost any more, on any NIC: each ends all
-// problems of its type. Nothing ends a degraded redundancy.
-consteval KeldPairing EndsEvery(const char *problem) { return {.clears = problem}; }
+// Restored clears are posted only when nothing of their kind is lost any more, on any NIC, neither port
+// groups nor DVPorts: each ends every such loss of both. A degraded redundancy ends with the same NIC's.
+inline constexpr KeldPairing kEndsConnectivityLost{
+    .clears = "nox.problem.net.connectivity.lost, nox.problem.net.dvport.connectivity.lost"};
+inline constexpr KeldPairing kEndsRedundancyLost{
+    .clears = "nox.problem.net.redundancy.lost, nox.problem.net.dvport.redundancy.lost"};
 
 // clang-format off
 inline constexpr EventText kConnectivityLost(
@@ -25,7 +28,7 @@ inline constexpr EventText kRedundancyLost(
     "switch, *nic, portGroups");
 inline constexpr EventText kRedundancyDegraded(
     "@&!*@*@(nox.problem.net.redundancy.degraded)Uplink redundancy degraded on virtual switch %s. Physical NIC %s is down. Affected port groups: %s",
-    "switch, *nic, portGroups");
+    "switch, *nic, portGroups", {.on = "nic", .clearedBy = "nox.clear.net.redundancy.restored"});
 inline constexpr EventText kDvPortConnectivityLost(
     "@&!*@*@(nox.problem.net.dvport.connectivity.lost)Lost network connectivity on DVPorts: %s. Physical NIC %s is down.",
     "dvPorts, *nic");
@@ -34,20 +37,20 @@ inline constexpr EventText kDvPortRedundancyLost(
     "dvPorts, *nic");
 inline constexpr EventText kDvPortRedundancyDegraded(
     "@&!*@*@(nox.problem.net.dvport.redundancy.degraded)Uplink redundancy degraded on DVPorts: %s. Physical NIC %s is down.",
-    "dvPorts, *nic");
+    "dvPorts, *nic", {.on = "nic", .clearedBy = "nox.clear.net.dvport.redundancy.restored"});
 inline constexpr EventText kConnectivityRestored(
     "@&!*@*@(nox.clear.net.connectivity.restored)Network connectivity restored on virtual switch %s, portgroups: %s. Physical NIC %s is up",
-    "switch, portGroups, *nic", EndsEvery("nox.problem.net.connectivity.lost"));
+    "switch, portGroups, *nic", kEndsConnectivityLost);
 inline constexpr EventText kRedundancyRestored(
     "@&!*@*@(nox.clear.net.redundancy.restored)Uplink redundancy restored on virtual switch %s, portgroups: %s. Physical NIC %s is up",
-    "switch, portGroups, *nic", EndsEvery("nox.problem.net.redundancy.lost"));
+    "switch, portGroups, *nic", kEndsRedundancyLost);
 inline constexpr EventText kDvPortConnectivityRestored(
     "@&!*@*@(nox.clear.net.dvport.connectivity.restored)Network connectivity restored on DVPorts: %s. Physical NIC %s is up",
-    "dvPorts, *nic", EndsEvery("nox.problem.net.dvport.connectivity.lost"));
+    "dvPorts, *nic", kEndsConnectivityLost);
 // KEPT: "is up recently", here alone; receivers match on this text.
 inline constexpr EventText kDvPortRedundancyRestored(
     "@&!*@*@(nox.clear.net.dvport.redundancy.restored)Uplink redundancy restored on DVPorts: %s. Physical NIC %s is up recently",
-    "dvPorts, *nic", EndsEvery("nox.problem.net.dvport.redundancy.lost"));
+    "dvPorts, *nic", kEndsRedundancyLost);
 // clang-format on
 
 } // namespace KeldUplink
