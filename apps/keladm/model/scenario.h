@@ -107,6 +107,9 @@ std::vector<ScenarioStep> ParseScenario(std::string_view text);
 // True for a scenario that plays on a clock moved by hand.
 bool NeedsHandClock(std::span<const ScenarioStep> steps);
 
+// Whether any line expects an event, or a line of the log.
+bool ExpectsAnything(std::span<const ScenarioStep> steps);
+
 // How often a kind of action is played.
 template <typename Action> std::size_t CountOf(std::span<const ScenarioStep> steps)
 {
