@@ -21,6 +21,7 @@
 #include "keldPling.h"
 #include "keldSignal.h"
 #include "keldStarter.h"
+#include "keldStatus.h"
 #include "keldTrace.h"
 
 #include <kltlibs/kif.h>
@@ -100,12 +101,15 @@ int KeldMain(int argc, char **argv, bool optionalAgents)
     int code = daemon.Start(asyncEnable, optionalAgents);
     const bool started = code == 0;
     if (started) {
+        KeldStatusPhase(KeldPhase::Serves);
         TellReady();
         code = daemon.Loop();
         KeldNotify("STOPPING=1");
     }
+    KeldStatusPhase(KeldPhase::Leaves);
     daemon.Stop();
     KeldLog("Exiting. rc:%d\n", code);
+    KeldStatusPhase(KeldPhase::Ended, code);
     if (started) TellEnd(code);
     return code;
 }
@@ -154,6 +158,7 @@ int Daemon::Start(bool asyncEnable, bool optionalAgents)
         if ((error = KeldChannelOpen(&channel, &fd)) != 0) return RefuseChannel(channel, error);
         mPoll.Append(fd);
     }
+    KeldStatusOpen(KELD_VERSION, nullptr); // no other daemon has the run directory now
     const int traceListener = KeldTraceOpen(nullptr);
     if (traceListener < 0) KeldLog("Trace socket cannot be opened: %s\n", std::strerror(errno));
     mPoll.Append(traceListener); // without one, the slot stays empty
@@ -234,7 +239,10 @@ int Daemon::Loop()
             KeldLog("Exiting due to signal.\n");
             return 0;
         }
-        if (KeldPoll(mPoll.slots.get(), mPoll.used) < 0) {
+        KeldStatusStands(KeldStanding::Idle);
+        const int ready = KeldPoll(mPoll.slots.get(), mPoll.used);
+        KeldStatusStands(KeldStanding::Works);
+        if (ready < 0) {
             if (errno == EINTR) continue;
             return -1;
         }
@@ -256,6 +264,7 @@ int Daemon::HandleSlot(std::size_t *index)
     const short events = slot.revents;
     int code = 0;
     bool close = false;
+    KeldStatusReads(std::min(at, kUserSlot));
     if (at < kUserSlot) {
         if ((events & POLLIN) != 0) code = ReadKernelChannel(&mChannels[at]);
     } else if (at == kUserSlot) {

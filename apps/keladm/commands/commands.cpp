@@ -128,6 +128,7 @@ int RunKeladm(int argc, char **argv)
     AddTraceCommand(app, &chosen);
     AddEventsCommand(app, &chosen);
     AddHostCommand(app, &chosen);
+    AddStatusCommand(app, &chosen);
     AddCompletionCommand(app, &chosen);
 
     try {

@@ -24,6 +24,7 @@ void AddReceiveCommand(CLI::App &app, Command *chosen);
 void AddTraceCommand(CLI::App &app, Command *chosen);
 void AddEventsCommand(CLI::App &app, Command *chosen);
 void AddHostCommand(CLI::App &app, Command *chosen);
+void AddStatusCommand(CLI::App &app, Command *chosen);
 void AddCompletionCommand(CLI::App &app, Command *chosen);
 
 // Options that several subcommands have, in one form.
