@@ -158,7 +158,7 @@ int Daemon::Start(bool asyncEnable, bool optionalAgents)
         if ((error = KeldChannelOpen(&channel, &fd)) != 0) return RefuseChannel(channel, error);
         mPoll.Append(fd);
     }
-    KeldStatusOpen(KELD_VERSION, nullptr); // no other daemon has the run directory now
+    KeldStatusOpen(KELD_VERSION); // no other daemon has the run directory now
     const int traceListener = KeldTraceOpen(nullptr);
     if (traceListener < 0) KeldLog("Trace socket cannot be opened: %s\n", std::strerror(errno));
     mPoll.Append(traceListener); // without one, the slot stays empty

@@ -29,12 +29,12 @@ std::string ThreadText(const StatusThread &thread)
     return fmt::format("{} for {}", thread.stands, AgeText(thread.microseconds));
 }
 
-std::string FatesText(const StatusThread &agent)
+std::string CountsText(const StatusCounts &counts)
 {
     std::string text;
-    for (const auto &[fate, count] : agent.fates)
-        text += fmt::format("{}{} {}", text.empty() ? "" : ", ", fate, count);
-    return text;
+    for (const auto &[word, count] : counts)
+        text += fmt::format("{}{} {}", text.empty() ? "" : ", ", word, count);
+    return text.empty() ? "none" : text;
 }
 
 void ShowAgents(Output &out, const StatusReport &report)
@@ -49,7 +49,7 @@ void ShowAgents(Output &out, const StatusReport &report)
         }
         out.Line(fmt::format("{:<24} {:>9} {:>8}  {}", Printable(agent.name), agent.received, agent.waiting,
                              Printable(ThreadText(agent))));
-        if (!agent.fates.empty()) out.Line("  " + Printable(FatesText(agent)));
+        if (!agent.fates.empty()) out.Line("  " + CountsText(agent.fates));
     }
     if (others != 0) out.Line(fmt::format("{} others have received nothing yet, and wait for it", others));
 }
@@ -64,18 +64,6 @@ void ShowChannels(Output &out, const StatusReport &report)
         out.Line(fmt::format("{:<24} {:>12} {:>12}{}", channel.name, channel.observations, channel.bytes,
                              channel.waitingBytes != 0 ? "  more waits to be read" : ""));
     }
-}
-
-std::string EventsText(const StatusReport &report)
-{
-    std::string text;
-    for (std::size_t i = 0; i < report.deliveries.size(); ++i)
-        if (report.deliveries[i] != 0)
-            text += fmt::format("{}{} {}", text.empty() ? "" : ", ", report.deliveries[i],
-                                DeliveryText(static_cast<KeldDelivery>(i)));
-    if (text.empty()) text = "none";
-    if (report.eventsWaiting != 0) text += fmt::format("; {} wait for another try", report.eventsWaiting);
-    return text;
 }
 
 std::string ReceiverText(const StatusSockets &sockets)
@@ -95,7 +83,9 @@ void ShowCounts(Output &out, const StatusReport &report)
     Row(out, "alarm thread", ThreadText(report.alarm));
     Row(out, "observations",
         fmt::format("{}, of them {} that no agent wants", report.observations, report.unwanted));
-    Row(out, "events", EventsText(report));
+    Row(out, "events", CountsText(report.deliveries));
+    if (report.eventsWaiting != 0)
+        Row(out, "", fmt::format("{} of them wait for another try now", report.eventsWaiting));
     if (report.running && report.limitMax != 0)
         Row(out, "event limit",
             fmt::format("{} of {} in this minute ({} %)", report.limitUsed, report.limitMax,

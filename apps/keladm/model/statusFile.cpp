@@ -33,8 +33,6 @@ std::string Fault(const KeldStatusFile &file)
     if (file.process == 0 || file.process > INT_MAX) return "it names no process";
     if (!Ends(file.boot) || !Ends(file.daemonVersion)) return "a text in its head does not end";
     if ((file.phase & 0xFF) > static_cast<std::uint64_t>(KeldPhase::Ended)) return "its phase is unknown";
-    for (const auto &fate : file.fates)
-        if (!Ends(fate)) return "the name of a fate does not end";
     for (std::size_t place = 0; place < kKeldStatusThreads; ++place) {
         const KeldStatusThread &thread = file.threads[place];
         if (!Ends(thread.name)) return fmt::format("the name of thread {} does not end", place);

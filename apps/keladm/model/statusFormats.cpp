@@ -18,14 +18,20 @@ ordered_json ThreadJson(const StatusThread &thread)
             {"seconds", Seconds(thread.microseconds)}};
 }
 
+ordered_json CountsJson(const StatusCounts &counts)
+{
+    ordered_json json = ordered_json::object();
+    for (const auto &[word, count] : counts)
+        json[word] = count;
+    return json;
+}
+
 ordered_json AgentJson(const StatusThread &agent)
 {
     ordered_json json = ThreadJson(agent);
     json["received"] = agent.received;
     json["waiting"] = agent.waiting;
-    json["fates"] = ordered_json::object();
-    for (const auto &[fate, count] : agent.fates)
-        json["fates"][fate] = count;
+    json["fates"] = CountsJson(agent.fates);
     return json;
 }
 
@@ -47,10 +53,10 @@ void AddCounts(ordered_json &json, const StatusReport &report)
         json["channels"].push_back({{"name", channel.name},
                                     {"observations", channel.observations},
                                     {"bytes", channel.bytes},
+                                    {"dropped", channel.dropped},
                                     {"waiting_bytes", channel.waitingBytes}});
-    for (std::size_t i = 0; i < report.deliveries.size(); ++i)
-        json["events"][DeliveryWord(static_cast<KeldDelivery>(i))] = report.deliveries[i];
-    json["events"]["waiting"] = report.eventsWaiting;
+    json["events"] = CountsJson(report.deliveries);
+    json["events_waiting"] = report.eventsWaiting;
     json["event_limit"] = {{"used", report.limitUsed}, {"of", report.limitMax}};
     json["trace_clients"] = report.traceClients;
     json["lost_log_lines"] = report.lostLogLines;
@@ -140,13 +146,16 @@ void AddCounts(Metrics &metrics, const StatusReport &report)
     metrics.Name("channel_observations_total", "counter", "Observations that came in through the channel.");
     for (const StatusChannel &channel : report.channels)
         metrics.Value("channel", channel.name, channel.observations);
+    metrics.Name("channel_dropped_total", "counter", "Datagrams and packets that held something else.");
+    for (const StatusChannel &channel : report.channels)
+        metrics.Value("channel", channel.name, channel.dropped);
     metrics.Name("channel_received_bytes_total", "counter", "Bytes of the channel's observations.");
     for (const StatusChannel &channel : report.channels)
         metrics.Value("channel", channel.name, channel.bytes);
     AddThreads(metrics, report);
     metrics.Name("events_total", "counter", "What became of events.");
-    for (std::size_t i = 0; i < report.deliveries.size(); ++i)
-        metrics.Value("delivery", DeliveryWord(static_cast<KeldDelivery>(i)), report.deliveries[i]);
+    for (const auto &[delivery, count] : report.deliveries)
+        metrics.Value("delivery", delivery, count);
     metrics.Alone("events_waiting", "gauge", "Events that wait for another try.", report.eventsWaiting);
     metrics.Alone("event_limit_used_ratio", "gauge", "Events in this minute, of those that it may have.",
                   report.limitMax == 0

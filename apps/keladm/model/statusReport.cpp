@@ -1,5 +1,7 @@
 #include "statusReport.h"
 
+#include "journalEntry.h"
+
 #include <algorithm>
 #include <fmt/format.h>
 
@@ -13,6 +15,12 @@ constexpr std::uint64_t kMinute = 60;
 
 // What two words tell was written at slightly different times.
 std::uint64_t Difference(std::uint64_t more, std::uint64_t less) { return more > less ? more - less : 0; }
+
+// A daemon that may not look at it does not know its boot.
+bool IsSameBoot(const KeldStatusFile &file, const StatusOutside &outside)
+{
+    return file.boot[0] == '\0' || outside.boot == file.boot;
+}
 
 std::string Plural(std::uint64_t count, const char *what)
 {
@@ -61,6 +69,13 @@ std::string StandsText(const KeldStatusFile &file, std::size_t place)
     }
 }
 
+template <class Code, std::size_t Size>
+void AddCounts(StatusCounts &counts, const std::uint64_t (&words)[Size])
+{
+    for (std::size_t i = 0; i < Size; ++i)
+        if (words[i] != 0) counts.emplace_back(JournalWord(static_cast<Code>(i)), words[i]);
+}
+
 StatusThread Thread(const KeldStatusFile &file, std::size_t place, std::uint64_t now)
 {
     const KeldStatusThread &thread = file.threads[place];
@@ -72,16 +87,8 @@ StatusThread Thread(const KeldStatusFile &file, std::size_t place, std::uint64_t
     found.microseconds = Difference(now, StandsSince(thread));
     found.received = thread.taken;
     found.waiting = Difference(file.queued[place], thread.taken);
-    for (std::size_t i = 0; i < kKeldStatusFates; ++i)
-        if (thread.fates[i] != 0)
-            found.fates.emplace_back(file.fates[i][0] != '\0' ? file.fates[i] : fmt::format("fate {}", i),
-                                     thread.fates[i]);
+    AddCounts<JournalFate>(found.fates, thread.fates);
     return found;
-}
-
-std::uint64_t &Count(DeliveryCounts &counts, KeldDelivery delivery)
-{
-    return counts[static_cast<std::size_t>(delivery)];
 }
 
 void TakeCounts(StatusReport &report, const KeldStatusFile &file, const StatusOutside &outside)
@@ -93,8 +100,7 @@ void TakeCounts(StatusReport &report, const KeldStatusFile &file, const StatusOu
     std::uint64_t lastChange = 0;
     for (const KeldStatusThread &thread : file.threads)
         lastChange = std::max(lastChange, StandsSince(thread));
-    const bool sameBoot = outside.boot == file.boot;
-    if (!report.running && sameBoot)
+    if (!report.running && IsSameBoot(file, outside))
         report.endedAt = outside.wall - std::min(outside.wall, Difference(outside.monotonic, lastChange));
     // What a thread stood in when it ended does not last any longer.
     const std::uint64_t now = report.running ? outside.monotonic : lastChange;
@@ -109,17 +115,19 @@ void TakeCounts(StatusReport &report, const KeldStatusFile &file, const StatusOu
     for (std::size_t i = 0; i < kKeldStatusChannels; ++i)
         report.channels.push_back({i < KELLIB_ASYNC_CONTEXTS ? fmt::format("async-{}", i) : "user",
                                    file.channels[i].observations, file.channels[i].bytes,
+                                   file.channels[i].dropped,
                                    outside.sockets ? outside.sockets->waitingBytes[i] : 0});
+    std::uint64_t deliveries[kKeldStatusDeliveries]{};
     for (const KeldStatusThread &thread : file.threads)
-        for (std::size_t i = 0; i < report.deliveries.size(); ++i)
-            report.deliveries[i] += thread.deliveries[i];
-    DeliveryCounts &deliveries = report.deliveries;
-    report.eventsWaiting =
-        Difference(Count(deliveries, KeldDelivery::Waiting),
-                   Count(deliveries, KeldDelivery::Retried) + Count(deliveries, KeldDelivery::Abandoned));
+        for (std::size_t i = 0; i < kKeldStatusDeliveries; ++i)
+            deliveries[i] += thread.deliveries[i];
+    AddCounts<JournalDelivery>(report.deliveries, deliveries);
+    report.eventsWaiting = file.eventsWaiting;
     report.limitMax = file.limitMax;
-    if (outside.wall / kSecond - file.limitSince < kMinute)
-        report.limitUsed = file.limitUsed; // unsigned: as the daemon
+    if (outside.wall / kSecond - file.limitSince < kMinute) { // unsigned: as the daemon
+        report.limitUsed = std::min(file.limitUsed, file.limitMax);
+        report.limited = file.limitUsed - report.limitUsed;
+    }
     report.traceClients = file.traceClients;
     report.lostLogLines = file.lostLogLines;
 }
@@ -140,12 +148,11 @@ public:
 
     void NotRunning()
     {
-        const bool sameBoot = mOutside.boot == mFile.boot;
         const auto phase = static_cast<KeldPhase>(mFile.phase & 0xFF);
         std::string how = fmt::format("process {} ", mFile.process);
         if (phase == KeldPhase::Ended)
             how += fmt::format("has ended with status {}", mFile.phase >> 8 & 0xFF);
-        else if (!sameBoot)
+        else if (!IsSameBoot(mFile, mOutside))
             how += "ended when the host did";
         else
             how += "was killed, or has crashed";
@@ -195,7 +202,7 @@ private:
         std::string what =
             fmt::format("the main thread {} for {}", main.stands, AgeText(main.microseconds));
         if (awaited < kKeldStatusThreads)
-            what += fmt::format(": every channel waits with it; {} {}", mFile.threads[awaited].name,
+            what += fmt::format(": every channel waits with it ({}: {})", mFile.threads[awaited].name,
                                 StandsText(mFile, awaited));
         const std::size_t cause = awaited < kKeldStatusThreads ? awaited : kKeldStatusMainThread;
         if (main.microseconds >= kStuck)
@@ -219,7 +226,7 @@ private:
         const std::uint64_t age = Difference(mOutside.monotonic, StandsSince(thread));
         if (age < kSlow) return;
         Find(age < kStuck ? Health::Degraded : Health::Stuck,
-             fmt::format("{} {} for {}", thread.name, StandsText(mFile, place), AgeText(age)),
+             fmt::format("{}: {} for {}", thread.name, StandsText(mFile, place), AgeText(age)),
              Remedy(place));
     }
 
@@ -271,10 +278,11 @@ private:
         if (mOutside.sockets && !mOutside.sockets->receiver)
             Find(Health::Degraded, "nobody listens for events at carad-pling.sock",
                  "start the management agent; until then events wait");
-        if (mReport.limitMax != 0 && mReport.limitUsed > mReport.limitMax)
+        if (mReport.limited != 0)
             Find(Health::Degraded,
-                 fmt::format("{} of {} events in this minute were too many and are dropped",
-                             mReport.limitUsed - mReport.limitMax, mReport.limitUsed),
+                 fmt::format("{} in this minute {} too many, and {} dropped",
+                             Plural(mReport.limited, "event"), mReport.limited == 1 ? "was" : "were",
+                             mReport.limited == 1 ? "is" : "are"),
                  "the log names each of them; see what floods the host");
     }
 
@@ -285,7 +293,7 @@ private:
 
 bool Lives(const KeldStatusFile &file, const StatusOutside &outside)
 {
-    return outside.process && outside.process->start == file.processStart && outside.boot == file.boot &&
+    return outside.process && outside.process->start == file.processStart && IsSameBoot(file, outside) &&
            outside.process->state != 'Z' && outside.process->state != 'X';
 }
 
@@ -344,26 +352,4 @@ std::string AgeText(std::uint64_t microseconds)
     if (seconds < 3600) return fmt::format("{} min {} s", seconds / 60, seconds % 60);
     if (seconds < 86400) return fmt::format("{} h {} min", seconds / 3600, seconds / 60 % 60);
     return fmt::format("{} d {} h", seconds / 86400, seconds / 3600 % 24);
-}
-
-const char *DeliveryText(KeldDelivery delivery)
-{
-    static constexpr const char *kTexts[] = {
-        "delivered at once",        "put off",
-        "delivered by a later try", "given up after five tries",
-        "too many in a minute",     "event type too long",
-        "arguments too large",      "no memory",
-    };
-    static_assert(std::size(kTexts) == static_cast<std::size_t>(KeldDelivery::Count));
-    return kTexts[static_cast<std::size_t>(delivery)];
-}
-
-const char *DeliveryWord(KeldDelivery delivery)
-{
-    static constexpr const char *kWords[] = {
-        "delivered", "put_off",     "delivered_later",     "abandoned",
-        "limited",   "id_too_long", "arguments_too_large", "no_memory",
-    };
-    static_assert(std::size(kWords) == static_cast<std::size_t>(KeldDelivery::Count));
-    return kWords[static_cast<std::size_t>(delivery)];
 }

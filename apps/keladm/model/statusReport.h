@@ -22,6 +22,9 @@ struct StatusFinding {
     std::string Text() const { return remedy.empty() ? what : what + "; " + remedy; }
 };
 
+// Those that have happened, by their words.
+using StatusCounts = std::vector<std::pair<std::string, std::uint64_t>>;
+
 struct StatusThread {
     std::string name;
     bool alive = true;
@@ -29,18 +32,17 @@ struct StatusThread {
     std::string stands;             // "posting, waits for the receiver"
     std::uint64_t microseconds = 0; // for so long
     std::uint64_t received = 0;
-    std::uint64_t waiting = 0;                                // in its pipe
-    std::vector<std::pair<std::string, std::uint64_t>> fates; // those that came
+    std::uint64_t waiting = 0; // in its pipe
+    StatusCounts fates;        // those that came
 };
 
 struct StatusChannel {
     std::string name; // "async-3", "user"
     std::uint64_t observations = 0;
     std::uint64_t bytes = 0;
+    std::uint64_t dropped = 0;      // datagrams and packets
     std::uint64_t waitingBytes = 0; // as StatusSockets::waitingBytes
 };
-
-using DeliveryCounts = std::array<std::uint64_t, static_cast<std::size_t>(KeldDelivery::Count)>;
 
 struct StatusReport {
     std::vector<StatusFinding> findings; // never empty, the worst first
@@ -54,9 +56,10 @@ struct StatusReport {
     std::vector<StatusThread> agents;
     std::uint64_t observations = 0, unwanted = 0;
     std::vector<StatusChannel> channels;
-    DeliveryCounts deliveries{};
+    StatusCounts deliveries;                   // of events; "waiting" counts every try that failed
     std::uint64_t eventsWaiting = 0;           // for another try
     std::uint64_t limitUsed = 0, limitMax = 0; // events in this minute
+    std::uint64_t limited = 0;                 // and those that were too many
     std::uint64_t traceClients = 0, lostLogLines = 0;
     std::optional<StatusSockets> sockets;
 
@@ -70,9 +73,5 @@ StatusReport JudgeStatus(const StatusFile &file, const StatusOutside &outside,
 
 // "4.2 s", "3 min 12 s", "5 h 10 min", "12 d 3 h".
 std::string AgeText(std::uint64_t microseconds);
-
-// "delivered", "given up": for people; "too_long" and the like: for programs.
-const char *DeliveryText(KeldDelivery delivery);
-const char *DeliveryWord(KeldDelivery delivery);
 
 #endif

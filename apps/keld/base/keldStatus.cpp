@@ -28,7 +28,6 @@ KeldStatusThread nobody{}; // where threads without a place count
 thread_local KeldStatusThread *own = &nobody;
 thread_local std::uint64_t beforeLog = 0;     // what the thread stood in when it began to wait for the log
 KeldStatusChannel *channel = status.channels; // main thread only
-std::atomic<std::size_t> nextAgent{kKeldStatusFirstAgent};
 
 std::uint64_t Get(std::uint64_t &word) { return std::atomic_ref(word).load(std::memory_order_relaxed); }
 void Put(std::uint64_t &word, std::uint64_t value)
@@ -135,7 +134,7 @@ void ObserveLog(KSyslogMoment moment)
 
 } // namespace
 
-void KeldStatusOpen(const char *version, const char *const *fates)
+void KeldStatusOpen(const char *version)
 {
     std::memcpy(status.magic, kKeldStatusMagic, sizeof status.magic);
     status.version = kKeldStatusVersion;
@@ -146,8 +145,6 @@ void KeldStatusOpen(const char *version, const char *const *fates)
     char boot[64];
     PutText(status.boot, sizeof status.boot, FirstLine("/proc/sys/kernel/random/boot_id", boot));
     PutText(status.daemonVersion, sizeof status.daemonVersion, version);
-    for (auto &name : status.fates)
-        if (fates != nullptr && *fates != nullptr) PutText(name, sizeof name, *fates++);
     KeldStatusThread &alarm = status.threads[kKeldStatusAlarmThread]; // runs already, and does nothing yet
     PutText(alarm.name, sizeof alarm.name, "KeldAlarm");
     Put(alarm.state, StateWord(static_cast<unsigned>(KeldStanding::Idle)));
@@ -174,22 +171,18 @@ void KeldStatusObservation(std::size_t bytes, bool wanted)
     Add(channel->bytes, bytes);
 }
 
+void KeldStatusDropped(std::size_t number) { Add(status.channels[number].dropped); }
+
 void KeldStatusQueued(std::size_t agent, std::uint64_t count)
 {
-    if (agent < kKeldStatusThreads) Put(status.queued[agent], count);
-}
-
-void KeldStatusThreadBegins(const char *name)
-{
-    const std::size_t place = nextAgent.fetch_add(1, std::memory_order_relaxed);
-    if (place < kKeldStatusThreads) Take(place, name);
+    if (agent < kKeldStatusAgents) Put(status.queued[kKeldStatusFirstAgent + agent], count);
 }
 
 void KeldStatusAlarmThreadBegins() { own = &status.threads[kKeldStatusAlarmThread]; }
 
-std::size_t KeldStatusPlace()
+void KeldStatusAgentBegins(std::size_t number, const char *name)
 {
-    return own == &nobody ? kKeldStatusThreads : static_cast<std::size_t>(own - status.threads);
+    if (number < kKeldStatusAgents) Take(kKeldStatusFirstAgent + number, name);
 }
 
 void KeldStatusStands(KeldStanding standing)
@@ -209,12 +202,19 @@ void KeldStatusTaken()
     KeldStatusStands(KeldStanding::Works);
 }
 
-void KeldStatusFate(std::size_t fate)
+void KeldStatusFate(JournalFate fate)
 {
-    if (fate < kKeldStatusFates) Add(own->fates[fate]);
+    static_assert(static_cast<std::size_t>(JournalFate::Lost) < kKeldStatusFates);
+    Add(own->fates[static_cast<std::size_t>(fate)]);
 }
 
-void KeldStatusEvent(KeldDelivery delivery) { Add(own->deliveries[static_cast<std::size_t>(delivery)]); }
+void KeldStatusEvent(JournalDelivery state)
+{
+    static_assert(static_cast<std::size_t>(JournalDelivery::LostAtExit) < kKeldStatusDeliveries);
+    Add(own->deliveries[static_cast<std::size_t>(state)]);
+}
+
+void KeldStatusEventsWaiting(std::size_t count) { Put(status.eventsWaiting, count); }
 
 void KeldStatusLimit(std::uint64_t sinceSeconds, std::uint64_t used, std::uint64_t max)
 {

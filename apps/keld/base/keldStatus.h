@@ -9,14 +9,15 @@
 
 #include <kltlibs/statusfile.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
 // ---- Main thread ------------------------------------------------------------------------------------
 
 // Puts keld-status in its place. Once, when the run directory is this daemon's, before any agent starts.
-// version: of the daemon. fates: their names, ended by a null; more than there is room for are left out.
-void KeldStatusOpen(const char *version, const char *const *fates);
+// version: of the daemon.
+void KeldStatusOpen(const char *version);
 
 void KeldStatusPhase(KeldPhase phase, int exitStatus = 0);
 void KeldStatusAgentStarts();
@@ -24,14 +25,14 @@ void KeldStatusAgentStarts();
 // channel: the one from which the observations that follow come.
 void KeldStatusReads(std::size_t channel);
 void KeldStatusObservation(std::size_t bytes, bool wanted);
-void KeldStatusQueued(std::size_t agent, std::uint64_t count); // agent: what KeldStatusPlace gave it
+void KeldStatusDropped(std::size_t channel);
+void KeldStatusQueued(std::size_t agent, std::uint64_t count); // agent: its number
 
 // ---- Any thread -------------------------------------------------------------------------------------
 
-// Gives the calling thread a place under that name; beyond the last, none. An agent, once.
-void KeldStatusThreadBegins(const char *name);
-void KeldStatusAlarmThreadBegins(); // the alarm thread, which has its own; it idles until it says otherwise
-std::size_t KeldStatusPlace();      // of the calling thread; kKeldStatusThreads without one
+// The calling thread is that one from now on. Agents are numbered from 0; one beyond the last has no place.
+void KeldStatusAlarmThreadBegins(); // idle, until it says otherwise
+void KeldStatusAgentBegins(std::size_t number, const char *name);
 
 // What the calling thread stands in from now on.
 void KeldStatusStands(KeldStanding standing);
@@ -42,7 +43,9 @@ public:
     explicit KeldStatusScope(KeldStanding standing) : KeldStatusScope(static_cast<unsigned>(standing)) {}
     static KeldStatusScope Pipe(std::size_t agent)
     {
-        return KeldStatusScope(static_cast<unsigned>(KeldStanding::Pipe) + static_cast<unsigned>(agent));
+        return KeldStatusScope(
+            static_cast<unsigned>(KeldStanding::Pipe) +
+            static_cast<unsigned>(kKeldStatusFirstAgent + std::min(agent, kKeldStatusAgents - 1)));
     }
     ~KeldStatusScope();
     KeldStatusScope(const KeldStatusScope &) = delete;
@@ -54,8 +57,9 @@ private:
 };
 
 void KeldStatusTaken(); // one observation goes to its handler: the calling agent works on it from now on
-void KeldStatusFate(std::size_t fate);
-void KeldStatusEvent(KeldDelivery delivery);
+void KeldStatusFate(JournalFate fate);
+void KeldStatusEvent(JournalDelivery state);
+void KeldStatusEventsWaiting(std::size_t count);
 void KeldStatusLimit(std::uint64_t sinceSeconds, std::uint64_t used, std::uint64_t max);
 void KeldStatusTraceClients(std::size_t count);
 

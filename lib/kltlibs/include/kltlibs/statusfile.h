@@ -12,6 +12,7 @@
 #ifndef KLTLIBS_STATUSFILE_H
 #define KLTLIBS_STATUSFILE_H
 
+#include "kltlibs/journalrecord.h"
 #include "kltlibs/kel.h"
 
 #include <cstddef>
@@ -23,8 +24,9 @@ inline constexpr const char *kKeldStatusName = "keld-status";
 
 inline constexpr std::size_t kKeldStatusMainThread = 0;
 inline constexpr std::size_t kKeldStatusAlarmThread = 1;
-inline constexpr std::size_t kKeldStatusFirstAgent = 2; // in the order in which they began
-inline constexpr std::size_t kKeldStatusThreads = kKeldStatusFirstAgent + 32;
+inline constexpr std::size_t kKeldStatusFirstAgent = 2; // and the others behind it, by their numbers
+inline constexpr std::size_t kKeldStatusAgents = 32;
+inline constexpr std::size_t kKeldStatusThreads = kKeldStatusFirstAgent + kKeldStatusAgents;
 inline constexpr std::size_t kKeldStatusChannels = KELLIB_ASYNC_CONTEXTS + 1; // the last is the producers'
 inline constexpr std::size_t kKeldStatusFates = 20;
 inline constexpr std::size_t kKeldStatusDeliveries = 10;
@@ -46,32 +48,20 @@ enum class KeldStanding : std::uint8_t {
 };
 inline constexpr unsigned kKeldStandingBits = 8;
 
-// What became of an event. Each is counted by the thread on which it happened.
-enum class KeldDelivery : std::uint8_t {
-    Delivered = 0, // handed over at the first try
-    Waiting = 1,   // put on the retry list; what becomes of it there is counted once more
-    Retried = 2,   // handed over by a later try
-    Abandoned = 3, // given up after five of them
-    Limited = 4,   // one too many in its minute
-    IdTooLong = 5,
-    ArgumentsTooLarge = 6,
-    NoMemory = 7,
-    Count
-};
-
 enum class KeldPhase : std::uint8_t { Begins = 0, Serves = 1, Leaves = 2, Ended = 3 };
 
 struct KeldStatusThread {
     char name[64];
     std::uint64_t state;                             // since when << 8 | KeldStanding
     std::uint64_t taken;                             // observations that were handed to a handler
-    std::uint64_t deliveries[kKeldStatusDeliveries]; // by KeldDelivery
-    std::uint64_t fates[kKeldStatusFates]; // what became of observations, by KeldStatusFile::fates
+    std::uint64_t deliveries[kKeldStatusDeliveries]; // of events, told on this thread: by JournalDelivery
+    std::uint64_t fates[kKeldStatusFates];           // of observations: by JournalFate
 };
 
 struct KeldStatusChannel {
     std::uint64_t observations;
     std::uint64_t bytes;
+    std::uint64_t dropped; // datagrams and packets that held something else
 };
 
 struct KeldStatusFile {
@@ -87,7 +77,7 @@ struct KeldStatusFile {
 
     // By whichever thread it concerns.
     std::uint64_t phase;         // exit status << 8 | KeldPhase
-    std::uint64_t agentsStarted; // how many agents there should be
+    std::uint64_t eventsWaiting; // for another try, at present
     std::uint64_t limitSince;    // when the minute of the event limit began: seconds, wall clock
     std::uint64_t limitUsed;     // events in that minute, those that were too many included
     std::uint64_t limitMax;
@@ -96,23 +86,24 @@ struct KeldStatusFile {
     std::uint64_t traceClients;  // at present
 
     // By the main thread.
-    std::uint64_t observations; // that came in
-    std::uint64_t unwanted;     // of them, those that no agent has subscribed to
-    std::uint64_t spare[6];
+    std::uint64_t observations;  // that came in
+    std::uint64_t unwanted;      // of them, those that no agent has subscribed to
+    std::uint64_t agentsStarted; // how many agents there should be
+    std::uint64_t spare[5];
     std::uint64_t queued[kKeldStatusThreads]; // observations that were given to each agent
     KeldStatusChannel channels[kKeldStatusChannels];
 
-    char fates[kKeldStatusFates][32]; // how each is called; empty behind the last
+    std::uint64_t spareToo;
+
     KeldStatusThread threads[kKeldStatusThreads];
-    char unused[3968]; // to whole pages
+    char unused[320]; // to whole pages
 };
 static_assert(offsetof(KeldStatusFile, phase) == 128);
 static_assert(offsetof(KeldStatusFile, observations) == 192, "the main thread has cache lines of its own");
 static_assert(offsetof(KeldStatusFile, queued) == 256);
 static_assert(offsetof(KeldStatusFile, channels) == 528);
-static_assert(offsetof(KeldStatusFile, fates) == 896);
-static_assert(offsetof(KeldStatusFile, threads) == 1536);
+static_assert(offsetof(KeldStatusFile, threads) == 1088);
 static_assert(sizeof(KeldStatusThread) == 320, "each thread has cache lines of its own");
-static_assert(sizeof(KeldStatusFile) == 16384);
+static_assert(sizeof(KeldStatusFile) == 12288);
 
 #endif
