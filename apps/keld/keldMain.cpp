@@ -17,6 +17,7 @@
 #include "keldChannel.h"
 #include "keldDispatch.h"
 #include "keldDomains.h"
+#include "keldJournal.h"
 #include "keldLog.h"
 #include "keldPling.h"
 #include "keldSignal.h"
@@ -89,6 +90,7 @@ int Refuse(const char *what, int error);
 int RefuseChannel(const KeldChannel &channel, int error);
 void TellReady();
 void TellEnd(int code);
+void TellJournalEnd(int code);
 
 } // namespace
 
@@ -111,6 +113,7 @@ int KeldMain(int argc, char **argv, bool optionalAgents)
     KeldLog("Exiting. rc:%d\n", code);
     KeldStatusPhase(KeldPhase::Ended, code);
     if (started) TellEnd(code);
+    if (started) TellJournalEnd(code);
     return code;
 }
 
@@ -176,6 +179,8 @@ int Daemon::Start(bool asyncEnable, bool optionalAgents)
     }
     (void)mPoll.Grow(kSlotsMax); // without memory for it, without producers
     KeldAgentAwaitAll();
+    if ((error = KeldJournalOpen(KELD_VERSION)) != 0)
+        KeldLog("Journal socket cannot be opened: %s\n", std::strerror(error));
     return 0;
 }
 
@@ -190,7 +195,9 @@ int RefuseChannel(const KeldChannel &channel, int error)
 {
     char path[KLT_RUN_PATH_BYTES] = "";
     const char *remedy = "";
-    if (KltRunDir_Path("kel", path, sizeof path) != 0)
+    const bool isUser = channel.context == KELLIB_USER_CONTEXT;
+    const std::string name = isUser ? "user" : "async-" + std::to_string(channel.context);
+    if (KltRunDir_Path(("kel/" + name + ".sock").c_str(), path, sizeof path) != 0)
         remedy = "KALTOR_RUN_DIR must be an absolute path of at most 80 bytes";
     else if (error == EBUSY)
         remedy = "another keld serves this run directory; stop it, or set KALTOR_RUN_DIR to another one";
@@ -198,8 +205,7 @@ int RefuseChannel(const KeldChannel &channel, int error)
         remedy = "run it as root, or set KALTOR_RUN_DIR to a directory of your own";
     else
         remedy = "the system log has the step that failed";
-    KeldTell("cannot start: %s: channel %d cannot be opened: %s; %s", path,
-             static_cast<int>(channel.context), std::strerror(error), remedy);
+    KeldTell("cannot start: %s: %s; %s", path, std::strerror(error), remedy);
     return error;
 }
 
@@ -218,6 +224,13 @@ void TellEnd(int code)
     KeldTell("ended with status %d; %zu events were waiting for a retry, %" PRIu64
              " observations were left in pipes",
              code, KeldPlingWaiting(), KeldDispatchWaiting());
+}
+
+void TellJournalEnd(int code)
+{
+    KeldDispatchTellLost();
+    KeldPlingTellLost();
+    KeldJournalEnd({code, KeldDispatchCount(), KeldPlingCount()});
 }
 
 int EnableAsyncObservations()
@@ -273,7 +286,8 @@ int Daemon::HandleSlot(std::size_t *index)
         if ((events & POLLIN) != 0) KeldTraceAccept(slot.fd);
     } else {
         // What a producer's connection could not deliver is no reason to end.
-        const bool unread = (events & POLLIN) == 0 || KeldReadChannel(slot.fd, &mBuffer) != 0;
+        const bool unread =
+            (events & POLLIN) == 0 || KeldReadChannel(slot.fd, KELLIB_USER_CONTEXT, &mBuffer) != 0;
         close = unread && (events & kBroken) != 0;
     }
     if (close && CloseProducer(at)) {
@@ -289,7 +303,7 @@ int Daemon::ReadKernelChannel(KeldChannel *channel)
 {
     int fd = -1;
     (void)KelLib_HandleToFd(channel->handle, &fd);
-    const int code = KeldReadChannel(fd, &mBuffer);
+    const int code = KeldReadChannel(fd, static_cast<std::int32_t>(channel->context), &mBuffer);
     if (code != KELLIB_STATUS_TOO_SMALL) return code;
     (void)KelLib_Reset(channel->handle); // what waits there can never be read: it is lost
     return 0;

@@ -25,7 +25,7 @@ int Dispatch(std::initializer_list<RecordBytes> records)
     RecordBytes batch;
     for (const RecordBytes &record : records)
         batch.insert(batch.end(), record.begin(), record.end());
-    return KeldDispatch(batch.data(), batch.size());
+    return KeldDispatch(KELLIB_USER_CONTEXT, batch.data(), batch.size());
 }
 
 RecordBytes LinkDown(const char *nic) { return MakeRecord("kel.net.vmnic.linkstate.down", "%s", nic); }
@@ -73,12 +73,12 @@ protected:
         return registered;
     }
 
-    // One reading, as an agent does when its pipe is readable: the record's first argument, "again",
-    // "refused", "failed", or "nothing" when it is not readable.
+    // One reading, as an agent does when its pipe is readable, or was read ahead: the record's first
+    // argument, "again", "refused", "failed", or "nothing" when it is not readable.
     static std::string Read(KeldStream *stream)
     {
         pollfd readable{stream->readFd.Get(), POLLIN, 0};
-        if (poll(&readable, 1, 0) != 1) return "nothing";
+        if (!KeldStreamHoldsKel(stream) && poll(&readable, 1, 0) != 1) return "nothing";
         Kel *kel = nullptr;
         bool complete = false;
         const int code = KeldStreamReadKel(stream, &kel, &complete);

@@ -12,7 +12,7 @@
 namespace {
 
 // Who has said the fate: the later ones are not overruled by the earlier.
-enum class Said { Not, ByFramework, ByHandler };
+enum class Said { Not, ByFramework, ByHandler, ByEvent };
 
 struct Present {
     KeldOrigin origin;
@@ -47,7 +47,9 @@ void KeldSay(KeldFate fate, const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    Say(Said::ByHandler, fate, format, args);
+    // What is gathered, or has failed, is not done with when an event was posted.
+    const bool goesOn = fate == KeldFate::Gathered || fate == KeldFate::HandlerFailed;
+    Say(goesOn ? Said::ByEvent : Said::ByHandler, fate, format, args);
     va_end(args);
 }
 
@@ -83,14 +85,26 @@ KeldHandling::KeldHandling(KeldOrigin origin)
 KeldHandling::~KeldHandling()
 {
     Present &present = tPresent;
-    if (present.said == Said::Not) gMissing.fetch_add(1, std::memory_order_relaxed);
+    if (present.said == Said::Not)
+        gMissing.fetch_add(1, std::memory_order_relaxed);
+    else if (present.origin.count != 0)
+        KeldJournalTell([&] { return JournalFateEntry{present.origin, present.fate, present.text}; });
     present.origin = {};
     present.handling = false;
 }
 
 KeldOrigins::KeldOrigins() { tPresent.origins = this; }
 
-KeldOrigins::~KeldOrigins() { tPresent.origins = nullptr; }
+KeldOrigins::~KeldOrigins()
+{
+    tPresent.origins = nullptr;
+    if (mCount == 0) return;
+    if (mOutcome == KeldOutcome{}) mOutcome = mPosted ? KeldOutcome::Posted : KeldOutcome::Discarded;
+    KeldJournalTell([this] {
+        const auto named = Named();
+        return JournalOutcomeEntry{mOutcome, {named.begin(), named.end()}, Unnamed(), mText};
+    });
+}
 
 void KeldOrigins::Add(KeldOrigin origin)
 {
@@ -112,10 +126,13 @@ KeldCause::KeldCause()
 {
     if (KeldOrigins *origins = tPresent.origins) {
         origins->mPosted = true;
-        named = {origins->mNamed.data(), std::min(origins->mCount, kKeldOriginsMax)};
-        unnamed = origins->mCount - named.size();
+        named = origins->Named();
+        unnamed = origins->Unnamed();
         return;
     }
     if (tPresent.origin.count != 0) named = {&tPresent.origin, 1};
-    KeldSayByItself(KeldFate::Posted, "%s", "");
+    if (!tPresent.handling) return;
+    tPresent.said = Said::ByEvent;
+    tPresent.fate = KeldFate::Posted;
+    tPresent.text[0] = '\0';
 }

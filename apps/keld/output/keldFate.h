@@ -7,7 +7,8 @@
 //     KeldSay(KeldFate::HeldBack, "within 90 s of the last one for %s; posts again after %s", directory,
 //             KeldTimeOfDay(begun + 90).text);
 //
-// Of several that a handler says the last one holds, and each before what the framework knows. A handler
+// Of several that a handler says the last one holds, and each before what the framework knows; an event
+// that is posted holds before all, unless the observation is gathered, too, or its handler fails. A handler
 // that returns without a fate has a fault, which is counted.
 //
 // What is gathered keeps its KeldOrigin. Whoever deals with it later names the origins, so that events come
@@ -24,6 +25,7 @@
 
 #include <kltlibs/journalrecord.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -66,6 +68,9 @@ public:
 
 private:
     friend struct KeldCause;
+    std::span<const KeldOrigin> Named() const { return {mNamed.data(), std::min(mCount, kKeldOriginsMax)}; }
+    std::uint32_t Unnamed() const { return static_cast<std::uint32_t>(mCount - Named().size()); }
+
     std::array<KeldOrigin, kKeldOriginsMax> mNamed;
     std::size_t mCount = 0;
     bool mPosted = false;
@@ -95,7 +100,7 @@ bool KeldHasFate();
 struct KeldCause {
     KeldCause();
     std::span<const KeldOrigin> named;
-    std::size_t unnamed = 0; // how many more
+    std::uint32_t unnamed = 0; // how many more
 };
 
 // How many handlers have returned without a fate. Any thread.
