@@ -81,8 +81,7 @@ void ShowCounts(Output &out, const StatusReport &report)
     if (report.endedAt != 0) Row(out, "last seen", LocalTime(report.endedAt).substr(0, 19));
     Row(out, "main thread", ThreadText(report.main));
     Row(out, "alarm thread", ThreadText(report.alarm));
-    Row(out, "observations",
-        fmt::format("{}, of them {} that no agent wants", report.observations, report.unwanted));
+    Row(out, "observations", fmt::format("{} came in", report.observations));
     Row(out, "events", CountsText(report.deliveries));
     if (report.eventsWaiting != 0)
         Row(out, "", fmt::format("{} of them wait for another try now", report.eventsWaiting));

@@ -47,7 +47,6 @@ void AddCounts(ordered_json &json, const StatusReport &report)
     for (const StatusThread &agent : report.agents)
         json["agents"].push_back(AgentJson(agent));
     json["observations"] = report.observations;
-    json["unwanted"] = report.unwanted;
     json["channels"] = ordered_json::array();
     for (const StatusChannel &channel : report.channels)
         json["channels"].push_back({{"name", channel.name},
@@ -141,8 +140,6 @@ void AddCounts(Metrics &metrics, const StatusReport &report)
     metrics.Alone("start_time_seconds", "gauge", "When the daemon was started, since the epoch.",
                   Seconds(report.startedAt));
     metrics.Alone("observations_total", "counter", "Observations that came in.", report.observations);
-    metrics.Alone("observations_unwanted_total", "counter", "Observations that no agent has subscribed to.",
-                  report.unwanted);
     metrics.Name("channel_observations_total", "counter", "Observations that came in through the channel.");
     for (const StatusChannel &channel : report.channels)
         metrics.Value("channel", channel.name, channel.observations);

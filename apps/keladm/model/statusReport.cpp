@@ -110,7 +110,6 @@ void TakeCounts(StatusReport &report, const KeldStatusFile &file, const StatusOu
         if (Standing(file.threads[place]) != KeldStanding::Unused)
             report.agents.push_back(Thread(file, place, now));
     report.observations = file.observations;
-    report.unwanted = file.unwanted;
     report.sockets = outside.sockets;
     for (std::size_t i = 0; i < kKeldStatusChannels; ++i)
         report.channels.push_back({i < KELLIB_ASYNC_CONTEXTS ? fmt::format("async-{}", i) : "user",
@@ -270,11 +269,10 @@ private:
     {
         if (mReport.eventsWaiting != 0)
             Find(Health::Degraded,
-                 fmt::format("{} for the management agent, which did not take them",
-                             mReport.eventsWaiting == 1
-                                 ? "1 event waits"
-                                 : fmt::format("{} events wait", mReport.eventsWaiting)),
-                 "they are tried every 3 minutes, 5 times; then they are given up");
+                 fmt::format("{} {} for the management agent to take events again",
+                             Plural(mReport.eventsWaiting, "event"),
+                             mReport.eventsWaiting == 1 ? "waits" : "wait"),
+                 "each is tried every 3 minutes, 5 times, and then given up");
         if (mOutside.sockets && !mOutside.sockets->receiver)
             Find(Health::Degraded, "nobody listens for events at carad-pling.sock",
                  "start the management agent; until then events wait");

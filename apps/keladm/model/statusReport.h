@@ -54,7 +54,7 @@ struct StatusReport {
     std::string version;
     StatusThread main, alarm;
     std::vector<StatusThread> agents;
-    std::uint64_t observations = 0, unwanted = 0;
+    std::uint64_t observations = 0;
     std::vector<StatusChannel> channels;
     StatusCounts deliveries;                   // of events; "waiting" counts every try that failed
     std::uint64_t eventsWaiting = 0;           // for another try

@@ -163,10 +163,9 @@ void KeldStatusAgentStarts() { Add(status.agentsStarted); }
 
 void KeldStatusReads(std::size_t number) { channel = &status.channels[number]; }
 
-void KeldStatusObservation(std::size_t bytes, bool wanted)
+void KeldStatusObservation(std::size_t bytes)
 {
     Add(status.observations);
-    if (!wanted) Add(status.unwanted);
     Add(channel->observations);
     Add(channel->bytes, bytes);
 }

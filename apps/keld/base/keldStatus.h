@@ -24,7 +24,7 @@ void KeldStatusAgentStarts();
 
 // channel: the one from which the observations that follow come.
 void KeldStatusReads(std::size_t channel);
-void KeldStatusObservation(std::size_t bytes, bool wanted);
+void KeldStatusObservation(std::size_t bytes);
 void KeldStatusDropped(std::size_t channel);
 void KeldStatusQueued(std::size_t agent, std::uint64_t count); // agent: its number
 

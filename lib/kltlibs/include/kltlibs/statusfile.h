@@ -87,9 +87,8 @@ struct KeldStatusFile {
 
     // By the main thread.
     std::uint64_t observations;  // that came in
-    std::uint64_t unwanted;      // of them, those that no agent has subscribed to
     std::uint64_t agentsStarted; // how many agents there should be
-    std::uint64_t spare[5];
+    std::uint64_t spare[6];
     std::uint64_t queued[kKeldStatusThreads]; // observations that were given to each agent
     KeldStatusChannel channels[kKeldStatusChannels];
 
