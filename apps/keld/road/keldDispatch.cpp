@@ -355,7 +355,7 @@ int KeldStreamReadKel(KeldStream *stream, Kel **kel, bool *complete)
     if (Kel_MakeKel(record.get(), total, kel) != 0) return 1;
     (void)record.release();
     ahead.Take(total);
-    ++stream->taken;
+    stream->taken.store(stream->taken.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     KeldStatusTaken();
     *complete = true;
     return 0;
