@@ -89,6 +89,7 @@ int EnableAsyncObservations();
 int Refuse(const char *what, int error);
 int RefuseChannel(const KeldChannel &channel, int error);
 void TellReady();
+void TellDropped(std::int32_t channel, std::size_t bytes, const char *why);
 void TellEnd(int code);
 void TellJournalEnd(int code);
 
@@ -162,6 +163,7 @@ int Daemon::Start(bool asyncEnable, bool optionalAgents)
         mPoll.Append(fd);
     }
     KeldStatusOpen(KELD_VERSION); // no other daemon has the run directory now
+    KelLib_SetDropObserver(TellDropped);
     const int traceListener = KeldTraceOpen(nullptr);
     if (traceListener < 0) KeldLog("Trace socket cannot be opened: %s\n", std::strerror(errno));
     mPoll.Append(traceListener); // without one, the slot stays empty
@@ -233,6 +235,12 @@ void TellJournalEnd(int code)
     KeldJournalEnd({code, KeldDispatchCount(), KeldPlingCount()});
 }
 
+void TellDropped(std::int32_t channel, std::size_t bytes, const char *why)
+{
+    KeldStatusDropped(static_cast<std::size_t>(channel));
+    KeldJournalTell([=] { return JournalDropped{channel, bytes, why}; });
+}
+
 int EnableAsyncObservations()
 {
     const KifParamListPtr name(KIF_ParamListCreate());
@@ -277,7 +285,6 @@ int Daemon::HandleSlot(std::size_t *index)
     const short events = slot.revents;
     int code = 0;
     bool close = false;
-    KeldStatusReads(std::min(at, kUserSlot));
     if (at < kUserSlot) {
         if ((events & POLLIN) != 0) code = ReadKernelChannel(&mChannels[at]);
     } else if (at == kUserSlot) {
@@ -306,6 +313,7 @@ int Daemon::ReadKernelChannel(KeldChannel *channel)
     const int code = KeldReadChannel(fd, static_cast<std::int32_t>(channel->context), &mBuffer);
     if (code != KELLIB_STATUS_TOO_SMALL) return code;
     (void)KelLib_Reset(channel->handle); // what waits there can never be read: it is lost
+    TellDropped(static_cast<std::int32_t>(channel->context), 0, "it does not fit the largest buffer");
     return 0;
 }
 
@@ -318,6 +326,7 @@ void Daemon::AcceptProducer()
     } else {
         (void)KelLib_UserContextCloseCnx(fd);
         KeldTellLoss(KeldLoss::Producers, 1);
+        TellDropped(KELLIB_USER_CONTEXT, 0, "a connection: the daemon serves eight at a time");
     }
 }
 

@@ -26,8 +26,7 @@ alignas(kPageBytes) KeldStatusFile status{};
 KeldStatusThread nobody{}; // where threads without a place count
 
 thread_local KeldStatusThread *own = &nobody;
-thread_local std::uint64_t beforeLog = 0;     // what the thread stood in when it began to wait for the log
-KeldStatusChannel *channel = status.channels; // main thread only
+thread_local std::uint64_t beforeLog = 0; // what the thread stood in when it began to wait for the log
 
 std::uint64_t Get(std::uint64_t &word) { return std::atomic_ref(word).load(std::memory_order_relaxed); }
 void Put(std::uint64_t &word, std::uint64_t value)
@@ -161,16 +160,18 @@ void KeldStatusPhase(KeldPhase phase, int exitStatus)
 
 void KeldStatusAgentStarts() { Add(status.agentsStarted); }
 
-void KeldStatusReads(std::size_t number) { channel = &status.channels[number]; }
-
-void KeldStatusObservation(std::size_t bytes)
+void KeldStatusObservation(std::size_t channel, std::size_t bytes)
 {
     Add(status.observations);
-    Add(channel->observations);
-    Add(channel->bytes, bytes);
+    if (channel >= kKeldStatusChannels) return;
+    Add(status.channels[channel].observations);
+    Add(status.channels[channel].bytes, bytes);
 }
 
-void KeldStatusDropped(std::size_t number) { Add(status.channels[number].dropped); }
+void KeldStatusDropped(std::size_t channel)
+{
+    if (channel < kKeldStatusChannels) Add(status.channels[channel].dropped);
+}
 
 void KeldStatusQueued(std::size_t agent, std::uint64_t count)
 {

@@ -22,9 +22,8 @@ void KeldStatusOpen(const char *version);
 void KeldStatusPhase(KeldPhase phase, int exitStatus = 0);
 void KeldStatusAgentStarts();
 
-// channel: the one from which the observations that follow come.
-void KeldStatusReads(std::size_t channel);
-void KeldStatusObservation(std::size_t bytes);
+// channel: a context's number.
+void KeldStatusObservation(std::size_t channel, std::size_t bytes);
 void KeldStatusDropped(std::size_t channel);
 void KeldStatusQueued(std::size_t agent, std::uint64_t count); // agent: its number
 

@@ -112,7 +112,7 @@ int KeldDispatch(std::int32_t channel, const std::byte *buffer, std::size_t byte
         KeldTraceIn(buffer + at);
         initials |= KeldInitial(IdOf(buffer + at));
         ++streams.observations;
-        KeldStatusObservation(KelRecord_TotalLength(buffer + at));
+        KeldStatusObservation(static_cast<std::size_t>(channel), KelRecord_TotalLength(buffer + at));
     }
     bool someAreFull = false;
     for (const auto &stream : streams.list) {
