@@ -120,6 +120,11 @@ bool NeedsHandClock(std::span<const ScenarioStep> steps)
     });
 }
 
+bool ExpectsAnything(std::span<const ScenarioStep> steps)
+{
+    return CountOf<ExpectAction>(steps) + CountOf<LogAction>(steps) > 0;
+}
+
 std::vector<ScenarioStep> ParseScenario(std::string_view text)
 {
     Builder builder;

@@ -107,6 +107,21 @@ std::vector<ScenarioStep> ParseScenario(std::string_view text);
 // True for a scenario that plays on a clock moved by hand.
 bool NeedsHandClock(std::span<const ScenarioStep> steps);
 
+// Whether any line expects an event, or a line of the log.
+bool ExpectsAnything(std::span<const ScenarioStep> steps);
+
+// How often a kind of action is played.
+template <typename Action> std::size_t CountOf(std::span<const ScenarioStep> steps)
+{
+    std::size_t count = 0;
+    for (const ScenarioStep &step : steps) {
+        auto repeat = std::get_if<RepeatAction>(&step.action);
+        count += repeat != nullptr ? repeat->count * CountOf<Action>(repeat->steps)
+                                   : std::holds_alternative<Action>(step.action);
+    }
+    return count;
+}
+
 // What keeps the event from being the one that is meant: nothing when it is; "" when its type is another;
 // else the arguments, such as "argument 2 is \"vmnic0\", not vmnic1".
 std::optional<std::string> Difference(const ExpectAction &expected, const std::string &type,

@@ -93,8 +93,8 @@ public:
         const auto entry = mCounts.find(path);
         const std::uint32_t count = entry == mCounts.end() ? 0 : entry->second;
         KeldSay(KeldFate::Counted,
-                "%u %s of %s, posted at %u; below that forgotten after %s, all after %s%s%s", count, mWhat,
-                path.c_str(), kFrequent, KeldTimeOfDay(mLastDecay + kForgetFewSeconds).text,
+                "%s of %s: %u, posted at %u; below that forgotten after %s, all after %s%s%s", mWhat,
+                path.c_str(), count, kFrequent, KeldTimeOfDay(mLastDecay + kForgetFewSeconds).text,
                 KeldTimeOfDay(mLastReset + kForgetAllSeconds).text,
                 *previousState == '\0' ? "" : "; before, it was ", previousState);
         return count == kFrequent;

@@ -104,12 +104,12 @@ void TellDelivery(std::uint64_t event, JournalDelivery state, unsigned tries)
 }
 
 // What a record is built in: memory that each thread keeps from one event to the next, at its first size.
-class RecordBuffer {
+class EventBuffer {
 public:
-    RecordBuffer();
-    ~RecordBuffer();
-    RecordBuffer(const RecordBuffer &) = delete;
-    RecordBuffer &operator=(const RecordBuffer &) = delete;
+    EventBuffer();
+    ~EventBuffer();
+    EventBuffer(const EventBuffer &) = delete;
+    EventBuffer &operator=(const EventBuffer &) = delete;
 
     std::byte *Get() const { return mBytes.get(); } // zeroed at first; null without memory
     std::size_t Size() const { return mSize; }
@@ -123,7 +123,7 @@ private:
 
 void Post(int defer, const char *prefix, std::string_view remainder, const char *format, va_list args);
 bool WithinRate(const char *prefix, std::string_view remainder);
-int PackArguments(RecordBuffer &buffer, std::size_t total, const char *format, va_list args,
+int PackArguments(EventBuffer &buffer, std::size_t total, const char *format, va_list args,
                   std::size_t *used, std::uint32_t *count);
 bool AwaitReceiver(int fd, int error);
 
@@ -173,7 +173,7 @@ namespace {
 void Post(int defer, const char *prefix, std::string_view remainder, const char *format, va_list args)
 {
     const EventJournal journal(prefix, remainder);
-    RecordBuffer buffer;
+    EventBuffer buffer;
     if (buffer.Get() == nullptr) {
         KeldLog("Failed to allocate %zu bytes for prob buffer.\n", kFirstBufferBytes);
         return journal.NotMade(JournalDelivery::NoMemory);
@@ -239,20 +239,20 @@ void EventJournal::NotMade(JournalDelivery why) const
     TellDelivery(mEvent, why, 0);
 }
 
-thread_local MallocPtr<std::byte> RecordBuffer::kept;
+thread_local MallocPtr<std::byte> EventBuffer::kept;
 
-RecordBuffer::RecordBuffer()
+EventBuffer::EventBuffer()
 {
     if (mBytes == nullptr) mBytes.reset(static_cast<std::byte *>(std::malloc(mSize)));
     if (mBytes != nullptr) std::memset(mBytes.get(), 0, mSize);
 }
 
-RecordBuffer::~RecordBuffer()
+EventBuffer::~EventBuffer()
 {
     if (mSize == kFirstBufferBytes) kept = std::move(mBytes);
 }
 
-bool RecordBuffer::Double()
+bool EventBuffer::Double()
 {
     mSize *= 2;
     auto *grown = static_cast<std::byte *>(std::realloc(mBytes.get(), mSize));
@@ -285,7 +285,7 @@ bool WithinRate(const char *prefix, std::string_view remainder)
 // dropped.
 //
 // KEPT: five attempts, the fifth in 18736 bytes; the buffer is doubled once more and never tried.
-int PackArguments(RecordBuffer &buffer, std::size_t total, const char *format, va_list args,
+int PackArguments(EventBuffer &buffer, std::size_t total, const char *format, va_list args,
                   std::size_t *used, std::uint32_t *count)
 {
     for (int attempt = 0; attempt < kPackAttemptsMax; ++attempt) {
