@@ -141,6 +141,7 @@ int RunKeladm(int argc, char **argv)
     AddEventsCommand(app, &chosen);
     AddExplainCommand(app, &chosen);
     AddHostCommand(app, &chosen);
+    AddStatusCommand(app, &chosen);
     AddCompletionCommand(app, &chosen);
 
     try {

@@ -26,6 +26,7 @@ void AddJournalCommand(CLI::App &app, Command *chosen);
 void AddEventsCommand(CLI::App &app, Command *chosen);
 void AddExplainCommand(CLI::App &app, Command *chosen);
 void AddHostCommand(CLI::App &app, Command *chosen);
+void AddStatusCommand(CLI::App &app, Command *chosen);
 void AddCompletionCommand(CLI::App &app, Command *chosen);
 
 // Options that several subcommands have, in one form.

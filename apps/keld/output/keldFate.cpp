@@ -1,6 +1,7 @@
 #include "keldFate.h"
 
 #include "keldJournal.h"
+#include "keldStatus.h"
 
 #include <kltlibs/ktime.h>
 
@@ -85,6 +86,7 @@ KeldHandling::KeldHandling(KeldOrigin origin)
 KeldHandling::~KeldHandling()
 {
     Present &present = tPresent;
+    if (present.said != Said::Not) KeldStatusFate(present.fate);
     if (present.said == Said::Not)
         gMissing.fetch_add(1, std::memory_order_relaxed);
     else if (present.origin.count != 0)
