@@ -272,6 +272,7 @@ TEST_F(AgentTest, TheWakePipeIsLookedAtBetweenTwoObservations)
     KeldAgentAwaitAll();
     EXPECT_EQ(0, Dispatch({LinkDown("vmnic0"), LinkDown("vmnic1"), LinkDown("vmnic2")}));
     EXPECT_TRUE(log.WaitForLine("all are handled"));
+    KeldAgentStopAll();
     EXPECT_EQ(" handled handled woken handled", happened); // of what comes together, the pipe is the first
 }
 
