@@ -122,7 +122,7 @@ bool NeedsHandClock(std::span<const ScenarioStep> steps)
 
 bool ExpectsAnything(std::span<const ScenarioStep> steps)
 {
-    return CountOf<ExpectAction>(steps) + CountOf<LogAction>(steps) > 0;
+    return CountOf<ExpectAction>(steps) + CountOf<LogAction>(steps) + CountOf<FateAction>(steps) > 0;
 }
 
 std::vector<ScenarioStep> ParseScenario(std::string_view text)

@@ -107,7 +107,7 @@ std::vector<ScenarioStep> ParseScenario(std::string_view text);
 // True for a scenario that plays on a clock moved by hand.
 bool NeedsHandClock(std::span<const ScenarioStep> steps);
 
-// Whether any line expects an event, or a line of the log.
+// Whether any line expects an event, a line of the log or a fate.
 bool ExpectsAnything(std::span<const ScenarioStep> steps);
 
 // How often a kind of action is played.
