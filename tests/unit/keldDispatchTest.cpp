@@ -30,7 +30,7 @@ int Dispatch(std::initializer_list<RecordBytes> records)
     RecordBytes batch;
     for (const RecordBytes &record : records)
         batch.insert(batch.end(), record.begin(), record.end());
-    return KeldDispatch(batch.data(), batch.size());
+    return KeldDispatch(KELLIB_USER_CONTEXT, batch.data(), batch.size());
 }
 
 RecordBytes LinkDown(const char *nic) { return MakeRecord("kel.net.vmnic.linkstate.down", "%s", nic); }
@@ -137,7 +137,7 @@ TEST_F(StreamTest, AMixedBatchReachesEachStreamInItsOrderAndIsCounted)
              {LinkDown(std::to_string(i).c_str()), MakeRecord("kel.nobody.x", " "),
               MakeRecord("kel.scsi.device.close", "%s", std::to_string(i).c_str())})
             batch.insert(batch.end(), each.begin(), each.end());
-    EXPECT_EQ(0, KeldDispatch(batch.data(), batch.size()));
+    EXPECT_EQ(0, KeldDispatch(KELLIB_USER_CONTEXT, batch.data(), batch.size()));
     EXPECT_EQ(400U, KeldDispatchWaiting());
     for (int i = 0; i < 200; ++i) {
         ASSERT_EQ(std::to_string(i), Read(stream));

@@ -47,7 +47,8 @@ _keladm()
     local cur=${{COMP_WORDS[COMP_CWORD]}} at=$COMP_CWORD command="" words="" names="" given=0 i
     # A word with colons comes in pieces.
     while ((at > 1)) && [[ $cur == :* || ${{COMP_WORDS[at-1]}} == : ]]; do
-        cur=${{COMP_WORDS[--at]}}$cur
+        at=$((at - 1))
+        cur=${{COMP_WORDS[at]}}$cur
     done
     local prev=${{COMP_WORDS[at-1]}} colons=${{cur%"${{cur##*:}}"}}
     for ((i = 1; i < at; i++)); do

@@ -203,7 +203,7 @@ void ScenarioPlayer::Take(PlainEvent event)
 void ScenarioPlayer::Report(const ScenarioStep &step)
 {
     if (mOptions.asJson)
-        mOut.Line(JsonLine({{"line", step.line}, {"after", Elapsed()}, {"action", step.source}}));
+        mOut.Line(JsonLine({{"line", step.line}, {"after", Elapsed()}, {"action", JsonText(step.source)}}));
     else
         mOut.Line(fmt::format("{:8.3f}  {}", Elapsed(), Printable(step.source)));
     mOut.Flush();
@@ -221,7 +221,7 @@ void ScenarioPlayer::Result(const ScenarioStep &step, const ExpectAction &expect
             list.push_back(ToJson(event));
         json line{{"line", step.line},
                   {"after", Elapsed()},
-                  {"action", step.source},
+                  {"action", JsonText(step.source)},
                   {"result", met ? "met" : "failed"}};
         if (!met) line["reason"] = what;
         line["events"] = std::move(list);

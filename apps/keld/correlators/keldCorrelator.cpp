@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <string_view>
 
 namespace {
@@ -21,6 +22,30 @@ std::string AgentName(const char *domainName)
     return name ? name.get() : domainName;
 }
 
+// The observation that the agent has just taken.
+void Correlate(KeldHandler defaultHandler, const KeldCorrelatorTable &table, const KeldAgent &agent,
+               Kel *kel)
+{
+    const KelPtr owned(kel);
+    KeldCorrelate(defaultHandler, table, kel, {agent.stream->number, agent.stream->taken});
+}
+
+// As KeldCorrelate, within the scope of the observation.
+void Handle(KeldHandler defaultHandler, const KeldCorrelatorTable &table, Kel *kel)
+{
+    const char *id = nullptr;
+    (void)Kel_GetID(kel, &id);
+    const auto found = id != nullptr ? table.find(std::string_view(id)) : table.end();
+    const KeldHandler handler = found != table.end() ? found->second : nullptr;
+    if (handler == nullptr) {
+        KeldSayByItself(KeldFate::NoHandler, "the agent has no row for this ID");
+        defaultHandler(kel);
+        return;
+    }
+    KeldLogKel(kel);
+    handler(kel);
+}
+
 } // namespace
 
 void KeldCorrelatorRun(const char *domainName, const std::vector<std::string> &domains,
@@ -30,7 +55,7 @@ void KeldCorrelatorRun(const char *domainName, const std::vector<std::string> &d
     KeldAgentRun(AgentName(domainName), domains, exactIds, [&](KeldAgent *agent) {
         Kel *kel = nullptr;
         while (KeldAgentWaitForKel(agent, &kel) == 0)
-            KeldCorrelate(defaultHandler, table, KelPtr(kel).get());
+            Correlate(defaultHandler, table, *agent, kel);
     });
 }
 
@@ -64,7 +89,7 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
                     KeldLog("Failed to get Kel\n");
                     return;
                 }
-                if (complete) KeldCorrelate(defaultHandler, table, KelPtr(kel).get());
+                if (complete) Correlate(defaultHandler, table, *agent, kel);
             }
             for (std::size_t i = 1; i < used; ++i) {
                 if ((set[i].revents & POLLIN) == 0) continue;
@@ -76,23 +101,31 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
     });
 }
 
-void KeldCorrelate(KeldHandler defaultHandler, const KeldCorrelatorTable &table, Kel *kel)
+void KeldCorrelate(KeldHandler defaultHandler, const KeldCorrelatorTable &table, Kel *kel,
+                   KeldOrigin origin)
 {
-    const char *id = nullptr;
-    (void)Kel_GetID(kel, &id);
-    const auto found = id != nullptr ? table.find(std::string_view(id)) : table.end();
-    const KeldHandler handler = found != table.end() ? found->second : nullptr;
-    if (handler == nullptr) {
-        defaultHandler(kel);
-        return;
+    const KeldHandling handling(origin);
+    try {
+        Handle(defaultHandler, table, kel);
+    } catch (const std::exception &exception) {
+        KeldSay(KeldFate::HandlerFailed, "%s", exception.what());
+        throw;
+    } catch (...) {
+        KeldSay(KeldFate::HandlerFailed, "an unknown exception");
+        throw;
     }
-    KeldLogKel(kel);
-    handler(kel);
 }
 
-void KeldCorrelatorIgnore(Kel *) {}
+void KeldCorrelatorIgnore(Kel *)
+{
+    if (!KeldHasFate()) KeldSayByItself(KeldFate::Ignored, "on purpose");
+}
 
-void KeldCorrelatorLogKel(Kel *kel) { KeldLogKel(kel); }
+void KeldCorrelatorLogKel(Kel *kel)
+{
+    KeldLogKel(kel);
+    if (!KeldHasFate()) KeldSayByItself(KeldFate::Ignored, "written to the log");
+}
 
 void KeldCorrelatorLogUnknown(Kel *kel)
 {

@@ -6,6 +6,8 @@
 #include "keldPling.h"
 
 #include "keldAlarm.h"
+#include "keldFate.h"
+#include "keldJournal.h"
 #include "keldLog.h"
 #include "keldMutex.h"
 #include "keldOwn.h"
@@ -28,6 +30,7 @@
 #include <fcntl.h>
 #include <list>
 #include <new>
+#include <string>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -62,8 +65,12 @@ int gRetryAlarm = -1;                                       // fixed after start
 std::atomic<std::uint64_t> gRateWindowStart{0}; // seconds, 0 before the first event
 std::atomic<std::int32_t> gRateCount{0};
 
+std::atomic<std::uint64_t> gEvents{0}; // so far
+
 struct RetryEntry {
-    int failures = 0; // of re-sends
+    std::uint64_t event = 0; // its number
+    unsigned tries = 0;      // so far
+    int failures = 0;        // of re-sends
     std::vector<std::byte> record;
 };
 struct Retries {
@@ -72,6 +79,27 @@ struct Retries {
     bool alarmArmed GUARDED_BY(retryListMutex) = false;
 };
 Retries &retries = *new Retries; // the alarm thread outlives main
+
+// What the journal is told of one event, which it gives its number.
+class EventJournal {
+public:
+    EventJournal(const char *prefix, std::string_view remainder) : mPrefix(prefix), mRemainder(remainder) {}
+
+    std::uint64_t Event() const { return mEvent; }
+    void Out(const std::byte *record, std::size_t length) const;
+    void NotMade(JournalDelivery why) const; // nothing of it remains
+
+private:
+    const std::uint64_t mEvent = gEvents.fetch_add(1, std::memory_order_relaxed) + 1;
+    const KeldCause mCause;
+    const char *mPrefix;
+    const std::string_view mRemainder;
+};
+
+void TellDelivery(std::uint64_t event, JournalDelivery state, unsigned tries)
+{
+    KeldJournalTell([=] { return JournalDeliveryEntry{event, state, tries}; });
+}
 
 // What a record is built in: memory that each thread keeps from one event to the next, at its first size.
 class EventBuffer {
@@ -93,8 +121,8 @@ private:
 
 void Post(int defer, const char *prefix, std::string_view remainder, const char *format, va_list args);
 bool WithinRate(const char *prefix, std::string_view remainder);
-bool PackArguments(EventBuffer &buffer, std::size_t total, const char *format, va_list args,
-                   std::size_t *used, std::uint32_t *count);
+int PackArguments(EventBuffer &buffer, std::size_t total, const char *format, va_list args,
+                  std::size_t *used, std::uint32_t *count);
 bool AwaitReceiver(int fd, int error);
 
 void PutWord(std::byte *record, std::size_t at, std::size_t value)
@@ -141,15 +169,16 @@ namespace {
 // too many, or cannot be packed.
 void Post(int defer, const char *prefix, std::string_view remainder, const char *format, va_list args)
 {
+    const EventJournal journal(prefix, remainder);
     EventBuffer buffer;
     if (buffer.Get() == nullptr) {
         KeldLog("Failed to allocate %zu bytes for prob buffer.\n", kFirstBufferBytes);
-        return;
+        return journal.NotMade(JournalDelivery::NoMemory);
     }
-    if (!WithinRate(prefix, remainder)) return;
+    if (!WithinRate(prefix, remainder)) return journal.NotMade(JournalDelivery::Limited);
     const std::size_t prefixLength = std::strlen(prefix);
     const std::size_t idLength = prefixLength + remainder.size() + 1;
-    if (idLength > PLINGRECORD_TYPE_ID_BYTES_MAX) return;
+    if (idLength > PLINGRECORD_TYPE_ID_BYTES_MAX) return journal.NotMade(JournalDelivery::IdTooLong);
 
     std::byte *record = buffer.Get();
     PutWord(record, PLINGRECORD_TYPE_ID_LENGTH_AT, idLength);
@@ -162,7 +191,10 @@ void Post(int defer, const char *prefix, std::string_view remainder, const char 
     std::size_t total = kIdAt + idLength + kTrailingBytes;
     std::size_t used = 0;
     std::uint32_t count = 0;
-    if (!PackArguments(buffer, total, format, args, &used, &count)) return;
+    const int error = PackArguments(buffer, total, format, args, &used, &count);
+    if (error != 0)
+        return journal.NotMade(error == ENOMEM ? JournalDelivery::NoMemory
+                                               : JournalDelivery::ArgumentsTooLarge);
     record = buffer.Get();
 
     std::byte *area = record + kIdAt + idLength;
@@ -176,11 +208,32 @@ void Post(int defer, const char *prefix, std::string_view remainder, const char 
     PutWord(record, PLINGRECORD_ARGUMENT_COUNT_AT, count);
     PutWord(record, PLINGRECORD_TOTAL_LENGTH_AT, total);
     KeldTraceOut(record);
+    journal.Out(record, total);
 
-    if (defer == 0 && KeldPlingSend(record, total) == 0) return;
+    if (defer == 0 && KeldPlingSend(record, total) == 0)
+        return TellDelivery(journal.Event(), JournalDelivery::Delivered, 1);
     KeldLog("An event (%s) could not be sent immediately to carad; queueing for retry.",
             PlingRecord_TypeId(record));
-    KeldPlingQueue(record, total);
+    KeldPlingQueue(journal.Event(), defer == 0 ? 1 : 0, record, total);
+}
+
+void EventJournal::Out(const std::byte *record, std::size_t length) const
+{
+    std::string type; // lasts until the entry is written
+    KeldJournalTell([&] {
+        type.append(mPrefix).append(mRemainder);
+        return JournalOut{mEvent,
+                          {mCause.named.begin(), mCause.named.end()},
+                          mCause.unnamed,
+                          type,
+                          {{reinterpret_cast<const char *>(record), length}}};
+    });
+}
+
+void EventJournal::NotMade(JournalDelivery why) const
+{
+    Out(nullptr, 0);
+    TellDelivery(mEvent, why, 0);
 }
 
 thread_local MallocPtr<std::byte> EventBuffer::kept;
@@ -222,11 +275,12 @@ bool WithinRate(const char *prefix, std::string_view remainder)
     return true;
 }
 
-// Packs behind the header, in a buffer that doubles as needed; false when the event is to be dropped.
+// Packs behind the header, in a buffer that doubles as needed: 0, or an errno value when the event is to be
+// dropped.
 //
 // KEPT: five attempts, the fifth in 18736 bytes; the buffer is doubled once more and never tried.
-bool PackArguments(EventBuffer &buffer, std::size_t total, const char *format, va_list args,
-                   std::size_t *used, std::uint32_t *count)
+int PackArguments(EventBuffer &buffer, std::size_t total, const char *format, va_list args,
+                  std::size_t *used, std::uint32_t *count)
 {
     for (int attempt = 0; attempt < kPackAttemptsMax; ++attempt) {
         va_list copy;
@@ -237,15 +291,15 @@ bool PackArguments(EventBuffer &buffer, std::size_t total, const char *format, v
         va_end(copy);
         if (error == 0) {
             std::memset(area + *used, 0, kTrailingBytes);
-            return true;
+            return 0;
         }
-        if (error != ENOSPC) break;
+        if (error != ENOSPC) return error;
         if (!buffer.Double()) {
             KeldLog("Failed to allocate %zu bytes for prob buffer.", buffer.Size());
-            break;
+            return ENOMEM;
         }
     }
-    return false;
+    return ENOSPC;
 }
 
 } // namespace
@@ -287,19 +341,24 @@ bool AwaitReceiver(int fd, int error)
 
 } // namespace
 
-void KeldPlingQueue(const void *record, std::size_t length)
+void KeldPlingQueue(std::uint64_t event, unsigned tries, const void *record, std::size_t length)
 try {
     const auto *bytes = static_cast<const std::byte *>(record);
     std::list<RetryEntry> entry(1);
+    entry.front().event = event;
+    entry.front().tries = tries;
     entry.front().record.assign(bytes, bytes + length);
+    TellDelivery(event, JournalDelivery::Waiting, tries); // before the alarm thread can have delivered it
     KeldLock lock(retries.retryListMutex);
     retries.list.splice(retries.list.end(), entry);
     if (retries.alarmArmed) return; // an armed alarm is not moved
     retries.alarmArmed = true;
     (void)KeldAlarmSet(gRetryAlarm, kKeldAlarmOneShot, kRetrySeconds);
 } catch (const std::bad_alloc &) {
-    // Without memory for a copy the event is lost.
+    TellDelivery(event, JournalDelivery::NoMemory, tries);
 }
+
+std::uint64_t KeldPlingCount() { return gEvents.load(std::memory_order_relaxed); }
 
 std::size_t KeldPlingWaiting()
 {
@@ -315,19 +374,30 @@ void KeldPlingAlarmHandler()
         const bool sent = KeldPlingSend(entry->record.data(), entry->record.size()) == 0;
         if (!sent && KeldStopping()) break;
         if (!sent) ++entry->failures;
+        ++entry->tries;
         const int attempts = entry->failures + 1; // the first one included
         bool keep = false;
         if (entry->failures >= kRetryFailuresMax) {
             KeldLog("Abandoned event (%s) after %d failures.\n", id, attempts);
+            TellDelivery(entry->event, JournalDelivery::Abandoned, entry->tries);
         } else if (sent) {
             KeldLog("Successfully sent event (%s) after %d failure%s.\n", id, attempts,
                     entry->failures == 0 ? "" : "s");
+            TellDelivery(entry->event, JournalDelivery::Delivered, entry->tries);
         } else {
             KeldLog("Failed to send event (%s); %d failures so far.\n", id, attempts);
+            TellDelivery(entry->event, JournalDelivery::Waiting, entry->tries);
             keep = true;
         }
         entry = keep ? std::next(entry) : retries.list.erase(entry);
     }
     retries.alarmArmed = !retries.list.empty();
     if (retries.alarmArmed) (void)KeldAlarmSet(gRetryAlarm, kKeldAlarmOneShot, kRetrySeconds);
+}
+
+void KeldPlingTellLost()
+{
+    const KeldLock lock(retries.retryListMutex);
+    for (const RetryEntry &entry : retries.list)
+        TellDelivery(entry.event, JournalDelivery::LostAtExit, entry.tries);
 }

@@ -21,7 +21,7 @@ bool Grow(KeldRecordBuffer *buffer)
 
 } // namespace
 
-int KeldReadChannel(int fd, KeldRecordBuffer *buffer)
+int KeldReadChannel(int fd, std::int32_t channel, KeldRecordBuffer *buffer)
 {
     std::uint32_t byteCount = 0;
     int status = 0;
@@ -30,7 +30,7 @@ int KeldReadChannel(int fd, KeldRecordBuffer *buffer)
         if (!Grow(buffer)) return status;
     }
     if (byteCount == 0 || byteCount > kKeldBatchBytesMax) return -1;
-    status = KeldDispatch(buffer->bytes.get(), byteCount);
+    status = KeldDispatch(channel, buffer->bytes.get(), byteCount);
     // Of such datagrams several shall be one batch.
     if (byteCount > buffer->size / 2 && buffer->size < kKeldBufferBytesEnough) (void)Grow(buffer);
     return status;

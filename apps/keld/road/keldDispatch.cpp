@@ -1,12 +1,16 @@
 #include "keldDispatch.h"
 
+#include "keldFate.h"
+#include "keldJournal.h"
 #include "keldLog.h"
 #include "keldMutex.h"
+#include "keldPling.h"
 #include "keldSignal.h"
 #include "keldTrace.h"
 
 #include <kltlibs/kelrecord.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -48,6 +52,8 @@ private:
 struct Streams {
     StreamLock lock;
     std::list<std::unique_ptr<KeldStream>> list GUARDED_BY(lock); // in order of registration
+    std::uint16_t registered GUARDED_BY(lock) = 0;                // so far
+    std::uint64_t observations = 0;                               // so far; main thread
 };
 Streams &streams = *new Streams; // agents that were cancelled leave theirs behind
 
@@ -70,6 +76,8 @@ std::string_view IdOf(const std::byte *record)
 {
     return {KelRecord_ID(record), KelRecord_Word(record, KELRECORD_ID_LENGTH_AT) - std::size_t{1}};
 }
+void TellIn(std::int32_t channel, const Batch &batch) REQUIRES(streams.lock);
+void TellLost(const KeldStream &stream, KeldFate fate);
 int WriteWanted(KeldStream &stream, const Batch &batch);
 int WriteRest(KeldStream &stream, Batch batch);
 int ReadOnce(KeldStream *stream);
@@ -89,18 +97,21 @@ int KeldDispatchInit()
     if (const int error = streams.lock.Make(); error != 0) return error;
     const StreamHold hold;
     streams.list.clear();
+    streams.registered = 0;
     return 0;
 }
 
-int KeldDispatch(const std::byte *buffer, std::size_t byteCount)
+int KeldDispatch(std::int32_t channel, const std::byte *buffer, std::size_t byteCount)
 {
     const StreamHold hold;
+    const Batch batch{buffer, byteCount};
+    if (KeldJournalHeard()) TellIn(channel, batch);
     std::uint32_t initials = 0; // of the batch
     for (std::size_t at = 0; at < byteCount; at += KelRecord_TotalLength(buffer + at)) {
         KeldTraceIn(buffer + at);
         initials |= KeldInitial(IdOf(buffer + at));
+        ++streams.observations;
     }
-    const Batch batch{buffer, byteCount};
     bool someAreFull = false;
     for (const auto &stream : streams.list) {
         stream->place = byteCount;
@@ -143,11 +154,52 @@ std::uint64_t KeldDispatchWaiting()
     return waiting;
 }
 
+std::uint64_t KeldDispatchCount() { return streams.observations; }
+
+void KeldDispatchTellLost()
+{
+    const StreamHold hold;
+    for (const auto &stream : streams.list)
+        TellLost(*stream, KeldFate::Lost);
+}
+
 namespace {
 
 bool Wants(const KeldStream &stream, const std::byte *record)
 {
     return KeldSubscriptionMatches(stream.subscription, IdOf(record));
+}
+
+// Tells the whole batch before any agent gets anything of it: else a fate could be told before its
+// observation.
+void TellIn(std::int32_t channel, const Batch &batch)
+{
+    if (KeldJournalBeginDue())
+        KeldJournalTell([]() REQUIRES(streams.lock) {
+            JournalBegin begin{streams.observations, KeldPlingCount(), {}};
+            for (const auto &stream : streams.list)
+                begin.queued.push_back({stream->number, stream->queued});
+            return begin;
+        });
+    for (const auto &stream : streams.list)
+        stream->told = stream->queued;
+    JournalIn in{.observation = streams.observations, .channel = channel, .to = {}, .record = {}};
+    for (std::size_t at = 0; at < batch.size; at += in.record.bytes.size()) {
+        const std::byte *record = batch.bytes + at;
+        ++in.observation;
+        in.record.bytes = {reinterpret_cast<const char *>(record), KelRecord_TotalLength(record)};
+        in.to.clear();
+        for (const auto &stream : streams.list)
+            if (Wants(*stream, record)) in.to.push_back({stream->number, ++stream->told});
+        KeldJournalTell([&]() -> const JournalIn & { return in; });
+    }
+}
+
+void TellLost(const KeldStream &stream, KeldFate fate)
+{
+    const std::uint64_t last = std::max(stream.queued, stream.told);
+    if (stream.taken == last) return;
+    KeldJournalTell([&] { return JournalLost{stream.number, fate, stream.taken, last}; });
 }
 
 // What the stream wants of the batch and has not got, as far as there are pieces: how many.
@@ -263,6 +315,8 @@ try {
     made->owner = std::move(owner);
     *stream = made.get();
     const StreamHold hold;
+    made->number = streams.registered++;
+    KeldJournalAgentBegins(made->number, made->owner);
     streams.list.push_back(std::move(made));
     return 0;
 } catch (const std::bad_alloc &) {
@@ -274,6 +328,8 @@ int KeldStreamUnregister(KeldStream *stream)
     while (!streams.lock.TryAcquire())
         Discard(stream->readFd.Get());
     const StreamHold hold{StreamHold::Adopt{}};
+    TellLost(*stream, KeldFate::AgentEnded);
+    KeldJournalAgentEnds(stream->number);
     const bool closed = stream->readFd.Close() == 0 && stream->writeFd.Close() == 0;
     std::erase_if(streams.list, [stream](const auto &each) { return each.get() == stream; });
     return closed ? 0 : 2;

@@ -43,6 +43,7 @@ using KeldAgentName = std::shared_ptr<const std::string>;
 
 struct KeldStream {
     // Fixed after registration.
+    std::uint16_t number = 0; // the agent's, from 0 in order of registration
     UniqueFd readFd;
     UniqueFd writeFd;
     KeldSubscription subscription;
@@ -54,7 +55,10 @@ struct KeldStream {
     std::size_t begun = 0; // bytes of that one that are
     // Whole records: written by the main thread, taken by the agent for its handler.
     std::uint64_t queued = 0;
-    std::atomic<std::uint64_t> taken = 0; // read at the end, when an agent may not have obeyed
+    std::atomic<std::uint64_t> taken = 0; // read at the exit, when an agent may not have obeyed
+    // By the main thread to the journal: the last one that goes to the agent, also when it was given up
+    // since.
+    std::uint64_t told = 0;
 };
 
 // Empties the list and makes the lock: 0 or an errno value. Main thread, before any agent.
@@ -71,8 +75,15 @@ int KeldStreamUnregister(KeldStream *stream);
 // Writes the records of the buffer to the matching streams: to each with one write, unless its pipe is
 // full. First to all of them without waiting, then to those whose pipe was full, in order of registration.
 // 0, also when the exit flag ended it, or the errno of a write that failed: what is left of the batch is
-// then given to nobody, but never is half a record. Main thread.
-int KeldDispatch(const std::byte *buffer, std::size_t byteCount);
+// then given to nobody, but never is half a record. channel is where they came from: a context's number.
+// Main thread.
+int KeldDispatch(std::int32_t channel, const std::byte *buffer, std::size_t byteCount);
+
+// How many observations have come in. Main thread.
+std::uint64_t KeldDispatchCount();
+
+// Tells the journal what no agent will take any more. Main thread, when no agent runs any more.
+void KeldDispatchTellLost();
 
 // How many streams are registered. Any thread.
 std::size_t KeldDispatchStreamCount();
