@@ -6,6 +6,7 @@
 #include "keldOwn.h"
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -44,7 +45,7 @@ struct KeldStream {
     std::uint32_t wanted = 0;    // bytes that the next read asks for
     // Whole records: written by the main thread, taken out by the agent.
     std::uint64_t queued = 0;
-    std::uint64_t taken = 0;
+    std::atomic<std::uint64_t> taken = 0; // read at the end, when an agent may not have obeyed
 };
 
 // Empties the list and makes the lock: 0 or an errno value. Main thread, before any agent.
@@ -65,7 +66,8 @@ int KeldDispatch(const std::byte *buffer, std::size_t byteCount);
 // How many streams are registered. Any thread.
 std::size_t KeldDispatchStreamCount();
 
-// How many whole records were written to pipes and never taken out. Main thread, when no agent runs any more.
+// How many whole records were written to pipes and never taken out. Main thread, when no agent runs any
+// more.
 std::uint64_t KeldDispatchWaiting();
 
 // Reads the stream's pipe until a whole record is there, over as many calls as it takes.
