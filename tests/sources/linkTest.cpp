@@ -3,7 +3,6 @@
 
 #include "eventSink.h"
 #include "linkMessage.h"
-#include "observation.h"
 #include "sourcesTest.h"
 #include "waitFor.h"
 

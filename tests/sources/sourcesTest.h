@@ -4,7 +4,6 @@
 #define TESTS_SOURCES_SOURCESTEST_H
 
 #include "daemon.h"
-#include "observation.h"
 #include "runDir.h"
 #include "source.h"
 #include "traceClient.h"

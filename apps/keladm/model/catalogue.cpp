@@ -38,6 +38,7 @@ CatalogueEvent ReadEvent(const json &entry)
     event.eventClass = entry.at("class").get<std::string>();
     event.text = entry.at("text").get<std::string>();
     event.arguments = ReadArgumentList(entry);
+    event.object = entry.value("object", "");
     event.clears = entry.value("clears", Texts{});
     event.clearedBy = entry.value("clearedBy", Texts{});
     event.pairedOn = entry.value("pairedOn", Texts{});

@@ -32,6 +32,7 @@ struct CatalogueEvent {
     std::string eventClass;
     std::string text; // printf-style
     std::vector<CatalogueArgument> arguments;
+    std::string object; // the name of one of them; empty for none
     std::vector<std::string> clears;
     std::vector<std::string> clearedBy;
     std::vector<std::string> pairedOn; // of either

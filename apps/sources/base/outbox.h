@@ -6,7 +6,7 @@
 #define SOURCES_OUTBOX_H
 
 #include "eventLoop.h"
-#include "observation.h"
+#include "row.h"
 
 #include <cstdint>
 #include <deque>

@@ -6,7 +6,7 @@
 
 #include "eventLoop.h"
 #include "inventory.h"
-#include "observation.h"
+#include "row.h"
 
 #include <memory>
 #include <span>

@@ -8,7 +8,7 @@
 
 #include "blockScan.h"
 #include "inventory.h"
-#include "observation.h"
+#include "row.h"
 
 #include <map>
 #include <set>

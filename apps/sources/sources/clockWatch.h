@@ -2,7 +2,7 @@
 #ifndef SOURCES_CLOCKWATCH_H
 #define SOURCES_CLOCKWATCH_H
 
-#include "observation.h"
+#include "row.h"
 
 #include <cstdint>
 #include <optional>

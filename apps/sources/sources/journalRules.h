@@ -2,7 +2,7 @@
 #ifndef SOURCES_JOURNALRULES_H
 #define SOURCES_JOURNALRULES_H
 
-#include "observation.h"
+#include "row.h"
 
 #include <functional>
 #include <map>

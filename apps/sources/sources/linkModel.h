@@ -6,7 +6,7 @@
 #ifndef SOURCES_LINKMODEL_H
 #define SOURCES_LINKMODEL_H
 
-#include "observation.h"
+#include "row.h"
 
 #include <cstdint>
 #include <functional>

@@ -1,4 +1,4 @@
-#include "observation.h"
+#include "row.h"
 
 #include "kelproducer.h"
 #include "text.h"

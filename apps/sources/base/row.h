@@ -1,6 +1,6 @@
 // What a source tells: rows, and the values that fill them.
-#ifndef SOURCES_OBSERVATION_H
-#define SOURCES_OBSERVATION_H
+#ifndef SOURCES_ROW_H
+#define SOURCES_ROW_H
 
 #include <cstdint>
 #include <functional>
