@@ -24,6 +24,9 @@ Outbox::Outbox(EventLoop &loop) : mLoop(loop), mRetry(loop.OnTimer([this] { Flus
 
 Outbox::~Outbox()
 {
+    Flush();
+    if (const std::uint64_t lost = mLost + mWaiting.size(); lost != 0)
+        fmt::print(stderr, "keld-sources: {} observations did not reach the daemon\n", lost);
     mWatch.reset();
     (void)KelProducer_Close(mProducer);
 }
