@@ -4,8 +4,6 @@
 #include "waitFor.h"
 
 #include <map>
-#include <sched.h>
-#include <sys/mount.h>
 #include <systemd/sd-bus.h>
 
 using testing::ElementsAre;
@@ -65,53 +63,6 @@ TEST_F(JournalTest, OtherServicesAreUnderstoodByTheirWords)
     EXPECT_THAT(Take(lock), ElementsAre(HasSubstr("account alice was locked")));
     lock["_UID"] = "1000"; // anybody can say so
     EXPECT_THAT(Take(lock), IsEmpty());
-}
-
-// A real journal, in a mount namespace of its own, to which a program called dhclient writes.
-TEST(JournalSourceTest, WhatIsWrittenToARealJournalIsRead)
-{
-    const char *journald = "/usr/lib/systemd/systemd-journald";
-    const auto mountRam = [](const char *point) {
-        return mount("tmpfs", point, "tmpfs", 0, "size=32m") == 0;
-    };
-    if (access(journald, X_OK) != 0 || access("/usr/bin/logger", X_OK) != 0 || unshare(CLONE_NEWNS) != 0 ||
-        mount("", "/", "", MS_REC | MS_PRIVATE, "") != 0 || !mountRam("/run") || !mountRam("/var/log"))
-        GTEST_SKIP() << "no journal of one's own here";
-    const pid_t journal = fork();
-    if (journal == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        execl(journald, journald, nullptr);
-        _exit(127);
-    }
-    SourceBench bench;
-    const auto say = [&](const std::string &program, const std::string &message) {
-        const std::string path = bench.host.Path(program);
-        std::filesystem::copy_file("/usr/bin/logger", path, std::filesystem::copy_options::skip_existing);
-        const std::string command =
-            "printf '" + message + "' | " + path + " -u /run/systemd/journal/dev-log";
-        return std::system(command.c_str()) == 0;
-    };
-    ASSERT_TRUE(WaitUntil([&] { return access("/run/systemd/journal/dev-log", F_OK) == 0; }));
-    const std::string discover =
-        "DHCPDISCOVER on %s to 255.255.255.255 port 67\\nNo DHCPOFFERS received.\\n";
-    const auto on = [&](const char *nic) {
-        return std::string(discover).replace(discover.find("%s"), 2, nic);
-    };
-    ASSERT_TRUE(say("dhclient", on("eno1"))); // before anybody reads
-    ASSERT_TRUE(
-        WaitUntil([] { return std::system("journalctl -q _COMM=dhclient | grep -q OFFERS") == 0; }));
-    bench.Start(kJournalSource);
-    ASSERT_TRUE(say("somebody", on("eno2")));
-    ASSERT_TRUE(say("dhclient", on("eno3")));
-    Texts told;
-    EXPECT_TRUE(WaitUntil([&] {
-        sd_event_run(bench.loop.Get(), 0);
-        told = bench.told.Take();
-        return !told.empty();
-    }));
-    EXPECT_THAT(told, ElementsAre("kel.user.dhclient.lease.none(eno3)"));
-    kill(journal, SIGTERM);
-    waitpid(journal, nullptr, 0);
 }
 
 // ---- systemd's stand-in on a bus of the test's own ------------------------------------------------

@@ -1,11 +1,11 @@
 #include "catalogue.h"
 #include "commands.h"
+#include "console.h"
+#include "observationCheck.h"
 #include "sender.h"
 #include "text.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <array>
 #include <fmt/format.h>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -15,14 +15,6 @@ namespace {
 using nlohmann::json;
 
 constexpr std::size_t kLineBytesMax = 256 * 1024;
-
-struct TypeFormat {
-    std::string_view type, format;
-};
-constexpr TypeFormat kFormats[] = {
-    {"string", "%s"}, {"int32", "%d"},   {"uint32", "%u"},
-    {"int64", "%ld"}, {"uint64", "%lu"}, {"uuid", "%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx"},
-};
 
 // The digits of each number of a UUID that is sent as numbers: 8-8-4-2-2-2-2-2-2.
 void AddUuid(const std::string &text, std::vector<ArgumentWord> *words)
@@ -83,25 +75,16 @@ Observation ReadObservation(const std::string &line, const Catalogue &catalogue)
         if (key != "id" && key != "arguments")
             throw Failure(kExitUsage, fmt::format("{} is neither id nor arguments", Quoted(key)));
     const std::string id = given["id"];
-    const auto known = std::ranges::find(catalogue.observations, id, &CatalogueObservation::id);
-    if (known == catalogue.observations.end())
-        throw Failure(kExitUsage, fmt::format("{} is not in the catalogue", Quoted(id)));
-
-    std::string format;
-    for (const CatalogueArgument &argument : known->arguments) {
-        if (!format.empty()) format += ' ';
-        format += std::ranges::find(kFormats, argument.type, &TypeFormat::type)->format;
-    }
-    return MakeObservation(KELPRODUCER_USER_CONTEXT, id, format,
-                           Words(*known, given.value("arguments", json::array())));
+    const CatalogueObservation *known = catalogue.FindObservation(id);
+    if (known == nullptr) throw Failure(kExitUsage, fmt::format("{} is not in the catalogue", Quoted(id)));
+    const auto words = Words(*known, given.value("arguments", json::array()));
+    return MakeObservation(KELPRODUCER_USER_CONTEXT, id, CheckedFormat(catalogue, id, std::nullopt, words),
+                           words);
 }
 
 int Feed(const std::string &catalogueFile)
 {
-    const auto catalogue = FindCatalogue(catalogueFile);
-    if (!catalogue)
-        throw Failure(kExitFailed,
-                      "no catalogue to check against; name one with --catalogue or KELD_CATALOGUE");
+    const Catalogue catalogue = NeededCatalogue(catalogueFile);
     Sender sender;
     sender.Connect(KELPRODUCER_USER_CONTEXT);
     ExitStatus status = kExitOk;
@@ -110,13 +93,14 @@ int Feed(const std::string &catalogueFile)
         if (line.empty()) continue;
         std::optional<Observation> observation;
         try {
-            observation = ReadObservation(line, *catalogue);
+            observation = ReadObservation(line, catalogue);
         } catch (const Failure &refused) {
-            fmt::print(stderr, "keladm feed: line {}: {}\n", number, refused.what());
+            Tell("feed", fmt::format("line {}: {}", number, refused.what()));
             status = kExitUsage;
         }
         if (observation) sender.Send(*observation);
     }
+    sender.Close();
     return status;
 }
 
@@ -136,8 +120,9 @@ names. Each is checked against the catalogue; one that is refused is named with 
 standard error, and the others are sent all the same. What has no observation of its own
 goes out as kel.external.error, .warning or .info, with component, link and message.
 
-Exit status: 0 all were sent; 2 some were refused; 3 no daemon serves the run directory, or
-it has ended.
+Exit status: 0 the daemon has taken all; 2 some were refused here; 3 no daemon serves the run
+directory; 4 when the daemon has turned this program away; 5 when it is not known whether the
+daemon will still take the last ones.
 
 Examples:
   echo '{"id": "kel.net.vmnic.linkstate.down", "arguments": ["vmnic0"]}' | keladm feed

@@ -4,16 +4,17 @@
 //      "agents": [{"name": "NetCorrelator", "domains": ["net"], "otherwise": "ignored",
 //                  "otherwiseBecomes": ["nox..."]}],
 //      "events": [{"type": "nox.problem.net...", "class": "problem", "text": "NIC %s is down.",
-//                  "arguments": [{"name": "nic", "type": "string"}],
+//                  "arguments": [{"name": "nic", "type": "string"}], "object": "nic",
 //                  "clears": ["nox..."], "clearedBy": ["nox..."], "pairedOn": ["nic"]}],
 //      "observations": [{"id": "kel.net...", "domain": "net", "arguments": [...],
-//                        "becomes": ["nox..."], "note": "..."}]}
+//                        "object": "nic", "becomes": ["nox..."], "note": "..."}]}
 //
 // Argument types are string, int32, uint32, int64 and uint64; of an observation also uuid, which is sent
-// as nine numbers (%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx). pairedOn names the arguments by
-// which a problem and its clear are matched; when it is empty, the clear ends every problem of the type.
-// The agents, an agent's otherwiseBecomes, an event's clears, clearedBy and pairedOn and an observation's
-// becomes and note may be absent; other keys are passed over.
+// as nine numbers (%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx). The object is the argument that
+// it is about. pairedOn names the arguments by which a problem and its clear are matched; when it is empty,
+// the clear ends every problem of the type. The agents, an agent's otherwiseBecomes, an object, an event's
+// clears, clearedBy and pairedOn and an observation's becomes and note may be absent; other keys are passed
+// over.
 #ifndef KELADM_CATALOGUE_H
 #define KELADM_CATALOGUE_H
 
@@ -42,6 +43,7 @@ struct CatalogueObservation {
     std::string id;
     std::string domain;
     std::vector<CatalogueArgument> arguments;
+    std::string object; // the name of one of them; empty for none
     std::vector<std::string> becomes;
     std::string note;
 };
@@ -59,9 +61,13 @@ struct Catalogue {
     std::vector<CatalogueEvent> events;
     std::vector<CatalogueObservation> observations;
 
-    // Null for a type that is not there.
+    // Null for one that is not there.
     const CatalogueEvent *Find(std::string_view type) const;
+    const CatalogueObservation *FindObservation(std::string_view id) const;
 };
+
+// "string nic (object), int32 uplinks" of an event or an observation.
+std::string ArgumentsText(const std::vector<CatalogueArgument> &arguments, const std::string &object);
 
 // Throws Failure naming the entry that is wrong.
 Catalogue ParseCatalogue(std::string_view json);
@@ -70,6 +76,9 @@ Catalogue ParseCatalogue(std::string_view json);
 // first one there is in CataloguePlaces; nothing when there is none. Throws Failure for a file that was
 // named and cannot be read, and for a malformed one.
 std::optional<Catalogue> FindCatalogue(const std::string &file);
+
+// The same, where nothing can be done without. Throws Failure saying where it was looked for.
+Catalogue NeededCatalogue(const std::string &file);
 
 // Beside an installed program, then in a build.
 std::vector<std::string> CataloguePlaces();

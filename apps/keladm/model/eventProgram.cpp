@@ -35,9 +35,7 @@ UniqueFd InputOf(std::string_view text)
 
 void EventProgram::Run(const std::string &input) const
 {
-    const auto tell = [&](const std::string &what) {
-        fmt::print(stderr, "keladm receive: {}: {}\n", mPath, what);
-    };
+    const auto tell = [&](const std::string &what) { Tell("receive", fmt::format("{}: {}", mPath, what)); };
     const UniqueFd in = InputOf(input + '\n');
     const pid_t child = in ? fork() : -1;
     if (child == 0) {

@@ -1,11 +1,11 @@
 #include "systemJournal.h"
 
+#include "console.h"
 #include "eventWords.h"
 #include "failure.h"
 #include "runDirectory.h"
 #include "text.h"
 
-#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -88,10 +88,8 @@ void SystemJournal::Write(const EventRecord &event, const std::optional<Catalogu
         if (sent()) return;
         Connect(); // the journal was restarted
         if (sent()) return;
-        fmt::print(stderr, "keladm receive: the journal did not take {}: {}\n", event.typeId,
-                   std::strerror(errno));
+        Tell("receive", fmt::format("the journal did not take {}: {}", event.typeId, std::strerror(errno)));
     } catch (const Failure &failure) {
-        fmt::print(stderr, "keladm receive: the journal did not take {}: {}\n", event.typeId,
-                   failure.what());
+        Tell("receive", fmt::format("the journal did not take {}: {}", event.typeId, failure.what()));
     }
 }

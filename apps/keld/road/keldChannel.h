@@ -26,12 +26,14 @@ int KeldChannelOpen(KeldChannel *channel, int *fd);
 // Closes every open channel, logging what cannot be closed.
 void KeldChannelCloseAll(KeldChannelTable *channels);
 
-// One heap buffer for all reads, which grows and never shrinks.
+// One heap buffer for all reads, which grows and never shrinks: for what does not fit, and up to a point for
+// what would fill more than half of it.
 struct KeldRecordBuffer {
     MallocPtr<std::byte> bytes;
     std::uint32_t size = 0;
 };
 inline constexpr std::uint32_t kKeldBufferBytesFirst = 8192;
+inline constexpr std::uint32_t kKeldBufferBytesEnough = 0x8000; // where it grows only for what does not fit
 inline constexpr std::uint32_t kKeldBufferBytesMax = 0x20000;
 inline constexpr std::uint32_t kKeldBatchBytesMax = 0x1FFFF;
 static_assert(kKeldBatchBytesMax < kKeldBufferBytesMax, "the largest batch fits the largest buffer");
@@ -45,9 +47,9 @@ constexpr std::uint32_t KeldBufferBytesAfter(std::uint32_t size)
 // False without memory.
 bool KeldRecordBufferInit(KeldRecordBuffer *buffer);
 
-// Reads one batch from fd and dispatches it. 0; KELLIB_STATUS_TOO_SMALL when what waits does not fit
-// the largest buffer; -1 when the batch was empty or too large; otherwise the library's status or the
-// errno of a failed pipe write.
-int KeldReadChannel(int fd, KeldRecordBuffer *buffer);
+// Reads one batch from fd, of that channel, and dispatches it. 0; KELLIB_STATUS_TOO_SMALL when what waits
+// does not fit the largest buffer; -1 when the batch was empty or too large; otherwise the library's status
+// or the errno of a failed pipe write.
+int KeldReadChannel(int fd, std::int32_t channel, KeldRecordBuffer *buffer);
 
 #endif
