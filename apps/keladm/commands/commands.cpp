@@ -134,6 +134,7 @@ int RunKeladm(int argc, char **argv)
 
     Command chosen;
     AddSendCommand(app, &chosen);
+    AddFeedCommand(app, &chosen);
     AddReplayCommand(app, &chosen);
     AddReceiveCommand(app, &chosen);
     AddTraceCommand(app, &chosen);

@@ -19,6 +19,7 @@ using Command = std::function<int()>;
 
 // Each adds its subcommand to app; when the user names it, *chosen becomes what carries it out.
 void AddSendCommand(CLI::App &app, Command *chosen);
+void AddFeedCommand(CLI::App &app, Command *chosen);
 void AddReplayCommand(CLI::App &app, Command *chosen);
 void AddReceiveCommand(CLI::App &app, Command *chosen);
 void AddTraceCommand(CLI::App &app, Command *chosen);

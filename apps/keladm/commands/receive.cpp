@@ -1,8 +1,11 @@
 #include "commands.h"
 #include "console.h"
+#include "eventProgram.h"
 #include "eventWords.h"
 #include "explanationWords.h"
 #include "jsonLine.h"
+#include "systemJournal.h"
+#include "text.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -59,6 +62,9 @@ struct ReceiveOptions {
     std::optional<std::chrono::milliseconds> timeout;
     std::string output;
     std::string catalogue;
+    std::optional<std::string> journald; // the socket
+    std::string program;
+    std::chrono::milliseconds programLimit = std::chrono::seconds(10);
 };
 
 // Below the event's line; nothing for what the catalogue does not know.
@@ -79,6 +85,10 @@ int Receive(const ReceiveOptions &options)
     StopSignal stop;
     Output out(STDOUT_FILENO, stop.Get());
     Ends ends(stop, out);
+    std::optional<SystemJournal> journald;
+    if (options.journald) journald.emplace(*options.journald);
+    std::optional<EventProgram> program;
+    if (!options.program.empty()) program.emplace(options.program, options.programLimit, stop.Get());
     EventListener listener;
     if (!catalogue)
         Tell("receive", "no catalogue, so events come without their texts; name one with --catalogue or "
@@ -92,6 +102,8 @@ int Receive(const ReceiveOptions &options)
             if (options.count != 0 && shown == options.count) break;
             std::string line = JsonLine(RecordJson(record, catalogue));
             file.Line(line);
+            if (journald && record.event) journald->Write(*record.event, catalogue);
+            if (program && record.event) program->Run(line);
             out.ColouredLine(options.asJson ? line : RecordLine(record, catalogue, out.Colour()));
             if (options.explain) out.Text(Explanation(record, catalogue));
             if (record.event) shown++;
@@ -128,11 +140,35 @@ void AddReceiveCommand(CLI::App &app, Command *chosen)
     receive->add_option("-o,--output", options->output, "Append the events to FILE as JSON lines, too")
         ->type_name("FILE");
     AddCatalogueOption(*receive, &options->catalogue);
+    receive
+        ->add_option("--journald", options->journald,
+                     "Write the events to the system's journal, too, or to another one's SOCKET")
+        ->type_name("SOCKET")
+        ->expected(0, 1)
+        ->default_str(SystemJournal::kSocket);
+    receive
+        ->add_option("--exec", options->program, "Run PROGRAM for each event, with its JSON as its input")
+        ->type_name("PROGRAM");
+    receive
+        ->add_option_function<std::string>(
+            "--exec-limit",
+            [limit = &options->programLimit](const std::string &text) {
+                const auto time = ParseDuration(text);
+                if (!time)
+                    throw CLI::ValidationError("--exec-limit", Quoted(text) + " is no time such as 5s");
+                *limit = *time;
+            },
+            "End a PROGRAM that runs for longer; 10s without")
+        ->type_name("TIME");
     receive->footer(R"(
 Stands in for the host management agent, in whose place it listens; the texts come from
 the catalogue. A malformed record is shown with the reason and its bytes, and does not
 count. When FILE cannot be written any more (a full disk), that is said once, the line
 that failed is taken back, and the events are still shown.
+
+Where no management agent is, --journald makes each event one entry of the journal, with
+KELD_TYPE, KELD_CLASS, KELD_OBJECT and one field for each argument, and --exec runs a
+program for each, one after the other, never through a shell.
 
 Exit status: 0 when --count events came, on SIGINT, SIGTERM and SIGHUP, and when nobody
 reads the output any more; 1 when --timeout came before --count events, and when FILE
@@ -141,6 +177,8 @@ could not be written; 3 when another receiver listens already.
 Examples:
   keladm receive
   keladm receive --json --count 1 --timeout 30s
-  keladm receive --output events.jsonl)");
+  keladm receive --output events.jsonl
+  keladm receive --journald
+  keladm receive --exec /usr/local/bin/page-somebody --exec-limit 30s)");
     receive->callback([options, chosen] { *chosen = [options] { return Receive(*options); }; });
 }

@@ -1,0 +1,195 @@
+// What other services say: entries of the journal, and systemd on a private D-Bus.
+#include "journalRules.h"
+#include "sourcesTest.h"
+#include "waitFor.h"
+
+#include <map>
+#include <systemd/sd-bus.h>
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+using Fields = std::map<std::string, std::string>;
+
+class JournalTest : public testing::Test {
+protected:
+    Texts Take(const Fields &fields)
+    {
+        rules.Take([&](const char *field) -> std::optional<std::string> {
+            const auto found = fields.find(field);
+            return found == fields.end() ? std::nullopt : std::optional(found->second);
+        });
+        return told.Take();
+    }
+
+    Told told;
+    JournalRules rules{told.Taker()};
+};
+
+TEST_F(JournalTest, ACrashCountsOnlyFromTheCoreDumpHandler)
+{
+    Fields crash{{"MESSAGE_ID", "fc2e22bc6ee647b6b90729ab34a250b1"},
+                 {"_SYSTEMD_UNIT", "systemd-coredump@3-811-0.service"},
+                 {"COREDUMP_EXE", "/usr/sbin/carad"},
+                 {"COREDUMP_PID", "811"},
+                 {"COREDUMP_FILENAME", "/var/lib/systemd/coredump/core.carad.zst"}};
+    EXPECT_THAT(Take(crash),
+                ElementsAre("kel.uw.core.dumped(carad, 811, /var/lib/systemd/coredump/core.carad.zst)"));
+    crash.erase("COREDUMP_FILENAME");
+    EXPECT_THAT(Take(crash), ElementsAre("kel.uw.core.dumpFailed(carad, 811, no core file was stored)"));
+    crash["_SYSTEMD_UNIT"] = "user@1000.service";
+    EXPECT_THAT(Take(crash), IsEmpty());
+}
+
+TEST_F(JournalTest, OtherServicesAreUnderstoodByTheirWords)
+{
+    const auto says = [](const char *program, const char *message) {
+        return Fields{{"_UID", "0"}, {"_PID", "412"}, {"_COMM", program}, {"MESSAGE", message}};
+    };
+    EXPECT_THAT(Take(says("dhclient", "DHCPDISCOVER on eno2 to 255.255.255.255 port 67 interval 3")),
+                IsEmpty());
+    EXPECT_THAT(Take(says("dhclient", "No DHCPOFFERS received.")),
+                ElementsAre("kel.user.dhclient.lease.none(eno2)"));
+    EXPECT_THAT(Take(says("dhclient", "No DHCPOFFERS received.")), IsEmpty()); // on which interface?
+    EXPECT_THAT(Take(says("rsyslogd", "file '/var/log/syslog'[8] write error: No space left on device")),
+                ElementsAre("kel.user.hsyslogd.storage.failure(/var/log)"));
+
+    Fields lock = says("sshd", "pam_faillock(sshd:auth): Consecutive login failures for user alice account "
+                               "temporarily locked");
+    lock["SYSLOG_FACILITY"] = "10";
+    EXPECT_THAT(Take(lock), ElementsAre(HasSubstr("account alice was locked")));
+    lock["_UID"] = "1000"; // anybody can say so
+    EXPECT_THAT(Take(lock), IsEmpty());
+}
+
+// ---- systemd's stand-in on a bus of the test's own ------------------------------------------------
+
+constexpr int kUnits = 5; // that are watched
+
+class ServiceTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        bench.options.busAddress = "unix:path=" + bench.host.Path("bus");
+        const std::string command = "--address=" + bench.options.busAddress;
+        bus = fork();
+        if (bus == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile", command.c_str(),
+                   nullptr);
+            _exit(127);
+        }
+        const bool isThere = WaitUntil([&] {
+            return std::filesystem::exists(bench.host.Path("bus")) || waitpid(bus, nullptr, WNOHANG) == bus;
+        });
+        if (!isThere || !std::filesystem::exists(bench.host.Path("bus")))
+            GTEST_SKIP() << "no dbus-daemon here";
+        systemd = fork();
+        if (systemd == 0) StandIn();
+        bench.Write("/proc/sys/kernel/random/boot_id", "5f0c");
+    }
+    void TearDown() override
+    {
+        for (const pid_t process : {systemd, bus})
+            if (process > 0) {
+                kill(process, SIGKILL);
+                waitpid(process, nullptr, 0);
+            }
+    }
+
+    // Is systemd: SIGUSR1 starts ssh.service, or stops it; SIGUSR2 reboots. Does not return.
+    [[noreturn]] void StandIn()
+    {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        sigset_t orders;
+        sigemptyset(&orders);
+        sigaddset(&orders, SIGUSR1);
+        sigaddset(&orders, SIGUSR2);
+        sigprocmask(SIG_BLOCK, &orders, nullptr);
+        static sd_bus *on = nullptr;
+        static bool isActive = false;
+        static int asked = 0, ordered = 0; // carried out once it was asked for the state of each unit
+        static const auto toggle = [] {
+            if (asked < kUnits || ordered == 0) return 0;
+            --ordered;
+            isActive = !isActive;
+            return sd_bus_emit_signal(on, "/org/freedesktop/systemd1/unit/ssh_2eservice",
+                                      "org.freedesktop.DBus.Properties", "PropertiesChanged", "sa{sv}as",
+                                      "org.freedesktop.systemd1.Unit", 0, 0);
+        };
+        sd_event *loop = nullptr;
+        sd_event_new(&loop);
+        sd_bus_new(&on);
+        sd_bus_set_bus_client(on, 1);
+        sd_bus_set_address(on, bench.options.busAddress.c_str());
+        sd_bus_start(on);
+        sd_bus_add_filter(
+            on, nullptr,
+            [](sd_bus_message *call, void *, sd_bus_error *) {
+                if (sd_bus_message_is_method_call(call, nullptr, "Subscribe") > 0)
+                    return sd_bus_reply_method_return(call, "");
+                if (sd_bus_message_is_method_call(call, nullptr, "Get") <= 0) return 0;
+                const bool isSsh =
+                    std::string_view(sd_bus_message_get_path(call)).ends_with("/ssh_2eservice");
+                sd_bus_reply_method_return(call, "v", "s", isSsh && isActive ? "active" : "inactive");
+                ++asked;
+                toggle();
+                return 1;
+            },
+            nullptr);
+        sd_bus_request_name(on, "org.freedesktop.systemd1", 0);
+        sd_bus_attach_event(on, loop, 0);
+        const auto order = [](sd_event_source *, const signalfd_siginfo *signal, void *) {
+            if (signal->ssi_signo == SIGUSR2)
+                return sd_bus_emit_signal(on, "/org/freedesktop/systemd1",
+                                          "org.freedesktop.systemd1.Manager", "JobNew", "uos", 7, "/job/7",
+                                          "reboot.target");
+            ++ordered;
+            return toggle();
+        };
+        sd_event_add_signal(loop, nullptr, SIGUSR1, order, nullptr);
+        sd_event_add_signal(loop, nullptr, SIGUSR2, order, nullptr);
+        sd_event_loop(loop);
+        _exit(1);
+    }
+
+    // What is told until something is, or for as long as answers take.
+    Texts TurnUntilTold()
+    {
+        Texts texts;
+        (void)WaitUntil(
+            [&] {
+                sd_event_run(bench.loop.Get(), 0);
+                texts = bench.told.Take();
+                return !texts.empty();
+            },
+            std::chrono::seconds(20));
+        return texts;
+    }
+
+    SourceBench bench;
+    pid_t bus = -1, systemd = -1;
+};
+
+TEST_F(ServiceTest, SshAndARebootAreToldAsSystemdTellsThem)
+{
+    ASSERT_TRUE(WaitUntil([&] {
+        try {
+            bench.Start(kServiceSource);
+        } catch (const CannotRun &) { // the stand-in is not there yet
+        }
+        return bench.source != nullptr;
+    }));
+    EXPECT_THAT(bench.told.Take(), ElementsAre("kel.user.host.boot()"));
+    kill(systemd, SIGUSR1);
+    EXPECT_THAT(TurnUntilTold(), ElementsAre("kel.user.ssh.enabled()"));
+    kill(systemd, SIGUSR1);
+    EXPECT_THAT(TurnUntilTold(), ElementsAre("kel.user.ssh.disabled()"));
+    kill(systemd, SIGUSR2);
+    EXPECT_THAT(TurnUntilTold(), ElementsAre("kel.user.host.stop.reboot()"));
+}
+
+} // namespace
