@@ -25,6 +25,7 @@ void AddTraceCommand(CLI::App &app, Command *chosen);
 void AddEventsCommand(CLI::App &app, Command *chosen);
 void AddHostCommand(CLI::App &app, Command *chosen);
 void AddCompletionCommand(CLI::App &app, Command *chosen);
+void AddExternalCommands(CLI::App &app); // for help and completion: RunExternalCommand carries them out
 
 // Options that several subcommands have, in one form.
 void AddCountOption(CLI::App &command, std::uint64_t *count, const std::string &what); // at least 1

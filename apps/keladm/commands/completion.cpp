@@ -1,5 +1,6 @@
 #include "commands.h"
 #include "console.h"
+#include "external.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -20,10 +21,21 @@ std::string NextWords(const CLI::App &app)
     return words;
 }
 
+// The external commands as one pattern of the script.
+std::string ExternalPattern()
+{
+    std::string pattern;
+    for (const ExternalCommand &command : ExternalCommands())
+        pattern += (pattern.empty() ? "" : "|") + std::string(command.name);
+    return pattern;
+}
+
 // One case of the script for each subcommand, its name being the words that lead to it.
 std::string Cases(const CLI::App &app, const std::string &name)
 {
-    std::string cases = fmt::format("    \"{}\") words=\"{}\" ;;\n", name, NextWords(app));
+    std::string words = NextWords(app);
+    if (words.empty()) return ""; // an external command answers for itself
+    std::string cases = fmt::format("    \"{}\") words=\"{}\" ;;\n", name, words);
     for (const CLI::App *sub : app.get_subcommands(nullptr))
         cases += Cases(*sub, name.empty() ? sub->get_name() : name + " " + sub->get_name());
     return cases;
@@ -51,6 +63,12 @@ _keladm()
     case "$command" in
         send|events) [[ $cur == -* ]] || words="$words $(keladm events --names "$cur*" 2>/dev/null)" ;;
         replay) compopt -o default ;;
+        {}) # a word may hold colons, at which the shell has cut it
+            local word=${{COMP_LINE:0:COMP_POINT}}
+            word=${{word##* }}
+            mapfile -t COMPREPLY < <(keladm "$command" --complete "$prev" "$word" 2>/dev/null)
+            COMPREPLY=("${{COMPREPLY[@]#"${{word%"${{word##*:}}"}}"}}")
+            return ;;
     esac
     COMPREPLY=($(compgen -W "$words" -- "$cur"))
 }}
@@ -70,7 +88,7 @@ Example:
     completion->callback([shell, chosen, &app] {
         *chosen = [shell, &app] {
             Output out(STDOUT_FILENO);
-            out.Text(fmt::format(kScript, Cases(app, "")));
+            out.Text(fmt::format(kScript, Cases(app, ""), ExternalPattern()));
             out.Flush();
             return kExitOk;
         };

@@ -121,6 +121,6 @@ std::optional<Catalogue> FindCatalogue(const std::string &file)
 std::vector<std::string> CataloguePlaces()
 {
     std::string folder = ExecutableFolder();
-    return {folder + "/../share/keld/events.json", folder + "/../catalogue/events.json",
-            folder + "/../../catalogue/events.json"};
+    return {folder + "/../share/keld/events.json", folder + "/../../share/keld/events.json",
+            folder + "/../catalogue/events.json", folder + "/../../catalogue/events.json"};
 }
