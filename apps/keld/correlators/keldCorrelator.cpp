@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 
 namespace {
 
@@ -20,12 +21,29 @@ std::string AgentName(const char *domainName)
     return name ? name.get() : domainName;
 }
 
-// One observation, looked up in a copy of the table: the correlator's own never changes.
-void CorrelateInCopy(KeldHandler defaultHandler, const KeldCorrelatorTable &table, Kel *kel)
+// The observation that the agent has just taken, looked up in a copy of the table: the correlator's own
+// never changes.
+void CorrelateInCopy(KeldHandler defaultHandler, const KeldCorrelatorTable &table, const KeldAgent &agent,
+                     Kel *kel)
 {
     const KelPtr owned(kel);
     KeldCorrelatorTable copy = table;
-    KeldCorrelate(defaultHandler, copy, owned.get());
+    KeldCorrelate(defaultHandler, copy, owned.get(), {agent.stream->number, agent.stream->taken});
+}
+
+// As KeldCorrelate, within the scope of the observation.
+void Handle(KeldHandler defaultHandler, KeldCorrelatorTable &table, Kel *kel)
+{
+    const char *id = nullptr;
+    (void)Kel_GetID(kel, &id);
+    const KeldHandler handler = id != nullptr ? table[id] : nullptr;
+    if (handler == nullptr) {
+        KeldSayByItself(KeldFate::NoHandler, "the agent has no row for this ID");
+        defaultHandler(kel);
+        return;
+    }
+    KeldLogKel(kel);
+    handler(kel);
 }
 
 } // namespace
@@ -37,7 +55,7 @@ void KeldCorrelatorRun(const char *domainName, const std::vector<std::string> &d
     KeldAgentRun(AgentName(domainName), domains, exactIds, [&](KeldAgent *agent) {
         Kel *kel = nullptr;
         while (KeldAgentWaitForKel(agent, &kel) == 0)
-            CorrelateInCopy(defaultHandler, table, kel);
+            CorrelateInCopy(defaultHandler, table, *agent, kel);
     });
 }
 
@@ -68,7 +86,7 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
                     KeldLog("Failed to get Kel\n");
                     return;
                 }
-                if (complete) CorrelateInCopy(defaultHandler, table, kel);
+                if (complete) CorrelateInCopy(defaultHandler, table, *agent, kel);
             }
             for (std::size_t i = 1; i < used; ++i) {
                 if ((set[i].revents & POLLIN) == 0) continue;
@@ -80,22 +98,30 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
     });
 }
 
-void KeldCorrelate(KeldHandler defaultHandler, KeldCorrelatorTable &table, Kel *kel)
+void KeldCorrelate(KeldHandler defaultHandler, KeldCorrelatorTable &table, Kel *kel, KeldOrigin origin)
 {
-    const char *id = nullptr;
-    (void)Kel_GetID(kel, &id);
-    const KeldHandler handler = id != nullptr ? table[id] : nullptr;
-    if (handler == nullptr) {
-        defaultHandler(kel);
-        return;
+    const KeldHandling handling(origin);
+    try {
+        Handle(defaultHandler, table, kel);
+    } catch (const std::exception &exception) {
+        KeldSay(KeldFate::HandlerFailed, "%s", exception.what());
+        throw;
+    } catch (...) {
+        KeldSay(KeldFate::HandlerFailed, "an unknown exception");
+        throw;
     }
-    KeldLogKel(kel);
-    handler(kel);
 }
 
-void KeldCorrelatorIgnore(Kel *) {}
+void KeldCorrelatorIgnore(Kel *)
+{
+    if (!KeldHasFate()) KeldSayByItself(KeldFate::Ignored, "on purpose");
+}
 
-void KeldCorrelatorLogKel(Kel *kel) { KeldLogKel(kel); }
+void KeldCorrelatorLogKel(Kel *kel)
+{
+    KeldLogKel(kel);
+    if (!KeldHasFate()) KeldSayByItself(KeldFate::Ignored, "written to the log");
+}
 
 void KeldCorrelatorLogUnknown(Kel *kel)
 {

@@ -2,6 +2,8 @@
 #ifndef KELD_CORRELATOR_H
 #define KELD_CORRELATOR_H
 
+#include "keldFate.h"
+
 #include <kltlibs/kel.h>
 
 #include <map>
@@ -28,8 +30,10 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
                               int fdCount);
 
 // Looks the observation up and calls its handler, with a trace line before; or the default handler.
-// An unknown ID adds an empty entry to table, which is why the loop passes a copy.
-void KeldCorrelate(KeldHandler defaultHandler, KeldCorrelatorTable &table, Kel *kel);
+// An unknown ID adds an empty entry to table, which is why the loop passes a copy. Tells the observation's
+// fate when the handler has returned or thrown; origin says which observation it is.
+void KeldCorrelate(KeldHandler defaultHandler, KeldCorrelatorTable &table, Kel *kel,
+                   KeldOrigin origin = {});
 
 // The three kinds of default handler: nothing; a trace line; "No correlator for %s \n".
 void KeldCorrelatorIgnore(Kel *kel);

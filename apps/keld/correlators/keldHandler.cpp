@@ -43,4 +43,12 @@ void LogFailedRead(const Translation &row, const Kel *kel, std::size_t failedAt,
 }
 #pragma GCC diagnostic pop
 
+void SayUnreadable(std::size_t failedAt, KeldArguments::By by)
+{
+    if (by == KeldArguments::By::Index)
+        KeldSayByItself(KeldFate::Unreadable, "argument %zu", failedAt);
+    else
+        KeldSayByItself(KeldFate::Unreadable, "one of its arguments");
+}
+
 } // namespace KeldRow

@@ -4,6 +4,7 @@
 #ifndef KELD_HANDLER_H
 #define KELD_HANDLER_H
 
+#include "keldFate.h"
 #include "keldLog.h"
 #include "keldTranslation.h"
 #include "keldUtil.h"
@@ -98,6 +99,7 @@ int Read(const Kel *kel, const char *format, std::size_t *failedAt, Ts *...value
 #pragma GCC diagnostic ignored "-Wformat-security"
 
 void LogFailedRead(const Translation &row, const Kel *kel, std::size_t failedAt, int status);
+void SayUnreadable(std::size_t failedAt, KeldArguments::By by);
 
 // One body for each argument signature; all rows of a signature share it. False when the read failed.
 template <KeldArguments::By kBy, class... Ts> bool ReadAndPost(const Kel *kel, const Translation &row)
@@ -107,11 +109,13 @@ template <KeldArguments::By kBy, class... Ts> bool ReadAndPost(const Kel *kel, c
         [&](auto &...value) {
             std::size_t failedAt = 0;
             const int status = Read<kBy>(kel, row.arguments.format, &failedAt, &value...);
-            if (status == 0)
+            if (status == 0) {
                 KeldPostEvent(0, row.event.cls, row.event.format, Shown(value)...);
-            else
-                LogFailedRead(row, kel, failedAt, status);
-            return status == 0;
+                return true;
+            }
+            LogFailedRead(row, kel, failedAt, status);
+            SayUnreadable(failedAt, kBy);
+            return false;
         },
         values);
 }
@@ -159,7 +163,9 @@ template <const KeldArguments &kArguments, class... Ts> int KeldRead(const Kel *
         }(std::make_index_sequence<sizeof...(Ts)>{}),
         "the destinations do not fit the conversions");
     std::size_t failedAt = 0;
-    return KeldRow::Read<kArguments.by>(kel, kArguments.format, &failedAt, destinations...);
+    const int status = KeldRow::Read<kArguments.by>(kel, kArguments.format, &failedAt, destinations...);
+    if (status != 0) KeldRow::SayUnreadable(failedAt, kArguments.by);
+    return status;
 }
 
 // Posts an event from a handler: KeldPost<kLinkStateDown>(nic).

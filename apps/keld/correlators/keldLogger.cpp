@@ -1,6 +1,7 @@
 #include "keldDomains.h"
 
 #include "keldAgent.h"
+#include "keldCorrelator.h"
 #include "keldLog.h"
 #include "keldOwn.h"
 
@@ -15,7 +16,9 @@ void KeldLogger_Start()
                                            "cpu",  "hardware", "mem",      "test", "migrate"};
     KeldAgentRun(name ? name.get() : "LogAll", domains, {}, [](KeldAgent *agent) {
         Kel *kel = nullptr;
-        while (KeldAgentWaitForKel(agent, &kel) == 0)
-            KeldLogKel(KelPtr(kel).get());
+        while (KeldAgentWaitForKel(agent, &kel) == 0) {
+            const KeldHandling handling({agent->stream->number, agent->stream->taken});
+            KeldCorrelatorLogKel(KelPtr(kel).get());
+        }
     });
 }

@@ -6,6 +6,7 @@
 #include "keldPling.h"
 
 #include "keldAlarm.h"
+#include "keldFate.h"
 #include "keldLog.h"
 #include "keldMutex.h"
 #include "keldOwn.h"
@@ -130,6 +131,7 @@ namespace {
 // too many, or cannot be packed.
 void Post(int defer, const char *prefix, const char *remainder, const char *format, va_list args)
 {
+    const KeldCause cause;
     MallocPtr<std::byte> record(static_cast<std::byte *>(std::calloc(1, kFirstBufferBytes)));
     if (record == nullptr) {
         KeldLog("Failed to allocate %zu bytes for prob buffer.\n", kFirstBufferBytes);

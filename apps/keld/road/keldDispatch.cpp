@@ -47,6 +47,7 @@ private:
 struct Streams {
     StreamLock lock;
     std::list<std::unique_ptr<KeldStream>> list GUARDED_BY(lock); // in order of registration
+    std::uint16_t registered GUARDED_BY(lock) = 0;                // so far
 };
 Streams &streams = *new Streams; // agents that were cancelled leave theirs behind
 
@@ -76,6 +77,7 @@ int KeldDispatchInit()
     if (const int error = streams.lock.Make(); error != 0) return error;
     const StreamHold hold;
     streams.list.clear();
+    streams.registered = 0;
     return 0;
 }
 
@@ -185,6 +187,7 @@ try {
     made->owner = std::move(owner);
     *stream = made.get();
     const StreamHold hold;
+    made->number = streams.registered++;
     streams.list.push_back(std::move(made));
     return 0;
 } catch (const std::bad_alloc &) {

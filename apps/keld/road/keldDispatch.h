@@ -34,6 +34,7 @@ using KeldAgentName = std::shared_ptr<const std::string>;
 
 struct KeldStream {
     // Fixed after registration.
+    std::uint16_t number = 0; // the agent's, from 0 in order of registration
     UniqueFd readFd;
     UniqueFd writeFd;
     KeldSubscription subscription;
@@ -65,7 +66,8 @@ int KeldDispatch(const std::byte *buffer, std::size_t byteCount);
 // How many streams are registered. Any thread.
 std::size_t KeldDispatchStreamCount();
 
-// How many whole records were written to pipes and never taken out. Main thread, when no agent runs any more.
+// How many whole records were written to pipes and never taken out. Main thread, when no agent runs any
+// more.
 std::uint64_t KeldDispatchWaiting();
 
 // Reads the stream's pipe until a whole record is there, over as many calls as it takes.

@@ -1,0 +1,121 @@
+#include "keldFate.h"
+
+#include "keldJournal.h"
+
+#include <kltlibs/ktime.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+
+namespace {
+
+// Who has said the fate: the later ones are not overruled by the earlier.
+enum class Said { Not, ByFramework, ByHandler };
+
+struct Present {
+    KeldOrigin origin;
+    bool handling = false;
+    Said said = Said::Not;
+    KeldFate fate{};
+    char text[kKeldFateCharsMax + 1] = "";
+    KeldOrigins *origins = nullptr; // the scope, when one is open
+};
+thread_local Present tPresent;
+
+std::atomic<std::uint64_t> gMissing{0};
+
+void Render(char *text, const char *format, va_list args)
+{
+    text[0] = '\0';
+    if (KeldJournalHeard()) (void)std::vsnprintf(text, kKeldFateCharsMax + 1, format, args);
+}
+
+void Say(Said who, KeldFate fate, const char *format, va_list args)
+{
+    Present &present = tPresent;
+    if (!present.handling || who < present.said) return;
+    present.said = who;
+    present.fate = fate;
+    Render(present.text, format, args);
+}
+
+} // namespace
+
+void KeldSay(KeldFate fate, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    Say(Said::ByHandler, fate, format, args);
+    va_end(args);
+}
+
+void KeldSayByItself(KeldFate fate, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    Say(Said::ByFramework, fate, format, args);
+    va_end(args);
+}
+
+bool KeldHasFate() { return tPresent.said != Said::Not; }
+
+KeldOrigin KeldPresent() { return tPresent.origin; }
+
+std::uint64_t KeldFatesMissing() { return gMissing.load(std::memory_order_relaxed); }
+
+KeldTimeOfDay::KeldTimeOfDay(std::uint64_t secondsSinceEpoch)
+{
+    if (!KeldJournalHeard()) return;
+    tm local{};
+    KTime_LocalTime(static_cast<time_t>(secondsSinceEpoch), &local);
+    (void)std::strftime(text, sizeof text, "%H:%M:%S", &local);
+}
+
+KeldHandling::KeldHandling(KeldOrigin origin)
+{
+    tPresent.origin = origin;
+    tPresent.handling = true;
+    tPresent.said = Said::Not;
+}
+
+KeldHandling::~KeldHandling()
+{
+    Present &present = tPresent;
+    if (present.said == Said::Not) gMissing.fetch_add(1, std::memory_order_relaxed);
+    present.origin = {};
+    present.handling = false;
+}
+
+KeldOrigins::KeldOrigins() { tPresent.origins = this; }
+
+KeldOrigins::~KeldOrigins() { tPresent.origins = nullptr; }
+
+void KeldOrigins::Add(KeldOrigin origin)
+{
+    if (origin.count == 0) return;
+    if (mCount < mNamed.size()) mNamed[mCount] = origin;
+    ++mCount;
+}
+
+void KeldOrigins::Became(KeldOutcome outcome, const char *format, ...)
+{
+    mOutcome = outcome;
+    va_list args;
+    va_start(args, format);
+    Render(mText, format, args);
+    va_end(args);
+}
+
+KeldCause::KeldCause()
+{
+    if (KeldOrigins *origins = tPresent.origins) {
+        origins->mPosted = true;
+        named = {origins->mNamed.data(), std::min(origins->mCount, kKeldOriginsMax)};
+        unnamed = origins->mCount - named.size();
+        return;
+    }
+    if (tPresent.origin.count != 0) named = {&tPresent.origin, 1};
+    KeldSayByItself(KeldFate::Posted, "%s", "");
+}
