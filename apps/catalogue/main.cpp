@@ -86,9 +86,15 @@ public:
     {
         for (const KeldCorrelatorEntry &correlator : correlators)
             Add(correlator.domain);
+        for (const auto &[type, pairing] : mPairings) {
+            for (const std::string &ended : Split(pairing.clears))
+                Pair(type, ended, Split(pairing.on));
+            for (const std::string &clear : Split(pairing.clearedBy))
+                Pair(clear, type, Split(pairing.on));
+        }
         for (const ordered_json &event : mEvents)
-            for (const std::string &ended : event.value("clears", std::vector<std::string>{}))
-                Pair(event, ended);
+            if (event["class"] == "clear" && !event.contains("clears"))
+                throw std::runtime_error(fmt::format("{} ends nothing", event["type"].get<std::string>()));
     }
 
     ordered_json Json() const
@@ -154,14 +160,11 @@ private:
                               {"text", event.Text()},
                               {"arguments", ArgumentList(event.shape, event.names)}};
         AddObject(&entry, event.names);
-        if (const auto clears = Split(event.pairing.clears); !clears.empty()) {
-            entry["clears"] = clears;
-            entry["pairedOn"] = Split(event.pairing.on);
-        }
         const auto same = Find(type);
-        if (same == mEvents.end())
+        if (same == mEvents.end()) {
             mEvents.push_back(std::move(entry));
-        else if (*same != entry)
+            mPairings.emplace_back(type, event.pairing);
+        } else if (*same != entry)
             throw std::runtime_error(fmt::format("{} has two texts or two sets of arguments", type));
         return type;
     }
@@ -172,25 +175,25 @@ private:
                                     [&](const ordered_json &event) { return event["type"] == type; });
     }
 
-    // Says on both sides of a pair on which arguments it is matched.
-    void Pair(const ordered_json &clear, const std::string &ended)
+    // Names each on the other's side, and with the problem on which arguments they are matched.
+    void Pair(const std::string &ending, const std::string &ended, const std::vector<std::string> &on)
     {
-        const auto problem = Find(ended);
-        if (clear["class"] != "clear" || problem == mEvents.end() || (*problem)["class"] != "problem")
-            throw std::runtime_error(
-                fmt::format("{} cannot end {}", clear["type"].get<std::string>(), ended));
-        for (const ordered_json &name : clear["pairedOn"])
-            if (!HasArgument(clear, name) || !HasArgument(*problem, name))
-                throw std::runtime_error(fmt::format("{} and {} do not both have the argument {}",
-                                                     clear["type"].get<std::string>(), ended,
-                                                     name.get<std::string>()));
-        if (problem->value("pairedOn", clear["pairedOn"]) != clear["pairedOn"])
+        const auto clear = Find(ending), problem = Find(ended);
+        if (clear == mEvents.end() || (*clear)["class"] != "clear" || problem == mEvents.end() ||
+            (*problem)["class"] != "problem")
+            throw std::runtime_error(fmt::format("{} cannot end {}", ending, ended));
+        for (const std::string &name : on)
+            if (!HasArgument(*clear, name) || !HasArgument(*problem, name))
+                throw std::runtime_error(
+                    fmt::format("{} and {} do not both have the argument {}", ending, ended, name));
+        if (problem->value("pairedOn", on) != on)
             throw std::runtime_error(fmt::format("{} is ended on different arguments", ended));
-        (*problem)["clearedBy"].push_back(clear["type"]);
-        (*problem)["pairedOn"] = clear["pairedOn"];
+        (*clear)["clears"].push_back(ended);
+        (*problem)["clearedBy"].push_back(ending);
+        (*problem)["pairedOn"] = on;
     }
 
-    static bool HasArgument(const ordered_json &event, const ordered_json &name)
+    static bool HasArgument(const ordered_json &event, const std::string &name)
     {
         return std::ranges::any_of(event["arguments"],
                                    [&](const ordered_json &argument) { return argument["name"] == name; });
@@ -198,6 +201,7 @@ private:
 
     ordered_json mAgents = ordered_json::array();
     std::vector<ordered_json> mEvents;
+    std::vector<std::pair<std::string, KeldPairing>> mPairings; // by event type ID
     ordered_json mObservations = ordered_json::array();
 };
 
@@ -252,7 +256,7 @@ std::string Markdown(const ordered_json &catalogue)
                 pairing = "ends " + CodeList(event["clears"]);
             else if (event.contains("clearedBy"))
                 pairing = "ended by " + CodeList(event["clearedBy"]);
-            if (event.contains("pairedOn"))
+            if (event.contains("clearedBy"))
                 pairing += event["pairedOn"].empty()
                                ? ", whatever the arguments"
                                : fmt::format(

@@ -51,21 +51,22 @@ std::string Block(const std::string &name,
     return block;
 }
 
-// The other side of a pair, and what the two have in common.
-std::string Paired(const std::vector<std::string> &others, const std::vector<std::string> &pairedOn)
+// The clears of a problem, and what they have in common with it.
+std::string ClearedBy(const CatalogueEvent &problem)
 {
-    if (others.empty()) return "";
-    return List(others) + (pairedOn.empty()
-                               ? " (whatever the arguments)"
-                               : fmt::format(" (of the same {})", fmt::join(pairedOn, " and ")));
+    if (problem.clearedBy.empty()) return "";
+    return List(problem.clearedBy) +
+           (problem.pairedOn.empty()
+                ? " (whatever the arguments)"
+                : fmt::format(" (of the same {})", fmt::join(problem.pairedOn, " and ")));
 }
 
 std::string Readable(const CatalogueEvent &event)
 {
     return Block(event.type, {{"text", event.text},
                               {"arguments", ArgumentsText(event.arguments)},
-                              {"clears", Paired(event.clears, event.pairedOn)},
-                              {"cleared by", Paired(event.clearedBy, event.pairedOn)}});
+                              {"clears", List(event.clears)},
+                              {"cleared by", ClearedBy(event)}});
 }
 
 std::string Readable(const CatalogueObservation &observation)
@@ -91,8 +92,10 @@ json ToJson(const CatalogueEvent &event)
               {"text", event.text},
               {"arguments", ArgumentsJson(event.arguments)}};
     if (!event.clears.empty()) line["clears"] = event.clears;
-    if (!event.clearedBy.empty()) line["clearedBy"] = event.clearedBy;
-    if (!event.clears.empty() || !event.clearedBy.empty()) line["pairedOn"] = event.pairedOn;
+    if (!event.clearedBy.empty()) {
+        line["clearedBy"] = event.clearedBy;
+        line["pairedOn"] = event.pairedOn;
+    }
     return line;
 }
 

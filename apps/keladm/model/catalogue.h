@@ -5,15 +5,16 @@
 //                  "otherwiseBecomes": ["nox..."]}],
 //      "events": [{"type": "nox.problem.net...", "class": "problem", "text": "NIC %s is down.",
 //                  "arguments": [{"name": "nic", "type": "string"}],
-//                  "clears": ["nox..."], "clearedBy": ["nox..."], "pairedOn": ["nic"]}],
+//                  "clearedBy": ["nox.clear..."], "pairedOn": ["nic"]},
+//                 {"type": "nox.clear.net...", ..., "clears": ["nox.problem..."]}],
 //      "observations": [{"id": "kel.net...", "domain": "net", "arguments": [...],
 //                        "becomes": ["nox..."], "note": "..."}]}
 //
 // Argument types are string, int32, uint32, int64 and uint64; of an observation also uuid, which is sent
-// as nine numbers (%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx). pairedOn names the arguments by
-// which a problem and its clear are matched; when it is empty, the clear ends every problem of the type.
-// The agents, an agent's otherwiseBecomes, an event's clears, clearedBy and pairedOn and an observation's
-// becomes and note may be absent; other keys are passed over.
+// as nine numbers (%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx). A problem's pairedOn names the
+// arguments by which it and its clears are matched; when it is empty, a clear ends every problem of the
+// type. The agents, an agent's otherwiseBecomes, an event's clears, clearedBy and pairedOn and an
+// observation's becomes and note may be absent; other keys are passed over.
 #ifndef KELADM_CATALOGUE_H
 #define KELADM_CATALOGUE_H
 
@@ -34,7 +35,7 @@ struct CatalogueEvent {
     std::vector<CatalogueArgument> arguments;
     std::vector<std::string> clears;
     std::vector<std::string> clearedBy;
-    std::vector<std::string> pairedOn; // of either
+    std::vector<std::string> pairedOn; // of a problem with its clears
 };
 
 struct CatalogueObservation {

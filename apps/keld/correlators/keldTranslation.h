@@ -165,10 +165,12 @@ consteval KeldArguments ByMessage(const char *text, KeldNames names)
     return {KeldArguments::By::Message, text, names};
 }
 
-// Which problems an event ends, and the arguments by which the two are matched.
+// Which problems a clear ends, and the arguments by which they are matched. What one clear ends on other
+// arguments than the rest stands with the problem: it says which clears end it, and on which.
 struct KeldPairing {
-    KeldNames clears{}; // event type IDs
-    KeldNames on{};     // names of arguments of both; none: by type alone
+    KeldNames clears{};    // event type IDs
+    KeldNames on{};        // names of arguments of both; none: by type alone
+    KeldNames clearedBy{}; // event type IDs
 };
 
 // A marked text. Its class is read from its own type ID, so the two cannot disagree.

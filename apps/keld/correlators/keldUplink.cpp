@@ -36,9 +36,12 @@ constexpr std::uint32_t kLinkStateDelaySeconds = 1;
 constexpr std::uint32_t kWatchdogDelaySeconds = 7;
 constexpr std::uint64_t kFlapWindowSeconds = 60;
 
-// Restored clears are posted only when nothing of their kind is lost any more, on any NIC: each ends all
-// problems of its type. Nothing ends a degraded redundancy.
-consteval KeldPairing EndsEvery(const char *problem) { return {.clears = problem}; }
+// Restored clears are posted only when nothing of their kind is lost any more, on any NIC, neither port
+// groups nor DVPorts: each ends every such loss of both. A degraded redundancy ends with the same NIC's.
+constexpr KeldPairing kEndsConnectivityLost{
+    .clears = "nox.problem.net.connectivity.lost, nox.problem.net.dvport.connectivity.lost"};
+constexpr KeldPairing kEndsRedundancyLost{
+    .clears = "nox.problem.net.redundancy.lost, nox.problem.net.dvport.redundancy.lost"};
 
 // clang-format off
 constexpr EventText kConnectivityLost(
@@ -49,7 +52,7 @@ constexpr EventText kRedundancyLost(
     "switch, *nic, portGroups");
 constexpr EventText kRedundancyDegraded(
     "@&!*@*@(nox.problem.net.redundancy.degraded)Uplink redundancy degraded on virtual switch %s. Physical NIC %s is down. Affected port groups: %s",
-    "switch, *nic, portGroups");
+    "switch, *nic, portGroups", {.on = "nic", .clearedBy = "nox.clear.net.redundancy.restored"});
 constexpr EventText kDvPortConnectivityLost(
     "@&!*@*@(nox.problem.net.dvport.connectivity.lost)Lost network connectivity on DVPorts: %s. Physical NIC %s is down.",
     "dvPorts, *nic");
@@ -58,20 +61,20 @@ constexpr EventText kDvPortRedundancyLost(
     "dvPorts, *nic");
 constexpr EventText kDvPortRedundancyDegraded(
     "@&!*@*@(nox.problem.net.dvport.redundancy.degraded)Uplink redundancy degraded on DVPorts: %s. Physical NIC %s is down.",
-    "dvPorts, *nic");
+    "dvPorts, *nic", {.on = "nic", .clearedBy = "nox.clear.net.dvport.redundancy.restored"});
 constexpr EventText kConnectivityRestored(
     "@&!*@*@(nox.clear.net.connectivity.restored)Network connectivity restored on virtual switch %s, portgroups: %s. Physical NIC %s is up",
-    "switch, portGroups, *nic", EndsEvery("nox.problem.net.connectivity.lost"));
+    "switch, portGroups, *nic", kEndsConnectivityLost);
 constexpr EventText kRedundancyRestored(
     "@&!*@*@(nox.clear.net.redundancy.restored)Uplink redundancy restored on virtual switch %s, portgroups: %s. Physical NIC %s is up",
-    "switch, portGroups, *nic", EndsEvery("nox.problem.net.redundancy.lost"));
+    "switch, portGroups, *nic", kEndsRedundancyLost);
 constexpr EventText kDvPortConnectivityRestored(
     "@&!*@*@(nox.clear.net.dvport.connectivity.restored)Network connectivity restored on DVPorts: %s. Physical NIC %s is up",
-    "dvPorts, *nic", EndsEvery("nox.problem.net.dvport.connectivity.lost"));
+    "dvPorts, *nic", kEndsConnectivityLost);
 // KEPT: "is up recently", here alone; receivers match on this text.
 constexpr EventText kDvPortRedundancyRestored(
     "@&!*@*@(nox.clear.net.dvport.redundancy.restored)Uplink redundancy restored on DVPorts: %s. Physical NIC %s is up recently",
-    "dvPorts, *nic", EndsEvery("nox.problem.net.dvport.redundancy.lost"));
+    "dvPorts, *nic", kEndsRedundancyLost);
 constexpr EventText kLinkStateUp(
     "@&!*@*@(nox.clear.net.vmnic.linkstate.up)Physical NIC %s linkstate is up",
     "*nic", {.clears = "nox.problem.net.vmnic.linkstate.down", .on = "nic"});
