@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <hostEntries.h>
+#include <kltlibs/journalrecord.h>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -75,6 +76,15 @@ TEST_F(DocumentTest, TheExampleBecomesTheEventAndTheTraceLinesBelowIt)
     for (std::string line; std::getline(lines, line);)
         EXPECT_EQ(line, trace.Line());
     EXPECT_EQ("", trace.Line());
+}
+
+TEST_F(DocumentTest, TheJournalsExampleIsWhatIsWritten)
+{
+    std::string written;
+    Journal_Append(&written, 11, 1772366400000000, JournalFateEntry{{0, 1}, JournalFate::Posted, ""});
+    Journal_Append(&written, 12, 1772366400000000, JournalDeliveryEntry{1, JournalDelivery::Delivered, 1});
+    const auto bytes = std::as_bytes(std::span(written));
+    EXPECT_EQ(RecordBytes(bytes.begin(), bytes.end()), Dump(Example(formats, "The journal")));
 }
 
 TEST_F(DocumentTest, TheListOfEventsIsTheCataloguesOwn)
