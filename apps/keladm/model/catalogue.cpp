@@ -38,9 +38,11 @@ CatalogueEvent ReadEvent(const json &entry)
     event.eventClass = entry.at("class").get<std::string>();
     event.text = entry.at("text").get<std::string>();
     event.arguments = ReadArgumentList(entry);
+    event.object = entry.value("object", "");
     event.clears = entry.value("clears", Texts{});
     event.clearedBy = entry.value("clearedBy", Texts{});
     event.pairedOn = entry.value("pairedOn", Texts{});
+    event.remembered = entry.value("remembered", false);
     if (!event.type.starts_with("nox." + event.eventClass + "."))
         throw std::runtime_error(
             fmt::format("type \"{}\" is not of the class \"{}\"", event.type, event.eventClass));
@@ -50,7 +52,8 @@ CatalogueEvent ReadEvent(const json &entry)
 CatalogueObservation ReadObservation(const json &entry)
 {
     return {entry.at("id").get<std::string>(), entry.at("domain").get<std::string>(),
-            ReadArgumentList(entry), entry.value("becomes", Texts{}), entry.value("note", "")};
+            ReadArgumentList(entry),           entry.value("object", ""),
+            entry.value("becomes", Texts{}),   entry.value("note", "")};
 }
 
 CatalogueAgent ReadAgent(const json &entry)
@@ -90,6 +93,12 @@ const CatalogueEvent *Catalogue::Find(std::string_view type) const
 {
     auto found = std::ranges::find(events, type, &CatalogueEvent::type);
     return found == events.end() ? nullptr : &*found;
+}
+
+const CatalogueObservation *Catalogue::FindObservation(std::string_view id) const
+{
+    auto found = std::ranges::find(observations, id, &CatalogueObservation::id);
+    return found == observations.end() ? nullptr : &*found;
 }
 
 Catalogue ParseCatalogue(std::string_view text)

@@ -33,15 +33,18 @@ struct CatalogueEvent {
     std::string eventClass;
     std::string text; // printf-style
     std::vector<CatalogueArgument> arguments;
+    std::string object; // the name of one of them; empty for none
     std::vector<std::string> clears;
     std::vector<std::string> clearedBy;
     std::vector<std::string> pairedOn; // of a problem with its clears
+    bool remembered = false;           // a clear that only the daemon posts that posted the problem
 };
 
 struct CatalogueObservation {
     std::string id;
     std::string domain;
     std::vector<CatalogueArgument> arguments;
+    std::string object; // the name of one of them; empty for none
     std::vector<std::string> becomes;
     std::string note;
 };
@@ -59,8 +62,9 @@ struct Catalogue {
     std::vector<CatalogueEvent> events;
     std::vector<CatalogueObservation> observations;
 
-    // Null for a type that is not there.
+    // Null for one that is not there.
     const CatalogueEvent *Find(std::string_view type) const;
+    const CatalogueObservation *FindObservation(std::string_view id) const;
 };
 
 // Throws Failure naming the entry that is wrong.
