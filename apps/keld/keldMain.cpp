@@ -185,7 +185,9 @@ int RefuseChannel(const KeldChannel &channel, int error)
 {
     char path[KLT_RUN_PATH_BYTES] = "";
     const char *remedy = "";
-    if (KltRunDir_Path("kel", path, sizeof path) != 0)
+    const bool isUser = channel.context == KELLIB_USER_CONTEXT;
+    const std::string name = isUser ? "user" : "async-" + std::to_string(channel.context);
+    if (KltRunDir_Path(("kel/" + name + ".sock").c_str(), path, sizeof path) != 0)
         remedy = "KALTOR_RUN_DIR must be an absolute path of at most 80 bytes";
     else if (error == EBUSY)
         remedy = "another keld serves this run directory; stop it, or set KALTOR_RUN_DIR to another one";
@@ -193,8 +195,7 @@ int RefuseChannel(const KeldChannel &channel, int error)
         remedy = "run it as root, or set KALTOR_RUN_DIR to a directory of your own";
     else
         remedy = "the system log has the step that failed";
-    KeldTell("cannot start: %s: channel %d cannot be opened: %s; %s", path,
-             static_cast<int>(channel.context), std::strerror(error), remedy);
+    KeldTell("cannot start: %s: %s; %s", path, std::strerror(error), remedy);
     return error;
 }
 

@@ -108,7 +108,8 @@ int main(int argc, char **argv)
     KeldSetLookOut(&laboratory);
     if (const char *file = std::getenv("KELD_LOG_FD")) LogFile::descriptor = std::atoi(file);
     KSyslog_SetSink(LogFile::Write);
-    keldVfatScratchLink = (new std::string(runDirectory + "/scratch"))->c_str();
+    static const std::string &scratchLink = *new std::string(runDirectory + "/scratch");
+    keldVfatScratchLink = scratchLink.c_str();
     StartObeying(laboratory, clock, std::atoi(fd));
     const char *optional = std::getenv("KELD_OPTIONAL_AGENTS");
     return KeldMain(argc, argv, optional != nullptr && std::strcmp(optional, "1") == 0);

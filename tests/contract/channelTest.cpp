@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
+#include <future>
 #include <gtest/gtest.h>
 #include <kltlibs/kelrecord.h>
 #include <kltlibs/msgfmt.h>
@@ -375,11 +376,14 @@ TEST_F(ChannelTest, TheRunDirectoryIsLockedWhileAChannelIsOpen)
     EXPECT_EQ(EINVAL, KelLib_UserContextOpen(21, &again));
     const int lock = open(mRunDir.Path("kel/lock").c_str(), O_RDWR | O_CLOEXEC); // as another daemon
     EXPECT_NE(0, flock(lock, LOCK_EX | LOCK_NB));
+    ASSERT_EQ(0, unlink(mRunDir.Path("kel/user.sock").c_str()));
+    close(open(mRunDir.Path("kel/user.sock").c_str(), O_CREAT | O_WRONLY, 0644)); // somebody else's by now
     Close(first);
     EXPECT_NE(0, access(path.c_str(), F_OK));
     EXPECT_NE(0, flock(lock, LOCK_EX | LOCK_NB)) << "one channel is still open";
     Close(second);
     EXPECT_EQ(0, flock(lock, LOCK_EX | LOCK_NB)) << "the last one has gone";
+    EXPECT_EQ(0, access(mRunDir.Path("kel/user.sock").c_str(), F_OK)) << "not its own to remove";
     EXPECT_EQ(EBUSY, KelLib_AsyncContextOpen(1, &again));
     EXPECT_NE(0, access(mRunDir.Path("kel/async-1.sock").c_str(), F_OK));
     close(lock);
@@ -398,17 +402,46 @@ TEST_F(UserChannelTest, PacketsComeThroughUntilThePeerCloses)
     EXPECT_EQ("", Read(fd));
     EXPECT_EQ(0, KelProducer_Emit(producer, "kel.user.small", "%s", "x"));
     EXPECT_EQ(0, KelProducer_Emit(producer, "kel.user.large", "%s", std::string(100000, 'x').c_str()));
-    KelProducer_Close(producer);
+    std::future<int> closed = std::async(std::launch::async, KelProducer_Close, producer);
+    EXPECT_TRUE(WaitForEvents(fd, POLLRDHUP)) << "it has ended its side, and waits";
     EXPECT_EQ("kel.user.small", Read(fd, 8192));
     EXPECT_EQ("27", Read(fd, 8192));
     EXPECT_EQ("kel.user.large", Read(fd)) << "what was sent is delivered all the same";
     EXPECT_EQ("", Read(fd));
     EXPECT_TRUE(Events(fd) & POLLHUP);
     EXPECT_EQ(0, KelLib_UserContextCloseCnx(fd));
+    EXPECT_EQ(0, closed.get()) << "all of it was taken";
     EXPECT_GT(0, KelLib_UserContextCloseCnx(fd));
     for (const int other : {FdOf(handle), OpenFd(0), mLog.Fd()})
         EXPECT_GT(0, KelLib_UserContextCloseCnx(other)) << "no connection";
     EXPECT_EQ(EINVAL, KelLib_UserContextNewCnx(mHandles[0], &fd));
+}
+
+TEST_F(UserChannelTest, AProducerThatIsTurnedAwayLearnsIt)
+{
+    KelLibHandle *handle = Open(kUser);
+    KelProducer *producer;
+    ASSERT_EQ(0, KelProducer_Open(KELPRODUCER_USER_CONTEXT, &producer));
+    int fd;
+    ASSERT_EQ(0, KelLib_UserContextNewCnx(handle, &fd));
+    ASSERT_EQ(0, KelProducer_Emit(producer, "kel.user.unread", "%s", "x"));
+    EXPECT_EQ(0, KelLib_UserContextCloseCnx(fd));
+    EXPECT_EQ(EPIPE, KelProducer_Close(producer));
+}
+
+TEST_F(UserChannelTest, BehindTheEndEveryPacketIsLookedAtHoweverManyAreBad)
+{
+    std::optional<RawProducer> producer;
+    const int fd = Accept(producer);
+    const int size = 8 << 20; // as many as wait in the socket
+    if (setsockopt(producer->Fd(), SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) != 0) GTEST_SKIP();
+    for (int i = 0; i < 4200; ++i)
+        ASSERT_EQ(0, producer->Send(RecordBytes(1)));
+    ASSERT_EQ(0, producer->Send(MakeRecord("kel.user.good", "a")));
+    producer.reset();
+    std::string taken = Read(fd);
+    if (taken.empty()) taken = Read(fd); // the bound of one read
+    EXPECT_EQ("kel.user.good", taken);
 }
 
 TEST_F(UserChannelTest, AnEmptyPacketEndsTheStream)

@@ -1,7 +1,8 @@
 // What is preloaded into the daemon as it is shipped: a system log that is a file, and gates for its
 // threads.
 //
-// What the daemon sends to /dev/log goes to the descriptor named in KELD_LOG_FD, as it stands.
+// What the daemon sends to /dev/log goes to the descriptor named in KELD_LOG_FD, as it stands, unless
+// KELD_LOG_SOCKET names a socket that takes the place of /dev/log.
 //
 // KELD_THREAD_GATES names a directory. A thread that gives itself a name, as agents do first of all, waits
 // where a FIFO of that name (cut to 15 characters) lies there, until somebody has it open for writing.
@@ -37,6 +38,12 @@ int connect(int fd, const sockaddr *address, socklen_t length)
     if (address->sa_family != AF_UNIX || file == nullptr ||
         std::strcmp(reinterpret_cast<const sockaddr_un *>(address)->sun_path, "/dev/log") != 0)
         return Next<decltype(&connect)>("connect")(fd, address, length);
+    if (const char *path = std::getenv("KELD_LOG_SOCKET")) {
+        sockaddr_un instead{.sun_family = AF_UNIX, .sun_path = {}};
+        std::strncpy(instead.sun_path, path, sizeof instead.sun_path - 1);
+        return Next<decltype(&connect)>("connect")(fd, reinterpret_cast<sockaddr *>(&instead),
+                                                   sizeof instead);
+    }
     LogFile::descriptor = std::atoi(file);
     logSocket = fd;
     return 0;

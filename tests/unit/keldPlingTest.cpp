@@ -80,14 +80,14 @@ TEST_F(PlingTest, ArgumentsGoIntoFiveBuffersAndDisappearWhenTheyDoNotFitTheLast)
 TEST_F(PlingTest, ADeferredEventIsNotTriedAtOnce)
 {
     const auto post = [](int defer) {
-        KeldPostEvent(defer, KeldEventClass::Audit, "@&!*@*@(nox.audit.dcui.enabled)The DCUI is enabled.");
+        KeldPostEvent(defer, KeldEventClass::Audit, "@&!*@*@(nox.audit.lcon.enabled)The LCON is enabled.");
     };
     post(0x100);
     EXPECT_THAT(events.DrainTexts(), SizeIs(1));
     post(1);
     post(0x180);
     EXPECT_THAT(events.DrainTexts(), IsEmpty());
-    EXPECT_THAT(log.LinesWith("event (nox.audit.dcui.enabled) could not be sent immediately to carad"),
+    EXPECT_THAT(log.LinesWith("event (nox.audit.lcon.enabled) could not be sent immediately to carad"),
                 SizeIs(2));
 }
 

@@ -70,7 +70,7 @@ private:
     }
 };
 
-void LogVA(const char *format, va_list args)
+__attribute__((format(printf, 1, 0))) void LogVA(const char *format, va_list args)
 {
     Line line;
     line.AppendFormatted(format, args);

@@ -212,7 +212,7 @@ void TakeLines(Client &client, std::string *text)
     text->clear();
     KeldLock lock(state.traceMutex);
     KeldStore::Reader &lines = client.lines;
-    const auto waiting = [&]() {
+    const auto waiting = [&]() REQUIRES(state.traceMutex) {
         return lines.Next() < state.lines.End() || client.blankBefore == lines.Next();
     };
     while (!waiting() && !client.ending && !client.cut)

@@ -231,7 +231,7 @@ int KeldStreamReadKel(KeldStream *stream, Kel **kel, bool *complete)
     if (Kel_MakeKel(stream->record.get(), total, kel) != 0) return 1; // the bytes stay the stream's
     (void)stream->record.release();
     stream->filled = stream->wanted = 0;
-    ++stream->taken;
+    stream->taken.store(stream->taken.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     *complete = true;
     return 0;
 }

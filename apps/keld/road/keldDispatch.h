@@ -6,6 +6,7 @@
 #include "keldOwn.h"
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -45,7 +46,7 @@ struct KeldStream {
     std::uint32_t wanted = 0;    // bytes that the next read asks for
     // Whole records: written by the main thread, taken out by the agent.
     std::uint64_t queued = 0;
-    std::uint64_t taken = 0;
+    std::atomic<std::uint64_t> taken = 0; // read at the end, when an agent may not have obeyed
 };
 
 // Empties the list and makes the lock: 0 or an errno value. Main thread, before any agent.
