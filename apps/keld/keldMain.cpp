@@ -17,6 +17,7 @@
 #include "keldChannel.h"
 #include "keldDispatch.h"
 #include "keldDomains.h"
+#include "keldJournal.h"
 #include "keldLog.h"
 #include "keldPling.h"
 #include "keldSignal.h"
@@ -88,6 +89,7 @@ int Refuse(const char *what, int error);
 int RefuseChannel(const KeldChannel &channel, int error);
 void TellReady();
 void TellEnd(int code);
+void TellJournalEnd(int code);
 
 } // namespace
 
@@ -107,6 +109,7 @@ int KeldMain(int argc, char **argv, bool optionalAgents)
     daemon.Stop();
     KeldLog("Exiting. rc:%d\n", code);
     if (started) TellEnd(code);
+    if (started) TellJournalEnd(code);
     return code;
 }
 
@@ -171,6 +174,8 @@ int Daemon::Start(bool asyncEnable, bool optionalAgents)
     }
     (void)mPoll.Grow(kSlotsMax); // without memory for it, without producers
     KeldAgentAwaitAll();
+    if ((error = KeldJournalOpen(KELD_VERSION)) != 0)
+        KeldLog("Journal socket cannot be opened: %s\n", std::strerror(error));
     return 0;
 }
 
@@ -214,6 +219,13 @@ void TellEnd(int code)
     KeldTell("ended with status %d; %zu events were waiting for a retry, %" PRIu64
              " observations were left in pipes",
              code, KeldPlingWaiting(), KeldDispatchWaiting());
+}
+
+void TellJournalEnd(int code)
+{
+    KeldDispatchTellLost();
+    KeldPlingTellLost();
+    KeldJournalEnd({code, KeldDispatchCount(), KeldPlingCount()});
 }
 
 int EnableAsyncObservations()
@@ -265,7 +277,8 @@ int Daemon::HandleSlot(std::size_t *index)
         if ((events & POLLIN) != 0) KeldTraceAccept(slot.fd);
     } else {
         // What a producer's connection could not deliver is no reason to end.
-        const bool unread = (events & POLLIN) == 0 || KeldReadChannel(slot.fd, &mBuffer) != 0;
+        const bool unread =
+            (events & POLLIN) == 0 || KeldReadChannel(slot.fd, KELLIB_USER_CONTEXT, &mBuffer) != 0;
         close = unread && (events & kBroken) != 0;
     }
     if (close && CloseProducer(at)) {
@@ -281,7 +294,7 @@ int Daemon::ReadKernelChannel(KeldChannel *channel)
 {
     int fd = -1;
     (void)KelLib_HandleToFd(channel->handle, &fd);
-    const int code = KeldReadChannel(fd, &mBuffer);
+    const int code = KeldReadChannel(fd, static_cast<std::int32_t>(channel->context), &mBuffer);
     if (code != KELLIB_STATUS_TOO_SMALL) return code;
     (void)KelLib_Reset(channel->handle); // what waits there can never be read: it is lost
     return 0;

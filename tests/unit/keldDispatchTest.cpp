@@ -25,7 +25,7 @@ int Dispatch(std::initializer_list<RecordBytes> records)
     RecordBytes batch;
     for (const RecordBytes &record : records)
         batch.insert(batch.end(), record.begin(), record.end());
-    return KeldDispatch(batch.data(), batch.size());
+    return KeldDispatch(KELLIB_USER_CONTEXT, batch.data(), batch.size());
 }
 
 RecordBytes LinkDown(const char *nic) { return MakeRecord("kel.net.vmnic.linkstate.down", "%s", nic); }

@@ -127,6 +127,7 @@ int RunKeladm(int argc, char **argv)
     AddReplayCommand(app, &chosen);
     AddReceiveCommand(app, &chosen);
     AddTraceCommand(app, &chosen);
+    AddJournalCommand(app, &chosen);
     AddEventsCommand(app, &chosen);
     AddHostCommand(app, &chosen);
     AddCompletionCommand(app, &chosen);

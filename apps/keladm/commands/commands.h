@@ -22,6 +22,7 @@ void AddSendCommand(CLI::App &app, Command *chosen);
 void AddReplayCommand(CLI::App &app, Command *chosen);
 void AddReceiveCommand(CLI::App &app, Command *chosen);
 void AddTraceCommand(CLI::App &app, Command *chosen);
+void AddJournalCommand(CLI::App &app, Command *chosen);
 void AddEventsCommand(CLI::App &app, Command *chosen);
 void AddHostCommand(CLI::App &app, Command *chosen);
 void AddCompletionCommand(CLI::App &app, Command *chosen);

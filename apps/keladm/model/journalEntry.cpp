@@ -1,9 +1,15 @@
 #include "journalEntry.h"
 
+#include "failure.h"
+#include "runDirectory.h"
+
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <fmt/format.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <utility>
 
 namespace {
@@ -139,6 +145,17 @@ std::optional<JournalEntry> JournalStream::Take()
     if (length == 0) return std::nullopt;
     mTaken += length;
     return entry;
+}
+
+UniqueFd ConnectToJournal()
+{
+    const std::string path = RunDirectoryPath("keld-journal.sock");
+    const sockaddr_un address = SocketAddress(path);
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (fd && connect(fd.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+        return fd;
+    if (errno == ENOENT || errno == ECONNREFUSED) throw Failure(kExitNoPeer, NoDaemonText());
+    throw Failure(kExitFailed, fmt::format("{}: {}", path, std::strerror(errno)));
 }
 
 std::string_view JournalWord(JournalFate fate) { return WordOf(fate); }

@@ -3,6 +3,7 @@
 #define KELADM_JOURNALENTRY_H
 
 #include <kltlibs/journalrecord.h>
+#include <kltlibs/uniquefd.h>
 
 #include <optional>
 #include <string>
@@ -49,6 +50,9 @@ private:
 // Strict: codes in their range, texts and lists that end where they say, nothing behind the last field.
 // Records are not looked into: Kel_MakeKel and EventRecord_Decode do that.
 std::size_t JournalEntry_Read(std::string_view bytes, JournalEntry *entry, std::string *error);
+
+// A connection to the journal of the run directory. Throws Failure.
+UniqueFd ConnectToJournal();
 
 // "held back", "posted"; "?" for a code that is none.
 std::string_view JournalWord(JournalFate fate);

@@ -83,14 +83,26 @@ KeldHandling::KeldHandling(KeldOrigin origin)
 KeldHandling::~KeldHandling()
 {
     Present &present = tPresent;
-    if (present.said == Said::Not) gMissing.fetch_add(1, std::memory_order_relaxed);
+    if (present.said == Said::Not)
+        gMissing.fetch_add(1, std::memory_order_relaxed);
+    else if (present.origin.count != 0)
+        KeldJournalTell([&] { return JournalFateEntry{present.origin, present.fate, present.text}; });
     present.origin = {};
     present.handling = false;
 }
 
 KeldOrigins::KeldOrigins() { tPresent.origins = this; }
 
-KeldOrigins::~KeldOrigins() { tPresent.origins = nullptr; }
+KeldOrigins::~KeldOrigins()
+{
+    tPresent.origins = nullptr;
+    if (mCount == 0) return;
+    if (mOutcome == KeldOutcome{}) mOutcome = mPosted ? KeldOutcome::Posted : KeldOutcome::Discarded;
+    KeldJournalTell([this] {
+        const auto named = Named();
+        return JournalOutcomeEntry{mOutcome, {named.begin(), named.end()}, Unnamed(), mText};
+    });
+}
 
 void KeldOrigins::Add(KeldOrigin origin)
 {
@@ -112,8 +124,8 @@ KeldCause::KeldCause()
 {
     if (KeldOrigins *origins = tPresent.origins) {
         origins->mPosted = true;
-        named = {origins->mNamed.data(), std::min(origins->mCount, kKeldOriginsMax)};
-        unnamed = origins->mCount - named.size();
+        named = origins->Named();
+        unnamed = origins->Unnamed();
         return;
     }
     if (tPresent.origin.count != 0) named = {&tPresent.origin, 1};

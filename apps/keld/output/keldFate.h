@@ -24,6 +24,7 @@
 
 #include <kltlibs/journalrecord.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -66,6 +67,9 @@ public:
 
 private:
     friend struct KeldCause;
+    std::span<const KeldOrigin> Named() const { return {mNamed.data(), std::min(mCount, kKeldOriginsMax)}; }
+    std::uint32_t Unnamed() const { return static_cast<std::uint32_t>(mCount - Named().size()); }
+
     std::array<KeldOrigin, kKeldOriginsMax> mNamed;
     std::size_t mCount = 0;
     bool mPosted = false;
@@ -95,7 +99,7 @@ bool KeldHasFate();
 struct KeldCause {
     KeldCause();
     std::span<const KeldOrigin> named;
-    std::size_t unnamed = 0; // how many more
+    std::uint32_t unnamed = 0; // how many more
 };
 
 // How many handlers have returned without a fate. Any thread.

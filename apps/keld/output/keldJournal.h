@@ -1,12 +1,71 @@
-// The journal: what becomes of every observation and event, told while somebody listens.
+// The journal: what becomes of every observation and event, told to whoever listens at keld-journal.sock in
+// the run directory. kltlibs/journalrecord.h has its layout.
+//
+// Nothing is rendered or kept while nobody listens. Nothing waits for a listener: what it is too slow for
+// is a gap in its journal.
 #ifndef KELD_JOURNAL_H
 #define KELD_JOURNAL_H
 
+#include <kltlibs/journalrecord.h>
+
 #include <atomic>
+#include <cstddef>
+#include <memory>
+#include <new>
+#include <string>
+
+// ---- What is told, from any thread --------------------------------------------------------------------
 
 inline std::atomic<bool> keldJournalHeard{false};
 
-// Whether somebody listens. Any thread.
+// Whether somebody listens. Any thread; one relaxed load.
 inline bool KeldJournalHeard() { return keldJournalHeard.load(std::memory_order_relaxed); }
+
+// The calling thread's own room for one entry, empty.
+std::string &KeldJournalRoom();
+
+// Wall-clock microseconds since the epoch.
+std::uint64_t KeldJournalNow();
+
+// Gives the rendered entry the next number and hands it to the listeners.
+void KeldJournalStore(std::string *entry);
+
+// Without memory for an entry, all listeners are disconnected: a hole that has no name would be worse.
+void KeldJournalDisconnect();
+
+// Tells one entry, which make() gives, if somebody listens:
+//
+//     KeldJournalTell([&] { return JournalGap{last}; });
+//
+// Any thread, also one that holds the stream lock or the retry list's.
+template <class Make> void KeldJournalTell(const Make &make)
+try {
+    if (!KeldJournalHeard()) return;
+    std::string &room = KeldJournalRoom();
+    Journal_Append(&room, 0, KeldJournalNow(), make());
+    KeldJournalStore(&room);
+} catch (const std::bad_alloc &) {
+    KeldJournalDisconnect();
+}
+
+// True once for each listener that has joined or has missed something: a begin is due. Main thread.
+bool KeldJournalBeginDue();
+
+// What every hello says of the agents; a null name is empty. Any thread.
+void KeldJournalAgentBegins(std::uint16_t number, std::shared_ptr<const std::string> name);
+void KeldJournalAgentEnds(std::uint16_t number);
+
+// ---- Its life, main thread ----------------------------------------------------------------------------
+
+// Makes the socket, removing what lies there, and starts the thread that accepts listeners; it inherits the
+// caller's blocked signals. 0 or an errno value. Once.
+int KeldJournalOpen(const char *version);
+
+// Tells the end, and gives listeners a fifth of a second to take it.
+void KeldJournalEnd(JournalEnd end);
+
+// Whether every listener's socket has all that was told. For whoever has to know when all is quiet. Any
+// thread.
+bool KeldJournalIsWritten();
 
 #endif

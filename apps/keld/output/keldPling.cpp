@@ -7,6 +7,7 @@
 
 #include "keldAlarm.h"
 #include "keldFate.h"
+#include "keldJournal.h"
 #include "keldLog.h"
 #include "keldMutex.h"
 #include "keldOwn.h"
@@ -62,8 +63,12 @@ int gRetryAlarm = -1;                                       // fixed after start
 std::atomic<std::uint64_t> gRateWindowStart{0}; // seconds, 0 before the first event
 std::atomic<std::int32_t> gRateCount{0};
 
+std::atomic<std::uint64_t> gEvents{0}; // so far
+
 struct RetryEntry {
-    int failures = 0; // of re-sends
+    std::uint64_t event = 0; // its number
+    unsigned tries = 0;      // so far
+    int failures = 0;        // of re-sends
     std::vector<std::byte> record;
 };
 struct Retries {
@@ -72,6 +77,27 @@ struct Retries {
     bool alarmArmed GUARDED_BY(retryListMutex) = false;
 };
 Retries &retries = *new Retries; // the alarm thread outlives main
+
+// What the journal is told of one event, which it gives its number.
+class EventJournal {
+public:
+    EventJournal(const char *prefix, std::string_view remainder) : mPrefix(prefix), mRemainder(remainder) {}
+
+    std::uint64_t Event() const { return mEvent; }
+    void Out(const std::byte *record, std::size_t length) const;
+    void NotMade(JournalDelivery why) const; // nothing of it remains
+
+private:
+    const std::uint64_t mEvent = gEvents.fetch_add(1, std::memory_order_relaxed) + 1;
+    const KeldCause mCause;
+    const char *mPrefix;
+    const std::string_view mRemainder;
+};
+
+void TellDelivery(std::uint64_t event, JournalDelivery state, unsigned tries)
+{
+    KeldJournalTell([=] { return JournalDeliveryEntry{event, state, tries}; });
+}
 
 void Post(int defer, const char *prefix, const char *remainder, const char *format, va_list args);
 bool WithinRate(const char *prefix, const char *remainder);
@@ -131,16 +157,16 @@ namespace {
 // too many, or cannot be packed.
 void Post(int defer, const char *prefix, const char *remainder, const char *format, va_list args)
 {
-    const KeldCause cause;
+    const EventJournal journal(prefix, remainder);
     MallocPtr<std::byte> record(static_cast<std::byte *>(std::calloc(1, kFirstBufferBytes)));
     if (record == nullptr) {
         KeldLog("Failed to allocate %zu bytes for prob buffer.\n", kFirstBufferBytes);
-        return;
+        return journal.NotMade(JournalDelivery::NoMemory);
     }
-    if (!WithinRate(prefix, remainder)) return;
+    if (!WithinRate(prefix, remainder)) return journal.NotMade(JournalDelivery::Limited);
     const std::size_t prefixLength = std::strlen(prefix);
     const std::size_t idLength = prefixLength + std::strlen(remainder) + 1;
-    if (idLength > PLINGRECORD_TYPE_ID_BYTES_MAX) return;
+    if (idLength > PLINGRECORD_TYPE_ID_BYTES_MAX) return journal.NotMade(JournalDelivery::IdTooLong);
 
     PutWord(record.get(), PLINGRECORD_TYPE_ID_LENGTH_AT, idLength);
     std::memcpy(record.get() + kIdAt, prefix, prefixLength);
@@ -153,7 +179,7 @@ void Post(int defer, const char *prefix, const char *remainder, const char *form
     std::size_t used = 0;
     std::uint32_t count = 0;
     record = PackArguments(std::move(record), total, format, args, &used, &count);
-    if (record == nullptr) return;
+    if (record == nullptr) return journal.NotMade(JournalDelivery::ArgumentsTooLarge);
 
     std::byte *area = record.get() + kIdAt + idLength;
     char *text = nullptr;
@@ -166,11 +192,32 @@ void Post(int defer, const char *prefix, const char *remainder, const char *form
     PutWord(record.get(), PLINGRECORD_ARGUMENT_COUNT_AT, count);
     PutWord(record.get(), PLINGRECORD_TOTAL_LENGTH_AT, total);
     KeldTraceOut(record.get());
+    journal.Out(record.get(), total);
 
-    if (defer == 0 && KeldPlingSend(record.get(), total) == 0) return;
+    if (defer == 0 && KeldPlingSend(record.get(), total) == 0)
+        return TellDelivery(journal.Event(), JournalDelivery::Delivered, 1);
     KeldLog("An event (%s) could not be sent immediately to carad; queueing for retry.",
             PlingRecord_TypeId(record.get()));
-    KeldPlingQueue(record.get(), total);
+    KeldPlingQueue(journal.Event(), defer == 0 ? 1 : 0, record.get(), total);
+}
+
+void EventJournal::Out(const std::byte *record, std::size_t length) const
+{
+    std::string type; // lasts until the entry is written
+    KeldJournalTell([&] {
+        type.append(mPrefix).append(mRemainder);
+        return JournalOut{mEvent,
+                          {mCause.named.begin(), mCause.named.end()},
+                          mCause.unnamed,
+                          type,
+                          {{reinterpret_cast<const char *>(record), length}}};
+    });
+}
+
+void EventJournal::NotMade(JournalDelivery why) const
+{
+    Out(nullptr, 0);
+    TellDelivery(mEvent, why, 0);
 }
 
 // Counts the event against its window; an event too many is reported and must be dropped.
@@ -257,19 +304,24 @@ int Connect(int fd)
 
 } // namespace
 
-void KeldPlingQueue(const void *record, std::size_t length)
+void KeldPlingQueue(std::uint64_t event, unsigned tries, const void *record, std::size_t length)
 try {
     const auto *bytes = static_cast<const std::byte *>(record);
     std::list<RetryEntry> entry(1);
+    entry.front().event = event;
+    entry.front().tries = tries;
     entry.front().record.assign(bytes, bytes + length);
+    TellDelivery(event, JournalDelivery::Waiting, tries); // before the alarm thread can have delivered it
     KeldLock lock(retries.retryListMutex);
     retries.list.splice(retries.list.end(), entry);
     if (retries.alarmArmed) return; // an armed alarm is not moved
     retries.alarmArmed = true;
     (void)KeldAlarmSet(gRetryAlarm, kKeldAlarmOneShot, kRetrySeconds);
 } catch (const std::bad_alloc &) {
-    // Without memory for a copy the event is lost.
+    TellDelivery(event, JournalDelivery::NoMemory, tries);
 }
+
+std::uint64_t KeldPlingCount() { return gEvents.load(std::memory_order_relaxed); }
 
 std::size_t KeldPlingWaiting()
 {
@@ -285,19 +337,30 @@ void KeldPlingAlarmHandler()
         const bool sent = KeldPlingSend(entry->record.data(), entry->record.size()) == 0;
         if (!sent && KeldStopping()) break;
         if (!sent) ++entry->failures;
+        ++entry->tries;
         const int attempts = entry->failures + 1; // the first one included
         bool keep = false;
         if (entry->failures >= kRetryFailuresMax) {
             KeldLog("Abandoned event (%s) after %d failures.\n", id, attempts);
+            TellDelivery(entry->event, JournalDelivery::Abandoned, entry->tries);
         } else if (sent) {
             KeldLog("Successfully sent event (%s) after %d failure%s.\n", id, attempts,
                     entry->failures == 0 ? "" : "s");
+            TellDelivery(entry->event, JournalDelivery::Delivered, entry->tries);
         } else {
             KeldLog("Failed to send event (%s); %d failures so far.\n", id, attempts);
+            TellDelivery(entry->event, JournalDelivery::Waiting, entry->tries);
             keep = true;
         }
         entry = keep ? std::next(entry) : retries.list.erase(entry);
     }
     retries.alarmArmed = !retries.list.empty();
     if (retries.alarmArmed) (void)KeldAlarmSet(gRetryAlarm, kKeldAlarmOneShot, kRetrySeconds);
+}
+
+void KeldPlingTellLost()
+{
+    const KeldLock lock(retries.retryListMutex);
+    for (const RetryEntry &entry : retries.list)
+        TellDelivery(entry.event, JournalDelivery::LostAtExit, entry.tries);
 }

@@ -3,6 +3,7 @@
 #define KELD_PLING_H
 
 #include <cstddef>
+#include <cstdint>
 
 enum class KeldEventClass : int { Problem = 0, Audit = 1, Clear = 2 };
 
@@ -26,11 +27,19 @@ void Keld_PostProblem(const char *suffix, const char *format, ...) __attribute__
 // Sends one record over a connection of its own: 0, or -1. Any thread.
 int KeldPlingSend(const void *record, std::size_t length);
 
-// Puts a copy of the record on the retry list and arms the retry alarm. Any thread.
-void KeldPlingQueue(const void *record, std::size_t length);
+// Puts a copy of the record on the retry list and arms the retry alarm. event is its number, tries how
+// often it was sent. Any thread.
+void KeldPlingQueue(std::uint64_t event, unsigned tries, const void *record, std::size_t length);
 
 // How many events wait on the retry list. Any thread.
 std::size_t KeldPlingWaiting();
+
+// How many events there were so far, whatever became of them. Any thread.
+std::uint64_t KeldPlingCount();
+
+// Tells the journal of the events that wait and will not be sent any more. Main thread, when no agent runs
+// any more.
+void KeldPlingTellLost();
 
 // One pass over the retry list. Alarm thread.
 void KeldPlingAlarmHandler();

@@ -5,7 +5,7 @@
 
 #include <cstdlib>
 
-int KeldReadChannel(int fd, KeldRecordBuffer *buffer)
+int KeldReadChannel(int fd, std::int32_t channel, KeldRecordBuffer *buffer)
 {
     std::uint32_t byteCount = 0;
     int status = 0;
@@ -19,7 +19,7 @@ int KeldReadChannel(int fd, KeldRecordBuffer *buffer)
         buffer->size = size;
     }
     if (byteCount == 0 || byteCount > kKeldBatchBytesMax) return -1;
-    return KeldDispatch(buffer->bytes.get(), byteCount);
+    return KeldDispatch(channel, buffer->bytes.get(), byteCount);
 }
 
 bool KeldRecordBufferInit(KeldRecordBuffer *buffer)

@@ -45,9 +45,9 @@ constexpr std::uint32_t KeldBufferBytesAfter(std::uint32_t size)
 // False without memory.
 bool KeldRecordBufferInit(KeldRecordBuffer *buffer);
 
-// Reads one batch from fd and dispatches it. 0; KELLIB_STATUS_TOO_SMALL when what waits does not fit
-// the largest buffer; -1 when the batch was empty or too large; otherwise the library's status or the
-// errno of a failed pipe write.
-int KeldReadChannel(int fd, KeldRecordBuffer *buffer);
+// Reads one batch from fd, of that channel, and dispatches it. 0; KELLIB_STATUS_TOO_SMALL when what waits
+// does not fit the largest buffer; -1 when the batch was empty or too large; otherwise the library's status
+// or the errno of a failed pipe write.
+int KeldReadChannel(int fd, std::int32_t channel, KeldRecordBuffer *buffer);
 
 #endif

@@ -1,12 +1,16 @@
 #include "keldDispatch.h"
 
+#include "keldFate.h"
+#include "keldJournal.h"
 #include "keldLog.h"
 #include "keldMutex.h"
+#include "keldPling.h"
 #include "keldSignal.h"
 #include "keldTrace.h"
 
 #include <kltlibs/kelrecord.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -48,6 +52,7 @@ struct Streams {
     StreamLock lock;
     std::list<std::unique_ptr<KeldStream>> list GUARDED_BY(lock); // in order of registration
     std::uint16_t registered GUARDED_BY(lock) = 0;                // so far
+    std::uint64_t observations = 0;                               // so far; main thread
 };
 Streams &streams = *new Streams; // agents that were cancelled leave theirs behind
 
@@ -62,6 +67,8 @@ public:
     StreamHold &operator=(const StreamHold &) = delete;
 };
 
+void TellIn(std::int32_t channel, const std::byte *buffer, std::size_t byteCount) REQUIRES(streams.lock);
+void TellLost(const KeldStream &stream, KeldFate fate);
 int WriteRecord(int fd, const std::byte *record, std::size_t length);
 int ReadWanted(KeldStream *stream);
 void Discard(int fd);
@@ -81,14 +88,16 @@ int KeldDispatchInit()
     return 0;
 }
 
-int KeldDispatch(const std::byte *buffer, std::size_t byteCount)
+int KeldDispatch(std::int32_t channel, const std::byte *buffer, std::size_t byteCount)
 {
     const StreamHold hold;
+    if (KeldJournalHeard()) TellIn(channel, buffer, byteCount);
     for (std::size_t at = 0; at < byteCount;) {
         const std::byte *record = buffer + at;
         const std::size_t length = KelRecord_TotalLength(record);
         const std::string_view id = KelRecord_ID(record);
         KeldTraceIn(record);
+        ++streams.observations;
         for (const auto &stream : streams.list) {
             if (!KeldSubscriptionMatches(stream->subscription, id)) continue;
             const int error = WriteRecord(stream->writeFd.Get(), record, length);
@@ -127,7 +136,48 @@ std::uint64_t KeldDispatchWaiting()
     return waiting;
 }
 
+std::uint64_t KeldDispatchCount() { return streams.observations; }
+
+void KeldDispatchTellLost()
+{
+    const StreamHold hold;
+    for (const auto &stream : streams.list)
+        TellLost(*stream, KeldFate::Lost);
+}
+
 namespace {
+
+// Tells the whole batch before any agent gets anything of it: else a fate could be told before its
+// observation.
+void TellIn(std::int32_t channel, const std::byte *buffer, std::size_t byteCount)
+{
+    if (KeldJournalBeginDue())
+        KeldJournalTell([]() REQUIRES(streams.lock) {
+            JournalBegin begin{streams.observations, KeldPlingCount(), {}};
+            for (const auto &stream : streams.list)
+                begin.queued.push_back({stream->number, stream->queued});
+            return begin;
+        });
+    for (const auto &stream : streams.list)
+        stream->told = stream->queued;
+    JournalIn in{.observation = streams.observations, .channel = channel, .to = {}, .record = {}};
+    for (std::size_t at = 0; at < byteCount; at += in.record.bytes.size()) {
+        ++in.observation;
+        in.record.bytes = {reinterpret_cast<const char *>(buffer + at), KelRecord_TotalLength(buffer + at)};
+        in.to.clear();
+        for (const auto &stream : streams.list)
+            if (KeldSubscriptionMatches(stream->subscription, KelRecord_ID(buffer + at)))
+                in.to.push_back({stream->number, ++stream->told});
+        KeldJournalTell([&]() -> const JournalIn & { return in; });
+    }
+}
+
+void TellLost(const KeldStream &stream, KeldFate fate)
+{
+    const std::uint64_t last = std::max(stream.queued, stream.told);
+    if (stream.taken == last) return;
+    KeldJournalTell([&] { return JournalLost{stream.number, fate, stream.taken, last}; });
+}
 
 // 0, an errno value, or ECANCELED when the exit flag was set while the pipe was full. Never leaves half
 // a record behind.
@@ -188,6 +238,7 @@ try {
     *stream = made.get();
     const StreamHold hold;
     made->number = streams.registered++;
+    KeldJournalAgentBegins(made->number, made->owner);
     streams.list.push_back(std::move(made));
     return 0;
 } catch (const std::bad_alloc &) {
@@ -199,6 +250,8 @@ int KeldStreamUnregister(KeldStream *stream)
     while (!streams.lock.TryAcquire())
         Discard(stream->readFd.Get());
     const StreamHold hold{StreamHold::Adopt{}};
+    TellLost(*stream, KeldFate::AgentEnded);
+    KeldJournalAgentEnds(stream->number);
     const bool closed = stream->readFd.Close() == 0 && stream->writeFd.Close() == 0;
     std::erase_if(streams.list, [stream](const auto &each) { return each.get() == stream; });
     return closed ? 0 : 2;

@@ -47,6 +47,7 @@ struct KeldStream {
     // Whole records: written by the main thread, taken out by the agent.
     std::uint64_t queued = 0;
     std::atomic<std::uint64_t> taken = 0; // read at the end, when an agent may not have obeyed
+    std::uint64_t told = 0; // by the journal: the last that goes to the agent, also if it was given up since
 };
 
 // Empties the list and makes the lock: 0 or an errno value. Main thread, before any agent.
@@ -61,8 +62,15 @@ int KeldStreamRegister(KeldAgentName owner, const KeldSubscription &subscription
 int KeldStreamUnregister(KeldStream *stream);
 
 // Writes each whole record of the buffer to the matching streams, in order of registration. 0, also
-// when the exit flag ended it; or the errno of a write that failed. Main thread.
-int KeldDispatch(const std::byte *buffer, std::size_t byteCount);
+// when the exit flag ended it; or the errno of a write that failed. channel is where they came from: a
+// context's number. Main thread.
+int KeldDispatch(std::int32_t channel, const std::byte *buffer, std::size_t byteCount);
+
+// How many observations have come in. Main thread.
+std::uint64_t KeldDispatchCount();
+
+// Tells the journal what no agent will take any more. Main thread, when no agent runs any more.
+void KeldDispatchTellLost();
 
 // How many streams are registered. Any thread.
 std::size_t KeldDispatchStreamCount();
