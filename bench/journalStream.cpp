@@ -1,5 +1,5 @@
-// journal_stream COUNT RATE [START]: writes a daemon's journal of COUNT observations, RATE a second of its own
-// time from START (seconds since the epoch) on, to standard output: what a recorder is measured with.
+// journal_stream COUNT RATE [START]: writes a daemon's journal of COUNT observations, RATE a second of its
+// own time from START (seconds since the epoch) on, to standard output: what a recorder is measured with.
 //
 // A tenth of them leads to an event, a fifth is gathered, most of the rest is held back. 200 devices.
 
@@ -20,9 +20,10 @@ constexpr const char *kIds[] = {"kel.scsi.scsipath.pathstate.dead", "kel.scsi.sc
 
 std::string Record(const char *id, int device)
 {
-    std::vector<ArgumentWord> words{{fmt::format("naa.600508b1001c{:04x}{:08x}", device, device * 7919), true},
-                                    {fmt::format("vmhba{}:C0:T{}:L{}", device % 4, device % 8, device), true},
-                                    {std::to_string(device * 31), false}};
+    std::vector<ArgumentWord> words{
+        {fmt::format("naa.600508b1001c{:04x}{:08x}", device, device * 7919), true},
+        {fmt::format("vmhba{}:C0:T{}:L{}", device % 4, device % 8, device), true},
+        {std::to_string(device * 31), false}};
     Observation observation = MakeObservation(0, id, std::nullopt, words);
     return {observation.record.begin(), observation.record.end()};
 }
@@ -35,7 +36,9 @@ std::string EventOf(const std::string &observation, std::string_view type, std::
     std::memcpy(&count, observation.data() + 12, 4);
     std::string_view area = std::string_view(observation).substr(at);
     std::string record(PLINGRECORD_HEADER_BYTES, '\0');
-    auto put = [&](std::size_t where, const auto &value) { std::memcpy(record.data() + where, &value, sizeof value); };
+    auto put = [&](std::size_t where, const auto &value) {
+        std::memcpy(record.data() + where, &value, sizeof value);
+    };
     put(0, time);
     put(PLINGRECORD_TOTAL_LENGTH_AT, static_cast<std::uint32_t>(72 + type.size() + 1 + area.size()));
     put(PLINGRECORD_ARGUMENT_COUNT_AT, count);
@@ -49,7 +52,8 @@ std::string EventOf(const std::string &observation, std::string_view type, std::
 int main(int argc, char **argv)
 {
     if (argc < 3) return 2;
-    const std::uint64_t count = std::strtoull(argv[1], nullptr, 10), rate = std::strtoull(argv[2], nullptr, 10);
+    const std::uint64_t count = std::strtoull(argv[1], nullptr, 10),
+                        rate = std::strtoull(argv[2], nullptr, 10);
     const std::uint64_t start = (argc > 3 ? std::strtoull(argv[3], nullptr, 10) : 1772366400) * 1'000'000;
     std::vector<std::string> records;
     for (int device = 0; device < 200; device++)
@@ -70,12 +74,18 @@ int main(int argc, char **argv)
         const std::string &record = records[k * 7919 % records.size()];
         const JournalOrigin origin{1, k};
         Journal_Append(&out, number++, time, JournalIn{k, 3, {origin}, {record}});
-        JournalFateEntry fate{origin, JournalFate::HeldBack, "within 90 s of the last one; posts again after 03:14:10"};
+        JournalFateEntry fate{origin, JournalFate::HeldBack,
+                              "within 90 s of the last one; posts again after 03:14:10"};
         if (k % 10 == 0) {
             fate = {origin, JournalFate::Posted, ""};
-            Journal_Append(&out, number++, time, JournalOut{++event, {origin}, 0, "nox.problem.scsi.device.io.latency.high",
-                                                            {EventOf(record, "nox.problem.scsi.device.io.latency.high", time)}});
-            Journal_Append(&out, number++, time, JournalDeliveryEntry{event, JournalDelivery::Delivered, 1});
+            Journal_Append(&out, number++, time,
+                           JournalOut{++event,
+                                      {origin},
+                                      0,
+                                      "nox.problem.scsi.device.io.latency.high",
+                                      {EventOf(record, "nox.problem.scsi.device.io.latency.high", time)}});
+            Journal_Append(&out, number++, time,
+                           JournalDeliveryEntry{event, JournalDelivery::Delivered, 1});
         } else if (k % 5 == 1) {
             fate = {origin, JournalFate::Gathered, "until 03:12:06"};
         }

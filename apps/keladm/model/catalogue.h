@@ -6,7 +6,7 @@
 //      "events": [{"type": "nox.problem.net...", "class": "problem", "text": "NIC %s is down.",
 //                  "arguments": [{"name": "nic", "type": "string"}],
 //                  "clearedBy": ["nox.clear..."], "pairedOn": ["nic"]},
-//                 {"type": "nox.clear.net...", ..., "clears": ["nox.problem..."]}],
+//                 {"type": "nox.clear.net...", ..., "clears": ["nox.problem..."], "remembered": true}],
 //      "observations": [{"id": "kel.net...", "domain": "net", "arguments": [...],
 //                        "becomes": ["nox..."], "note": "..."}]}
 //

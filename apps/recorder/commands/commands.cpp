@@ -63,10 +63,11 @@ void AddCatalogueOption(CLI::App &app, std::string *file)
 
 void AddTimeOptions(CLI::App &app, std::string *since, std::string *until)
 {
-    app.add_option("-s,--since", *since,
-                   fmt::format("From this time on: 03:12, -2h, \"yesterday 22:00\"; {} "
-                               "when it is not named",
-                               *since))
+    app.add_option(
+           "-s,--since", *since,
+           fmt::format(
+               "From this time on, such as 03:12, -2h or \"yesterday 22:00\"; {} when it is not named",
+               since->empty() ? "the beginning" : *since))
         ->type_name("TIME");
     app.add_option("-u,--until", *until, "Up to this time")->type_name("TIME");
 }

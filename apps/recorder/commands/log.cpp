@@ -27,7 +27,8 @@ struct LogOptions {
 
 struct Line {
     std::uint64_t time = 0;
-    std::string text; // readable, or JSON
+    enum Order { RunStarts, In, Out, Notice, RunEnds } order = In; // of the same time
+    std::string text;                                              // readable, or JSON
 };
 
 class Log {
@@ -57,8 +58,8 @@ private:
     std::vector<Line> Find(size_t linesMax);
     void AddNotices(std::vector<Line> *lines);
     void AddRuns(std::vector<Line> *lines);
-    void Add(std::vector<Line> *lines, std::uint64_t time, const char *kind, const std::string &text,
-             const json &body);
+    void Add(std::vector<Line> *lines, std::uint64_t time, Line::Order order, const char *kind,
+             const std::string &text, const json &body);
     void Show(std::vector<Line> lines, bool first);
     void Follow();
     void Summary();
@@ -77,46 +78,43 @@ private:
 std::vector<Line> Log::Find(size_t linesMax)
 {
     std::vector<Line> lines;
-    RowFilter filter{mSpan, mOptions.type, mOptions.object, false, mLastObservation, linesMax};
-    if (!mOptions.undelivered || mOptions.lost) {
-        filter.flawed = mOptions.lost;
+    auto add = [&](Line::Order order, const auto &row, char kind, const std::string &name,
+                   const std::string &became) {
+        std::string text = mOptions.asJson
+                               ? JsonLine(mRows.ToJson(row))
+                               : fmt::format("{}  {:<4} {:>8}  {}  {}  -> {}", LocalTime(row.time),
+                                             kind == 'o' ? "IN" : "OUT", mRows.Label(kind, row.key),
+                                             Printable(name), mRows.Detail(row), became);
+        lines.push_back({row.time, order, std::move(text)});
+    };
+    RowFilter filter{mSpan, mOptions.type, mOptions.object, mOptions.lost, mLastObservation, linesMax};
+    if (!mOptions.undelivered || mOptions.lost)
         for (const RecordedObservation &row : mRows.Observations(filter)) {
             mLastObservation = std::max(mLastObservation, row.key);
-            lines.push_back(
-                {row.time, mOptions.asJson
-                               ? JsonLine(mRows.ToJson(row))
-                               : fmt::format("{}  IN   {:>8}  {}  {}  -> {}", LocalTime(row.time),
-                                             mRows.Label('o', row.key), Printable(row.id),
-                                             mRows.Detail(row), mRows.FatesText(row))});
+            add(Line::In, row, 'o', row.id, mRows.FatesText(row));
         }
-    }
-    if (!mOptions.lost || mOptions.undelivered) {
-        filter.flawed = mOptions.undelivered;
-        filter.after = mLastEvent;
+    filter.flawed = mOptions.undelivered;
+    filter.after = mLastEvent;
+    if (!mOptions.lost || mOptions.undelivered)
         for (const RecordedEvent &row : mRows.Events(filter)) {
             mLastEvent = std::max(mLastEvent, row.key);
-            lines.push_back(
-                {row.time, mOptions.asJson
-                               ? JsonLine(mRows.ToJson(row))
-                               : fmt::format("{}  OUT  {:>8}  {}  {}  -> {}", LocalTime(row.time),
-                                             mRows.Label('e', row.key), Printable(row.type),
-                                             mRows.Detail(row), mRows.DeliveryText(row))});
+            add(Line::Out, row, 'e', row.type, mRows.DeliveryText(row));
         }
-    }
     if (!mOptions.type && !mOptions.object && !mOptions.undelivered) AddNotices(&lines);
     if (!mOptions.type && !mOptions.object && !mOptions.undelivered && !mOptions.lost) AddRuns(&lines);
-    std::ranges::stable_sort(lines, {}, &Line::time);
+    std::ranges::stable_sort(lines, {}, [](const Line &line) { return std::pair(line.time, line.order); });
     return lines;
 }
 
-void Log::Add(std::vector<Line> *lines, std::uint64_t time, const char *kind, const std::string &text,
-              const json &body)
+void Log::Add(std::vector<Line> *lines, std::uint64_t time, Line::Order order, const char *kind,
+              const std::string &text, const json &body)
 {
     json line{{"kind", kind}, {"time", UtcTime(time)}};
     line.update(body);
-    lines->push_back({time, mOptions.asJson
-                                ? JsonLine(line)
-                                : fmt::format("{}  {:<13}  {}", LocalTime(time), kind, Printable(text))});
+    lines->push_back({time, order,
+                      mOptions.asJson
+                          ? JsonLine(line)
+                          : fmt::format("{}  {:<13}  {}", LocalTime(time), kind, Printable(text))});
 }
 
 void Log::AddNotices(std::vector<Line> *lines)
@@ -134,10 +132,11 @@ void Log::AddNotices(std::vector<Line> *lines)
         if (until > time) text += fmt::format(" until {} ({})", ShortTime(until), AgeText(until - time));
         if (until == 0) text += " and still is";
         if (kind == NoticeKind::kReceiver && !notices.IsNull(5))
-            text += fmt::format(", {} deliveries failed", notices.Unsigned(5));
+            text += fmt::format(", {} {} failed", notices.Unsigned(5),
+                                notices.Unsigned(5) == 1 ? "delivery" : "deliveries");
         body["until"] = until == 0 ? json(nullptr) : json(UtcTime(until));
         body["count"] = notices.IsNull(5) ? json(nullptr) : json(notices.Unsigned(5));
-        Add(lines, time, kind.c_str(), text, body);
+        Add(lines, time, Line::Notice, kind.c_str(), text, body);
     }
     if (mOptions.lost) return;
     Statement changes(mDatabase,
@@ -148,7 +147,8 @@ void Log::AddNotices(std::vector<Line> *lines)
         mLastChange = std::max(mLastChange, changes.Integer(0));
         std::string path(changes.Text(2)), value(changes.Text(3));
         bool removed = changes.Integer(4) == 2;
-        Add(lines, changes.Unsigned(1), "host", path + (removed ? " removed, it was " : " = ") + value,
+        Add(lines, changes.Unsigned(1), Line::Notice, "host",
+            path + (removed ? " removed, it was " : " = ") + value,
             {{"path", path}, {"value", value}, {"removed", removed}});
     }
 }
@@ -165,11 +165,12 @@ void Log::AddRuns(std::vector<Line> *lines)
         mLastCoverage = runs.Integer(0);
         std::string run = fmt::format("r{}", runs.Integer(1));
         if (runs.Integer(7) == 0 && within(runs.Unsigned(2)))
-            Add(lines, runs.Unsigned(2), "daemon", fmt::format("keld {} runs, as {}", runs.Text(3), run),
+            Add(lines, runs.Unsigned(2), Line::RunStarts, "daemon",
+                fmt::format("keld {} runs, as {}", runs.Text(3), run),
                 {{"run", run}, {"version", runs.Text(3)}, {"state", "started"}});
         bool killed = runs.Integer(5) == 2;
         if ((killed || runs.Integer(5) == 1) && within(runs.Unsigned(4)))
-            Add(lines, runs.Unsigned(4), "daemon",
+            Add(lines, runs.Unsigned(4), Line::RunEnds, "daemon",
                 fmt::format("{} {}", run,
                             killed ? "was killed, or ended without a word" : "ended as it should"),
                 {{"run", run}, {"state", killed ? "killed" : "ended"}});

@@ -59,6 +59,9 @@ private:
     void Read();
     void HearAll();
     void LookAtInventory();
+    // Whether there is something to write. A change of the inventory is told with the daemon's time, which
+    // nobody knows before its first word.
+    bool Waits() const { return mKeeper.Waiting() > 0 || (mInventoryStale && mKeeper.Now() != 0); }
     void Write();
 
     std::string mFile;
@@ -84,9 +87,9 @@ void Recorder::Listen(const StopSignal &stop)
             fmt::print(stderr, "keladm record: {}; waiting for it\n", NoDaemonText());
         if (mJournal) toldAbsence = false;
 
-        auto until = mKeeper.Waiting() > 0 ? mWritten + kWriteAfter
-                     : mJournal            ? mWritten + kHeartbeat
-                                           : Clock::now() + kConnectAgain;
+        auto until = Waits()    ? mWritten + kWriteAfter
+                     : mJournal ? mWritten + kHeartbeat
+                                : Clock::now() + kConnectAgain;
         pollfd fds[] = {
             {stop.Get(), POLLIN, 0}, {mInventory.Get(), POLLIN, 0}, {mJournal.Get(), POLLIN, 0}};
         PollUntil(fds, until);
@@ -95,7 +98,7 @@ void Recorder::Listen(const StopSignal &stop)
         bool stopping = fds[0].revents != 0;
         if (stopping) mKeeper.Ended(CoverageEnd::RecorderStopped);
         if (stopping || mKeeper.Waiting() >= kWriteRows ||
-            Clock::now() >= mWritten + (mKeeper.Waiting() > 0 ? Clock::duration(kWriteAfter) : kHeartbeat))
+            Clock::now() >= mWritten + (Waits() ? Clock::duration(kWriteAfter) : kHeartbeat))
             Write();
         if (stopping) return;
     }
@@ -154,7 +157,8 @@ void Recorder::Read()
             Disconnect(CoverageEnd::TooSlow,
                        fmt::format("the journal cannot be read: {}", mStream.Error()));
     } else {
-        Disconnect(mPlays ? CoverageEnd::RecorderStopped : CoverageEnd::DaemonGone, "the journal has ended");
+        Disconnect(mPlays ? CoverageEnd::RecorderStopped : CoverageEnd::DaemonGone,
+                   "the journal has ended");
     }
 }
 
@@ -173,11 +177,11 @@ void Recorder::HearAll()
         if (mKeeper.Waiting() == 0) mWritten = Clock::now();
         mKeeper.Hear(*entry);
         mHeard = Clock::now();
-        if (mKeeper.Waiting() >= kWriteRows) Write();
+        bool listens = std::holds_alternative<JournalHello>(entry->body); // which is written at once
+        if (listens || mKeeper.Waiting() >= kWriteRows) Write();
     }
 }
 
-// A change is told with the time of the daemon, which nobody knows before its first word.
 void Recorder::LookAtInventory()
 {
     if (!mInventoryStale || mKeeper.Now() == 0) return;

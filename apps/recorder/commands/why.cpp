@@ -19,7 +19,7 @@ namespace {
 constexpr size_t kCausesShown = 20;
 
 struct WhyOptions {
-    std::string file, catalogue, since = "-30d", until, what;
+    std::string file, catalogue, since, until, what;
     bool asJson = false;
 };
 
@@ -28,8 +28,11 @@ public:
     explicit Why(const WhyOptions &options)
         : mOptions(options), mFile(RecordingFile(options.file)), mDatabase(OpenRecording(mFile)),
           mRows(&mDatabase, FindCatalogue(options.catalogue)), mOut(STDOUT_FILENO),
-          mSpan(ParseTimeSpan(options.since, options.until, WallMicroseconds()))
+          mSpan(ParseTimeSpan(options.since.empty() ? "1970-01-02" : options.since, options.until,
+                              WallMicroseconds()))
     {
+        if (options.since.empty()) // all that is recorded
+            mSpan.since = static_cast<std::uint64_t>(mDatabase.Number("SELECT min(time) FROM coverage"));
     }
 
     int Run();
@@ -101,13 +104,14 @@ bool Why::AskNumber(const std::string &text)
                       fmt::format("{} is not in the recording: it never was, it came in a gap, or it is "
                                   "not kept any more; \"keladm log\" shows the gaps",
                                   text));
-    // Around what is asked for: the second of it, and up to what became of it.
+    // From what it came from to what became of it.
     std::uint64_t from = observation ? observation->time : event->time, until = from;
     if (event) {
-        from = std::min(from, event->time);
+        if (!event->causes.empty())
+            if (auto cause = mRows.Observation(event->causes.front())) from = std::min(from, cause->time);
         until = std::max({until, event->time, event->delivered});
     }
-    ShowEvidence({from - 1'000'000, until + 1'000'000});
+    ShowEvidence({from, until + 1});
     if (observation) Explain(*observation);
     if (event) Explain(*event);
     return true;

@@ -251,24 +251,23 @@ void Keeper::On(const JournalDeliveryEntry &delivery)
 {
     std::int64_t key = KeyOf(mRun, delivery.event);
     int code = static_cast<int>(delivery.state);
-    std::uint64_t made = mTime;
+    std::optional<EventNames> event;
     if (auto found = mEventRows.find(key); found != mEventRows.end()) {
         EventRow &row = mBatch.events[found->second];
         row.delivery = code;
         row.tries = delivery.tries;
         row.delivered = mTime;
-        made = row.time;
-        if (delivery.state == JournalDelivery::Limited) {
-            mBatch.CountNoise(made, Noise::EventType, row.type, 0, 1);
-            if (row.object) mBatch.CountNoise(made, Noise::EventObject, *row.object, 0, 1);
-        }
+        event = {row.time, row.type, row.object};
     } else {
         mBatch.lateDeliveries.push_back({key, code, delivery.tries, mTime});
-        auto time = mStore->TimeOfEvent(key);
-        if (!time) return; // of a time that was not recorded
-        made = *time;
+        event = mStore->NamesOfEvent(key);
+        if (!event) return; // of a time that was not recorded
     }
-    if (IsFinal(delivery.state)) mBatch.Count(made, Sum::Delivery, 0, code);
+    if (delivery.state == JournalDelivery::Limited) {
+        mBatch.CountNoise(event->time, Noise::EventType, event->type, 0, 1);
+        if (event->object) mBatch.CountNoise(event->time, Noise::EventObject, *event->object, 0, 1);
+    }
+    if (IsFinal(delivery.state)) mBatch.Count(event->time, Sum::Delivery, 0, code);
     Receiver(delivery.state);
 }
 

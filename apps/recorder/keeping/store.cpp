@@ -38,7 +38,7 @@ struct Store::Statements {
                   "last = excluded.last, lastTime = excluded.lastTime, times = times + 1, aside = NULL"),
           ended(database, "DELETE FROM problem WHERE type = ? AND pairing = ?"),
           endNotice(database, "UPDATE notice SET until = ?, count = ? WHERE kind = ? AND until = 0"),
-          findEvent(database, "SELECT time FROM event WHERE key = ?"),
+          findEvent(database, "SELECT time, type, object FROM event WHERE key = ?"),
           findOrigin(database, "SELECT key FROM observation WHERE origin = ?"),
           findName(database, "SELECT name FROM name WHERE text = ?")
     {
@@ -73,13 +73,16 @@ std::int64_t Store::NameOf(std::string_view text)
     return number;
 }
 
-std::optional<std::uint64_t> Store::TimeOfEvent(std::int64_t key)
+std::optional<EventNames> Store::NamesOfEvent(std::int64_t key)
 {
     Statement &find = mStatements->findEvent.With(key);
-    std::optional<std::uint64_t> time;
-    if (find.Step()) time = find.Unsigned(0);
+    std::optional<EventNames> names;
+    if (find.Step()) {
+        names = EventNames{find.Unsigned(0), find.Integer(1), std::nullopt};
+        if (!find.IsNull(2)) names->object = find.Integer(2);
+    }
     find.With();
-    return time;
+    return names;
 }
 
 std::int64_t Store::KeyOfOrigin(std::int64_t origin)
@@ -183,23 +186,30 @@ constexpr const char *kOpenEvents =
 
 bool Store::Trim(std::uint64_t now)
 {
-    std::int64_t aged = now > mLimits.ageMax ? static_cast<std::int64_t>(now - mLimits.ageMax) : 0;
     bool full = BytesUsed() > mLimits.bytesMax;
-    std::string oldest = "SELECT min(time) FROM (SELECT min(time) time FROM observation UNION ALL "
-                         "SELECT min(time) FROM event UNION ALL SELECT min(time) FROM inventory)";
-    if (!full && Data().Number(oldest) >= aged) return false;
+    std::int64_t aged = now > mLimits.ageMax ? static_cast<std::int64_t>(now - mLimits.ageMax) : 0;
+    bool old = aged - Data().Number("SELECT since FROM kept") >
+               std::min(kMinute, static_cast<std::int64_t>(mLimits.ageMax));
+    if (!full && !old) return false;
 
-    // So many rows back, but no more than age and size ask for.
-    std::string portion =
-        fmt::format("SELECT min(time) FROM (SELECT time FROM (SELECT time FROM observation ORDER BY time "
-                    "LIMIT 1 OFFSET {0}) "
-                    "UNION ALL SELECT time FROM (SELECT time FROM event ORDER BY time LIMIT 1 OFFSET {0}))",
-                    mPortion);
-    std::int64_t until = Data().Number(portion);
-    if (until == 0) until = full ? static_cast<std::int64_t>(now) : aged;
-    if (!full) until = std::min(until, aged);
-    DeleteBefore(until);
-    return true;
+    // So many rows at once, but no more than age and size ask for.
+    auto end = full ? static_cast<std::int64_t>(now) : aged;
+    std::int64_t until = std::min(TimeOfRow(mPortion).value_or(end), end);
+    DeleteBefore(until + 1);
+    return until < end;
+}
+
+// When the row was that stands so many rows behind the oldest. What is kept although it is older does not
+// count.
+std::optional<std::int64_t> Store::TimeOfRow(std::size_t rows)
+{
+    Statement find(
+        Data(), fmt::format("SELECT min(time) FROM (SELECT * FROM (SELECT time FROM observation WHERE "
+                            "time >= {0} ORDER BY time LIMIT 1 OFFSET {1}) UNION ALL SELECT * FROM (SELECT "
+                            "time FROM event WHERE time >= {0} ORDER BY time LIMIT 1 OFFSET {1}))",
+                            Data().Number("SELECT since FROM kept"), rows));
+    if (!find.Step() || find.IsNull(0)) return std::nullopt;
+    return find.Integer(0);
 }
 
 void Store::DeleteBefore(std::int64_t time)
@@ -208,8 +218,8 @@ void Store::DeleteBefore(std::int64_t time)
     auto run = [&](const std::string &sql) { Statement(Data(), sql).With(time).Run(); };
     run("DELETE FROM problem WHERE lastTime < ? AND clearable = 0");
     run(fmt::format(
-        "DELETE FROM observation WHERE time < ? AND key NOT IN (SELECT (key >> {0} << {0}) + value "
-        "FROM event, json_each(causes) WHERE key IN ({1}))",
+        "DELETE FROM observation WHERE time < ? AND key NOT IN (SELECT (event.key >> {0} << {0}) + value "
+        "FROM event, json_each(event.causes) WHERE event.key IN ({1}))",
         kRunShift, kOpenEvents));
     run(fmt::format("DELETE FROM event WHERE time < ? AND key NOT IN ({})", kOpenEvents));
     run("DELETE FROM outcome WHERE time < ? AND NOT EXISTS (SELECT 1 FROM observation WHERE key = "
@@ -241,11 +251,8 @@ void Store::MakeRoom(std::uint64_t now)
 {
     unlink((mFile + ".reserve").c_str());
     Data().Run("PRAGMA wal_checkpoint(TRUNCATE)");
-    std::int64_t rows = Data().Number("SELECT count(*) FROM observation");
-    std::int64_t until =
-        Data().Number(fmt::format("SELECT time FROM observation ORDER BY time LIMIT 1 OFFSET {}",
-                                  std::max<std::int64_t>(rows / 10, 1)));
-    DeleteBefore(until == 0 ? static_cast<std::int64_t>(now) : until);
+    auto rows = static_cast<std::size_t>(Data().Number("SELECT count(*) FROM observation"));
+    DeleteBefore(TimeOfRow(rows / 10 + 1).value_or(static_cast<std::int64_t>(now)) + 1);
     Statement(Data(), "INSERT INTO notice(time, until, kind, text, count) VALUES(?, ?, ?, ?, NULL)")
         .With(now, now, NoticeKind::kLimit,
               std::string_view("the disk is full: the oldest tenth of the recording went"))

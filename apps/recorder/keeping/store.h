@@ -12,6 +12,13 @@ struct StoreLimits {
     std::uint64_t ageMax = 30ULL * 24 * 3600 * 1'000'000; // microseconds
 };
 
+// What an event in the database is counted by.
+struct EventNames {
+    std::uint64_t time = 0;
+    std::int64_t type = 0;
+    std::optional<std::int64_t> object;
+};
+
 class Store {
 public:
     Store(Recording *recording, std::string file, StoreLimits limits);
@@ -19,7 +26,7 @@ public:
     // The number of a text, which is written with the next batch.
     std::int64_t NameOf(std::string_view text);
 
-    std::optional<std::uint64_t> TimeOfEvent(std::int64_t key);
+    std::optional<EventNames> NamesOfEvent(std::int64_t key);
     std::int64_t KeyOfOrigin(std::int64_t origin); // 0 when no observation has it
 
     // Writes all that is in the batch, or nothing of it. When the disk is full the oldest goes, and it is
@@ -38,6 +45,7 @@ private:
     void WriteOnce(const Batch &batch);
     void WriteProblem(const ProblemStep &step);
     void DeleteBefore(std::int64_t time);
+    std::optional<std::int64_t> TimeOfRow(std::size_t rows);
     std::uint64_t BytesUsed();
     void MakeReserve();
     void MakeRoom(std::uint64_t now);
@@ -48,7 +56,7 @@ private:
     std::unordered_map<std::string, std::int64_t> mNames;
     std::vector<std::pair<std::int64_t, std::string>> mNewNames; // not written yet
     std::int64_t mLastName = 0;
-    std::size_t mPortion = 0; // rows to delete at once
+    std::size_t mPortion = 2000; // rows to delete at once
     std::shared_ptr<Statements> mStatements;
 };
 
