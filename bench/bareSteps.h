@@ -14,12 +14,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <initializer_list>
 #include <kltlibs/kelrecord.h>
 #include <map>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <time.h>
 
@@ -124,6 +128,62 @@ inline void LogTraceLine(const char *thread, std::uint64_t microseconds, const c
     syslog(LOG_INFO, "%s[%s] %" PRIu64 "us: [%s] %s\n", prefix, thread, microseconds, id, message);
 }
 
+inline char *PutDigits(char *to, std::uint64_t value, int digitsMin)
+{
+    char digits[20];
+    int count = 0;
+    for (; value > 0 || count < digitsMin; value /= 10)
+        digits[count++] = static_cast<char>('0' + value % 10);
+    while (count > 0)
+        *to++ = digits[--count];
+    return to;
+}
+
+inline char *PutText(char *to, std::string_view text)
+{
+    return static_cast<char *>(mempcpy(to, text.data(), text.size()));
+}
+
+// The same lines on a socket of our own: header and prefix, which are rendered anew once a second, and the
+// pieces of the line in one buffer.
+inline void SendLogLine(std::initializer_list<std::string_view> pieces)
+{
+    static const int log = [] {
+        const sockaddr_un address{AF_UNIX, "/dev/log"};
+        const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        (void)connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+        return fd;
+    }();
+    thread_local struct {
+        std::time_t second = -1;
+        std::size_t length = 0;
+        char text[128];
+    } prefix;
+    timeval now;
+    gettimeofday(&now, nullptr);
+    if (prefix.second != now.tv_sec) {
+        std::tm local;
+        localtime_r(&now.tv_sec, &local);
+        prefix.length = std::strftime(prefix.text, sizeof prefix.text,
+                                      "<14>%b %e %T keld-floor: %Y-%m-%dT%H:%M:%S.000Z: ", &local);
+        prefix.second = now.tv_sec;
+    }
+    char line[2048], *end = PutText(line, {prefix.text, prefix.length});
+    PutDigits(end - std::strlen("000Z: "), static_cast<std::uint64_t>(now.tv_usec / 1000), 3);
+    for (const std::string_view piece : pieces)
+        end = PutText(end, piece);
+    (void)send(log, line, static_cast<std::size_t>(end - line), MSG_NOSIGNAL);
+}
+
+inline void SendTraceLine(const char *thread, std::uint64_t microseconds, const char *id,
+                          const char *message)
+{
+    char digits[20];
+    const std::string_view time(digits,
+                                static_cast<std::size_t>(PutDigits(digits, microseconds, 1) - digits));
+    SendLogLine({"[", thread, "] ", time, "us: [", id, "] ", message, "\n"});
+}
+
 // ---- The trace service -----------------------------------------------------------------------------
 
 // The last 128 KiB of whole lines.
@@ -153,22 +213,6 @@ private:
     std::array<char, 131072> mRing;
     std::size_t mStart = 0, mBytes = 0;
 };
-
-inline char *PutDigits(char *to, std::uint64_t value, int digitsMin)
-{
-    char digits[20];
-    int count = 0;
-    for (; value > 0 || count < digitsMin; value /= 10)
-        digits[count++] = static_cast<char>('0' + value % 10);
-    while (count > 0)
-        *to++ = digits[--count];
-    return to;
-}
-
-inline char *PutText(char *to, std::string_view text)
-{
-    return static_cast<char *>(mempcpy(to, text.data(), text.size()));
-}
 
 // One line of at most 2 KiB.
 inline void Trace(History &history, std::string_view direction, std::uint64_t microseconds, const char *id,
@@ -221,7 +265,7 @@ inline std::uint32_t AgentsFor(const char *id)
 }
 
 using Handler = void (*)(char *record);
-using Table = std::map<std::string, Handler>;
+using Table = std::map<std::string, Handler, std::less<>>;
 
 // As large as the network correlator's, to which the load goes: 42 observations.
 constexpr int kTableRows = 42;
@@ -236,11 +280,16 @@ inline Table MakeTable(const char *handledId, Handler handler)
     return table;
 }
 
+inline Handler LookUp(const Table &table, const char *id)
+{
+    const auto found = table.find(std::string_view(id));
+    return found != table.end() ? found->second : nullptr;
+}
+
 inline Handler LookUpInCopy(const Table &table, const char *id)
 {
     const Table copy = table;
-    const auto found = copy.find(id);
-    return found != copy.end() ? found->second : nullptr;
+    return LookUp(copy, id);
 }
 
 } // namespace Bare

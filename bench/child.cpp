@@ -59,14 +59,14 @@ bool IsBound(const char *name)
 
 } // namespace
 
-Child::Child(const std::string &program)
+Child::Child(const std::string &program, const char *argument)
 {
     const pid_t parent = getpid();
     mPid = fork();
     if (mPid < 0) throw std::runtime_error("fork failed");
     if (mPid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() == parent) execl(program.c_str(), program.c_str(), nullptr);
+        if (getppid() == parent) execl(program.c_str(), program.c_str(), argument, nullptr);
         _exit(127);
     }
 }

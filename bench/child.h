@@ -11,7 +11,7 @@
 // dies with this process. Throws std::runtime_error when it does not start or does not stop.
 class Child {
 public:
-    explicit Child(const std::string &program);
+    explicit Child(const std::string &program, const char *argument = nullptr);
     ~Child();
     Child(const Child &) = delete;
     Child &operator=(const Child &) = delete;

@@ -1,10 +1,16 @@
 // The floor: the bare chain of what an observation's road through the daemon cannot do without.
 //
-// The same descriptors, threads, system calls and texts as the daemon, in the same order, with nothing
-// around them: 24 polled descriptors, every datagram that waits read in one go, each observation checked,
-// traced and matched, written to its agent's pipe, read from it as header and rest, checked again, looked
-// up in a copy of the agent's table, logged, and made an event, which is logged, traced and sent. It
-// knows its load (load.h) and is right for that load only.
+// The same descriptors, threads and texts as the daemon, with nothing around them: 24 polled descriptors,
+// every datagram that waits read in one go, each observation checked, traced and matched, what is an
+// agent's written to its pipe, read from it, looked up in the agent's table, logged, and made an event,
+// which is logged, traced and sent over a connection of its own. It knows its load (load.h) and is right
+// for that load only.
+//
+// Called with "shape" it goes through each observation by itself: written to the pipe alone, read from it
+// as header and rest, checked again, looked up in a copy of the table, logged by libc. That was the shape
+// of the daemon for long, and stays what its figures are compared with over the years. Without it, what can
+// be done for many observations at once is: one write for each agent and batch, one read for all that waits
+// in a pipe, lines for the log on a socket of its own.
 //
 // Runs until it is killed; serves the same run directory as the daemon.
 
@@ -22,10 +28,12 @@
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
 constexpr std::size_t kBufferBytes = 8192; // as the daemon's, which no load here makes grow
+constexpr std::size_t kPipeBytes = 65536;
 constexpr int kChannels = 22;
 
 struct Agent {
@@ -35,6 +43,7 @@ struct Agent {
 Agent agents[Bare::kAgents];
 Bare::History history;
 std::atomic<int> posted{0};
+bool shape = false; // fixed after start
 
 [[noreturn]] void Fail(const char *what)
 {
@@ -48,6 +57,20 @@ sockaddr_un Address(const char *name)
     address.sun_family = AF_UNIX;
     if (KltRunDir_Path(name, address.sun_path, sizeof address.sun_path) != 0) Fail("run directory");
     return address;
+}
+
+void LogTraceLine(std::uint64_t microseconds, const char *id, const char *message)
+{
+    (shape ? Bare::LogTraceLine : Bare::SendTraceLine)("NetCorrelator", microseconds, id, message);
+}
+
+void LogLimit()
+{
+    if (!shape)
+        return Bare::SendLogLine({"Event rate limit reached. Dropping pling: ", Load::kEventId, "\n"});
+    char prefix[32];
+    Bare::LogPrefix(prefix, sizeof prefix);
+    syslog(LOG_INFO, "%sEvent rate limit reached. Dropping pling: %s\n", prefix, Load::kEventId);
 }
 
 void SendEvent(const char *record, std::size_t length)
@@ -66,12 +89,7 @@ void Post(char *observation)
     const void *read = KelRecord_ArgumentArea(observation);
     timeval now;
     gettimeofday(&now, nullptr); // for the rate limit
-    if (posted.fetch_add(1, std::memory_order_relaxed) >= Load::kEventsPerWindow) {
-        char prefix[32];
-        Bare::LogPrefix(prefix, sizeof prefix);
-        syslog(LOG_INFO, "%sEvent rate limit reached. Dropping pling: %s\n", prefix, Load::kEventId);
-        return;
-    }
+    if (posted.fetch_add(1, std::memory_order_relaxed) >= Load::kEventsPerWindow) return LogLimit();
     auto *record = static_cast<char *>(std::calloc(1, 1171));
     constexpr std::size_t idAt = 68, areaAt = idAt + sizeof Load::kEventId;
     std::memcpy(record + idAt, Load::kEventId, sizeof Load::kEventId);
@@ -94,7 +112,7 @@ void Post(char *observation)
     std::memcpy(record + 56, words, sizeof words);
 
     char *text = Bare::Message(Load::kEventText, record + areaAt);
-    Bare::LogTraceLine("NetCorrelator", microseconds, Load::kEventId, text);
+    LogTraceLine(microseconds, Load::kEventId, text);
     std::free(text);
     Bare::Trace(history, ",OUT,", microseconds, Load::kEventId, record + areaAt, count);
     SendEvent(record, total);
@@ -103,38 +121,85 @@ void Post(char *observation)
 
 void Correlate(const Bare::Table &table, char *record)
 {
-    const Bare::Handler handler = Bare::LookUpInCopy(table, KelRecord_ID(record));
+    const Bare::Handler handler = (shape ? Bare::LookUpInCopy : Bare::LookUp)(table, KelRecord_ID(record));
     if (handler == nullptr) return;
     char *text = Bare::Message(KelRecord_MessageFormat(record), KelRecord_ArgumentArea(record));
-    Bare::LogTraceLine("NetCorrelator", KelRecord_Timestamp(record), KelRecord_ID(record), text);
+    LogTraceLine(KelRecord_Timestamp(record), KelRecord_ID(record), text);
     std::free(text);
     handler(record);
 }
 
-void RunAgent(Agent &agent)
+void Await(int fd, short events)
 {
-    for (;;) {
-        pollfd waiting{agent.pipe[0], POLLIN, 0};
-        if (poll(&waiting, 1, -1) != 1) Fail("poll");
-        auto *record = static_cast<char *>(std::malloc(KELRECORD_HEADER_BYTES));
-        if (read(agent.pipe[0], record, KELRECORD_HEADER_BYTES) != KELRECORD_HEADER_BYTES) Fail("read");
-        const std::uint32_t total = KelRecord_TotalLength(record);
-        record = static_cast<char *>(std::realloc(record, total));
-        const std::size_t rest = total - KELRECORD_HEADER_BYTES;
-        if (read(agent.pipe[0], record + KELRECORD_HEADER_BYTES, rest) != static_cast<ssize_t>(rest))
-            Fail("read");
-        if (Bare::Valid(record, total)) Correlate(agent.table, record);
-        std::free(record);
+    pollfd waiting{fd, events, 0};
+    if (poll(&waiting, 1, -1) != 1) Fail("poll");
+}
+
+void TakeOne(const Agent &agent)
+{
+    auto *record = static_cast<char *>(std::malloc(KELRECORD_HEADER_BYTES));
+    if (read(agent.pipe[0], record, KELRECORD_HEADER_BYTES) != KELRECORD_HEADER_BYTES) Fail("read");
+    const std::uint32_t total = KelRecord_TotalLength(record);
+    record = static_cast<char *>(std::realloc(record, total));
+    const std::size_t rest = total - KELRECORD_HEADER_BYTES;
+    if (read(agent.pipe[0], record + KELRECORD_HEADER_BYTES, rest) != static_cast<ssize_t>(rest))
+        Fail("read");
+    if (Bare::Valid(record, total)) Correlate(agent.table, record);
+    std::free(record);
+}
+
+void TakeAll(const Agent &agent, char *buffer, std::size_t *used)
+{
+    const ssize_t count = read(agent.pipe[0], buffer + *used, kPipeBytes);
+    if (count <= 0) Fail("read");
+    *used += static_cast<std::size_t>(count);
+    char *record = buffer;
+    for (; *used >= Load::kRecordBytes; record += Load::kRecordBytes, *used -= Load::kRecordBytes)
+        Correlate(agent.table, record);
+    std::memmove(buffer, record, *used);
+}
+
+void RunAgent(const Agent &agent)
+{
+    std::vector<char> buffer(shape ? 0 : kPipeBytes + Load::kRecordBytes);
+    for (std::size_t used = 0;;) {
+        Await(agent.pipe[0], POLLIN);
+        if (shape)
+            TakeOne(agent);
+        else
+            TakeAll(agent, buffer.data(), &used);
     }
 }
 
-void WriteRecord(int fd, const char *record, std::size_t length)
+void WriteFully(int fd, const char *bytes, std::size_t length)
 {
-    while (write(fd, record, length) < 0) { // whole or not at all: it is shorter than PIPE_BUF
-        if (errno != EAGAIN) Fail("write");
-        pollfd full{fd, POLLOUT, 0};
-        poll(&full, 1, -1);
+    while (length > 0) {
+        const ssize_t count = write(fd, bytes, length);
+        if (count < 0 && errno != EAGAIN) Fail("write");
+        if (count < 0) Await(fd, POLLOUT);
+        bytes += std::max<ssize_t>(count, 0);
+        length -= static_cast<std::size_t>(std::max<ssize_t>(count, 0));
     }
+}
+
+void WriteWanted(std::uint32_t wanted, const char *bytes, std::size_t length)
+{
+    for (int i = 0; i < Bare::kAgents; ++i)
+        if ((wanted >> i & 1) != 0) WriteFully(agents[i].pipe[1], bytes, length);
+}
+
+// What waits together in a channel is all of one kind, in this load.
+void Dispatch(const char *bytes, std::size_t length)
+{
+    std::uint32_t wanted = 0;
+    for (std::size_t at = 0; at < length; at += KelRecord_TotalLength(bytes + at)) {
+        const char *record = bytes + at;
+        Bare::Trace(history, ",IN,", KelRecord_Timestamp(record), KelRecord_ID(record),
+                    KelRecord_ArgumentArea(record), KelRecord_ArgumentCount(record));
+        wanted = Bare::AgentsFor(KelRecord_ID(record));
+        if (shape) WriteWanted(wanted, record, KelRecord_TotalLength(record));
+    }
+    if (!shape) WriteWanted(wanted, bytes, length);
 }
 
 void ReadChannel(int fd)
@@ -150,15 +215,7 @@ void ReadChannel(int fd)
             at += KelRecord_TotalLength(buffer + at);
         if (at == end) used = end;
     }
-    for (std::size_t at = 0; at < used; at += KelRecord_TotalLength(buffer + at)) {
-        const char *record = buffer + at;
-        Bare::Trace(history, ",IN,", KelRecord_Timestamp(record), KelRecord_ID(record),
-                    KelRecord_ArgumentArea(record), KelRecord_ArgumentCount(record));
-        const std::uint32_t wanted = Bare::AgentsFor(KelRecord_ID(record));
-        for (int i = 0; i < Bare::kAgents; ++i)
-            if ((wanted >> i & 1) != 0)
-                WriteRecord(agents[i].pipe[1], record, KelRecord_TotalLength(record));
-    }
+    Dispatch(buffer, used);
 }
 
 pollfd Open(const char *name, int type)
@@ -173,8 +230,9 @@ pollfd Open(const char *name, int type)
 
 } // namespace
 
-int main()
+int main(int argc, char **argv)
 {
+    shape = argc > 1 && std::strcmp(argv[1], "shape") == 0;
     for (Agent &agent : agents) {
         if (pipe2(agent.pipe, O_CLOEXEC) != 0 || fcntl(agent.pipe[1], F_SETFL, O_NONBLOCK) != 0)
             Fail("pipe");

@@ -20,6 +20,13 @@ std::string Figure(const std::optional<double> &value, const char *none)
     return value ? Figure(*value) : none;
 }
 
+std::string Ratio(const std::optional<double> &ratio)
+{
+    char text[16] = "";
+    if (ratio) std::snprintf(text, sizeof text, "%.2f", *ratio);
+    return text;
+}
+
 } // namespace
 
 double Percentile(std::vector<double> values, double percent)
@@ -33,21 +40,30 @@ double Percentile(std::vector<double> values, double percent)
 
 double Median(std::vector<double> values) { return Percentile(std::move(values), 50); }
 
-double Pairs::Ratio() const
+namespace {
+
+void Compare(const std::vector<double> &keld, const std::vector<double> &other,
+             std::optional<double> *figure, std::optional<double> *ratio)
 {
+    if (other.empty()) return;
+    *figure = Median(other);
+    if (**figure <= 0) return;
     std::vector<double> ratios;
-    for (std::size_t i = 0; i < std::min(keld.size(), floor.size()); ++i)
-        ratios.push_back(keld[i] / floor[i]);
-    return Median(std::move(ratios));
+    for (std::size_t i = 0; i < std::min(keld.size(), other.size()); ++i)
+        ratios.push_back(keld[i] / other[i]);
+    *ratio = Median(std::move(ratios));
 }
 
-Row MakeRow(std::string what, std::string unit, const Pairs &pairs, Expected expected)
+} // namespace
+
+Row MakeRow(std::string what, std::string unit, const Figures &figures, Expected expected)
 {
-    Row row{std::move(what), std::move(unit), Median(pairs.keld), {}, {}, "", true};
-    if (!pairs.floor.empty()) {
-        row.floor = Median(pairs.floor);
-        if (*row.floor > 0) row.ratio = pairs.Ratio();
-    }
+    Row row;
+    row.what = std::move(what);
+    row.unit = std::move(unit);
+    row.keld = Median(figures.keld);
+    Compare(figures.keld, figures.shape, &row.shape, &row.ratio);
+    Compare(figures.keld, figures.floor, &row.floor, &row.toFloor);
     if (expected.of == Expected::Of::Ratio) {
         row.expected = "ratio <= " + Figure(expected.atMost);
         row.met = row.ratio && *row.ratio <= expected.atMost;
@@ -60,16 +76,15 @@ Row MakeRow(std::string what, std::string unit, const Pairs &pairs, Expected exp
 
 void PrintTable(const std::vector<Group> &groups)
 {
-    const char *const header = "%-48s %-5s %9s %9s %6s  %s\n";
+    const char *const header = "%-50s %-5s %9s %9s %6s %9s %6s  %s\n";
     for (const Group &group : groups) {
-        std::printf(header, group.title.c_str(), "", "keld", "floor", "ratio", "expected");
-        for (const Row &row : group.rows) {
-            char ratio[16] = "";
-            if (row.ratio) std::snprintf(ratio, sizeof ratio, "%.2f", *row.ratio);
+        std::printf(header, group.title.c_str(), "", "keld", "shape", "ratio", "floor", "ratio",
+                    "expected");
+        for (const Row &row : group.rows)
             std::printf(header, row.what.c_str(), row.unit.c_str(), Figure(row.keld).c_str(),
-                        Figure(row.floor, "").c_str(), ratio,
+                        Figure(row.shape, "").c_str(), Ratio(row.ratio).c_str(),
+                        Figure(row.floor, "").c_str(), Ratio(row.toFloor).c_str(),
                         (row.expected + (row.met ? "" : "  MISSED")).c_str());
-        }
         std::printf("\n");
     }
 }

@@ -1,4 +1,4 @@
-// The one table: each figure beside its floor.
+// The one table: each figure beside what it is measured against.
 #ifndef BENCH_TABLE_H
 #define BENCH_TABLE_H
 
@@ -9,20 +9,18 @@
 double Median(std::vector<double> values);
 double Percentile(std::vector<double> values, double percent);
 
-// A figure of the daemon and of its floor, taken in turns: as many of each.
-struct Pairs {
-    std::vector<double> keld, floor;
-
-    // The median of the ratios of what was taken one after the other: a machine that is busy for a while
-    // is busy for both.
-    double Ratio() const;
+// A figure of the daemon, of what its shape costs at least and of the floor, taken in turns: as many of
+// each.
+struct Figures {
+    std::vector<double> keld, shape, floor;
 };
 
 struct Row {
     std::string what, unit;
     double keld = 0;
-    std::optional<double> floor, ratio;
-    std::string expected; // "ratio <= 1.25", for people; met says whether it is
+    std::optional<double> shape, floor;
+    std::optional<double> ratio, toFloor; // of the daemon's to the shape's and to the floor's
+    std::string expected;                 // "ratio <= 0.45", for people; met says whether it is
     bool met = true;
 };
 
@@ -32,7 +30,9 @@ struct Expected {
     double atMost = 0;
 };
 
-Row MakeRow(std::string what, std::string unit, const Pairs &pairs, Expected expected = {});
+// A ratio is the median of the ratios of what was taken one after the other: a machine that is busy for a
+// while is busy for all.
+Row MakeRow(std::string what, std::string unit, const Figures &figures, Expected expected = {});
 
 // The rows, each group of them under its title.
 struct Group {

@@ -88,6 +88,7 @@ int EnableAsyncObservations();
 int Refuse(const char *what, int error);
 int RefuseChannel(const KeldChannel &channel, int error);
 void TellReady();
+void TellDropped(std::int32_t channel, std::size_t bytes, const char *why);
 void TellEnd(int code);
 void TellJournalEnd(int code);
 
@@ -157,6 +158,7 @@ int Daemon::Start(bool asyncEnable, bool optionalAgents)
         if ((error = KeldChannelOpen(&channel, &fd)) != 0) return RefuseChannel(channel, error);
         mPoll.Append(fd);
     }
+    KelLib_SetDropObserver(TellDropped);
     const int traceListener = KeldTraceOpen(nullptr);
     if (traceListener < 0) KeldLog("Trace socket cannot be opened: %s\n", std::strerror(errno));
     mPoll.Append(traceListener); // without one, the slot stays empty
@@ -228,6 +230,11 @@ void TellJournalEnd(int code)
     KeldJournalEnd({code, KeldDispatchCount(), KeldPlingCount()});
 }
 
+void TellDropped(std::int32_t channel, std::size_t bytes, const char *why)
+{
+    KeldJournalTell([=] { return JournalDropped{channel, bytes, why}; });
+}
+
 int EnableAsyncObservations()
 {
     const KifParamListPtr name(KIF_ParamListCreate());
@@ -297,6 +304,7 @@ int Daemon::ReadKernelChannel(KeldChannel *channel)
     const int code = KeldReadChannel(fd, static_cast<std::int32_t>(channel->context), &mBuffer);
     if (code != KELLIB_STATUS_TOO_SMALL) return code;
     (void)KelLib_Reset(channel->handle); // what waits there can never be read: it is lost
+    TellDropped(static_cast<std::int32_t>(channel->context), 0, "it does not fit the largest buffer");
     return 0;
 }
 
@@ -309,6 +317,7 @@ void Daemon::AcceptProducer()
     } else {
         (void)KelLib_UserContextCloseCnx(fd);
         KeldTellLoss(KeldLoss::Producers, 1);
+        TellDropped(KELLIB_USER_CONTEXT, 0, "a connection: the daemon serves eight at a time");
     }
 }
 

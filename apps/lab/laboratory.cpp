@@ -1,5 +1,6 @@
 #include "laboratory.h"
 
+#include <keldJournal.h>
 #include <kltlibs/kthread.h>
 
 #include <algorithm>
@@ -46,7 +47,7 @@ std::string Laboratory::Settle()
     for (;;) {
         const std::uint64_t moves = Moves();
         if (NothingToDo() && mClock.IsParked() && mClock.Settle(kRoundLimit) && NothingToDo() &&
-            Moves() == moves)
+            Moves() == moves && KeldJournalIsWritten())
             return "";
 
         if (MovesSince(moves) && steady_clock::now() < giveUpAt) continue;

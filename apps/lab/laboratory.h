@@ -21,7 +21,8 @@ class Laboratory : public KeldLookOut {
 public:
     explicit Laboratory(HandClock &clock);
 
-    // Returns when every thread waits and nothing waits for any of them: "". When threads sleep elsewhere,
+    // Returns when every thread waits and nothing waits for any of them, and who listens to the journal has
+    // all of it: "". When threads sleep elsewhere,
     // so that it will not come about until somebody outside does his part, who they are: "SCSICorrelator
     // posts". After a minute it says the same of those that still run.
     std::string Settle();

@@ -53,6 +53,7 @@ public:
     // connection that would have to be counted.
 
     void SendReport() { SystemTest::SendReport(0, "stimulus"); }
+    static std::size_t ReportBytes() { return Report("stimulus").size(); }
     void SendReportAsAService()
     {
         service.emplace(kUser);
@@ -60,7 +61,6 @@ public:
     }
     void SendSwapLoss() { SendMany(kSwapLost, 1); }
     void SendManySwapLosses() { SendMany(kSwapLost, kMoreThanAPipeHolds); }
-    void SendSwapLossForGood() { SendMany("kel.swap.systemSwap.isPDL.cannot.remove", 1); }
     void SendNews() { SendMany("kel.external.x", 1); }
     void SendNetNews() { SendMany("kel.net.x", 1); }
     void ConnectTraceClient()
@@ -187,6 +187,7 @@ public:
     std::size_t threads = 0, descriptors = 0;
 };
 
+const std::size_t kReportBytes = FaultTest::ReportBytes();
 using Stimulus = void (FaultTest::*)();
 constexpr Stimulus kAtStart = nullptr; // the fault is there already when the daemon is started
 
@@ -236,8 +237,6 @@ const ExitRow kExitRows[] = {
     {"MainPoll", &FaultTest::SendReport, {Seam::Ppoll, ENOMEM}, kMinusOne, ""},
     {"ChannelRead", &FaultTest::SendReport, {Seam::Recv, EIO}, EIO, ""},
     {"AgentPipeWrite", &FaultTest::SendReport, {Seam::Write, EIO, "keld"}, EIO, ""},
-    {"EventTypeId", &FaultTest::SendSwapLossForGood, {Seam::Memory, ENOMEM, "SWAP", 1, 38}, kPanic,
-     "MEM_ALLOC apps/keld/keldPling:619"},
 
     {"CancelAgent", &FaultTest::Stop, {Seam::Cancel, ESRCH}, 0, "Failed to cancel thread id:17, err:3 No such process"},
     {"JoinAgent", &FaultTest::Stop, {Seam::Join, EDEADLK}, 0,
@@ -307,16 +306,12 @@ const GoesOnRow kGoesOnRows[] = {
     {"AgentReadAgain", &FaultTest::SendReport, {Seam::Read, EAGAIN, "Generic"}, "", kReported},
     {"AgentRead", &FaultTest::SendReport, {Seam::Read, EIO, "Generic"}, "Failed to get Kel", "", "kel.external.error"},
     {"NetAgentRead", &FaultTest::SendNetNews, {Seam::Read, EIO, "Net"}, "Failed to get Kel", "", "kel.net.x"},
-    {"AgentHeader", &FaultTest::SendReport, {Seam::Memory, ENOMEM, "Generic", 1, 32}, "Failed to get Kel",
+    {"AgentRecord", &FaultTest::SendReport, {Seam::Memory, ENOMEM, "Generic", 1, kReportBytes}, "Failed to get Kel",
      "", "kel.external.error"},
-    {"ExceptionInAgent", &FaultTest::SendManySwapLosses, {Seam::Memory, ENOMEM, "SWAP", 1, 72},
-     "Exception (std::bad_alloc) in agent function(0x", "", kSwapLost},
     // Out of the host's library, which documents another.
-    {"Kept_ExceptionOfAnotherKind", &FaultTest::SendSwapLoss, {Seam::Memory, ENOMEM, "SWAP", 1, 64},
+    {"Kept_ExceptionOfAnotherKind", &FaultTest::SendManySwapLosses, {Seam::Memory, ENOMEM, "SWAP", 1, 64},
      "Exception (std::bad_alloc) in agent function(0x", "", kSwapLost},
 
-    {"EventBuffer", &FaultTest::SendReport, {Seam::Memory, ENOMEM, "Generic", 1, 1171},
-     "Failed to allocate 1171 bytes for prob buffer."},
     {"EventSocket", &FaultTest::SendReport, {Seam::Socket, EMFILE, "Generic"}, kQueued},
     {"EventConnect", &FaultTest::SendReport, {Seam::Connect, ECONNREFUSED}, kQueued},
     {"EventConnectAgain", &FaultTest::SendReport, {Seam::Connect, EAGAIN}, "", kReported},
@@ -444,6 +439,17 @@ TEST_F(FaultTest, WithoutMemoryForALargerBufferWhatWaitsThereIsLost)
     ExpectServes("");
     SystemTest::SendReport(0, large);
     EXPECT_EQ(Reported(Texts{large}), WaitForEvents(1));
+}
+
+TEST_F(FaultTest, WithoutMemoryForAnAgentsFirstEventThatOneIsLost)
+{
+    if (!CanFail(Seam::Memory)) GTEST_SKIP();
+    faults.Arm({Seam::Memory, ENOMEM, "Generic", 1, 1171}, Times::Once);
+    Launch();
+    ASSERT_TRUE(daemon->WaitUntilReady());
+    SendReport();
+    ExpectLine("Failed to allocate 1171 bytes for prob buffer.");
+    ExpectServes("");
 }
 
 TEST_F(FaultTest, WithoutMemoryToKeepItAnEventIsLost)

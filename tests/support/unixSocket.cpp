@@ -48,3 +48,12 @@ UniqueFd ListenAt(const std::string &path, int backlog)
         bind(fd.Get(), address.Get(), sizeof(sockaddr_un)) == 0 && listen(fd.Get(), backlog) == 0;
     return Require(good, std::move(fd), path);
 }
+
+UniqueFd BindDatagramSocket(const std::string &path)
+{
+    const Address address(path);
+    unlink(address.sun_path);
+    UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const bool good = bind(fd.Get(), address.Get(), sizeof(sockaddr_un)) == 0;
+    return Require(good, std::move(fd), path);
+}

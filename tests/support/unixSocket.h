@@ -9,8 +9,10 @@
 // The path of a name in the present run directory, "carad-pling.sock".
 std::string RunPath(const std::string &name);
 
-// Both throw std::system_error naming the path. Listening replaces what lies there; it does not block.
+// All throw std::system_error naming the path. Who listens or binds replaces what lies there; a listening
+// socket does not block.
 UniqueFd ConnectTo(const std::string &path, int type = SOCK_STREAM);
 UniqueFd ListenAt(const std::string &path, int backlog);
+UniqueFd BindDatagramSocket(const std::string &path);
 
 #endif

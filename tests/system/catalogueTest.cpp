@@ -229,7 +229,7 @@ TEST_F(CatalogueTest, EveryMarkedTextOfTheSourcesIsListed)
     static const std::regex marker(R"(@&!\*@\*@\((nox\.(problem|audit|clear)\.[A-Za-z0-9._]+)\))");
     std::map<std::string, std::string> posted, listed; // with their classes
     for (const auto &file : fs::recursive_directory_iterator(fs::path(KELD_SOURCE_DIR) / "apps" / "keld")) {
-        if (file.path().extension() != ".cpp" || file.path().stem() == "keldTestCorrelator") continue;
+        if (!file.is_regular_file() || file.path().stem() == "keldTestCorrelator") continue;
         const std::string text = ReadAll(file);
         for (std::sregex_iterator found(text.begin(), text.end(), marker), end; found != end; ++found)
             posted[(*found)[1]] = (*found)[2];

@@ -1,7 +1,10 @@
 // The channels against producers that are well-behaved, careless, hostile or gone.
 #include "systemTest.h"
 
+#include <atomic>
+#include <csignal>
 #include <sys/socket.h>
+#include <thread>
 
 namespace {
 
@@ -47,6 +50,23 @@ TEST_F(ChannelTest, LargestBatchIsDeliveredWholeAndWhatIsLargerIsLostAlone)
         }
     }
     EXPECT_EQ(1U, daemon->Log().LinesWith("user: dropped 131072 bytes").size());
+}
+
+TEST_F(ChannelTest, AFloodOnOneChannelDelaysNoOther)
+{
+    std::atomic<bool> stopped = false;
+    std::thread flood([&] {
+        const RecordBytes record = MakeRecord("kel.net.ignored", "%s", std::string(7'000, '.').c_str());
+        RawProducer producer(0);
+        while (!stopped && producer.Send(record) == 0) {
+        }
+    });
+    RawProducer producer(21);
+    for (int i = 0; i < 20; ++i)
+        ExpectDelivery(producer, "in between");
+    EXPECT_EQ(0, daemon->Terminate(SIGTERM));
+    stopped = true;
+    flood.join();
 }
 
 TEST_F(ChannelTest, OneDamagedRecordSpoilsItsBatchAlone)

@@ -176,7 +176,7 @@ TEST_F(KeladmSystemTest, WhatIsSentIsTracedReceivedAndRendered)
     Keladm receive({"receive", "--output", file}, {.ignoresHangup = true});
     SendToReceiver("no event");
     Start(kShippedDaemon);
-    ASSERT_EQ(0, Run({"send", "kel.external.mark0"}));
+    ASSERT_EQ(0, Run({"send", "--force", "kel.external.mark0"}));
     Keladm trace({"trace", "--history"}), out({"trace", "--out", "--json", "--history", "--count", "2"});
     ASSERT_TRUE(trace.WaitForOutput("kel.external.mark0")) << trace.Errors();
     receive.Signal(SIGHUP); // which its starter ignores
@@ -249,22 +249,84 @@ TEST_F(KeladmSystemTest, ADaemonThatGoesAwayIsSaid)
     Keladm late({"trace", "--timeout", "1ms", "--count", "2"});
     EXPECT_EQ(1, late.WaitForExit());
     EXPECT_EQ("keladm trace: 0 of 2 lines came\n", late.Errors());
-    Keladm trace({"trace", "--history"});
+    Keladm trace({"trace", "--history", "--count", "2"});
     Send(kUser, "kel.external.mark0", " ");
     ASSERT_TRUE(trace.WaitForOutput("kel.external.mark0"));
     daemon->Terminate(SIGKILL);
-    EXPECT_EQ(3, trace.WaitForExit());
-    EXPECT_EQ("keladm trace: the daemon has ended the trace\n", trace.Errors());
 
     const std::string scenario = host.Path("scenario.kel");
     std::ofstream(scenario) << "host set net/portgroups/Production vSwitch7\nobserve kel.x\n";
-    for (const Texts &arguments : {Texts{"trace"}, Texts{"send", "kel.x"},
-                                   Texts{"send", "-c", "3", "kel.x"}, Texts{"replay", scenario}}) {
+    for (const Texts &arguments :
+         {Texts{"trace"}, Texts{"send", "--force", "kel.x"}, Texts{"send", "--force", "-c", "3", "kel.x"},
+          Texts{"replay", "--live", scenario}}) {
         Keladm keladm(arguments); // the daemon's sockets are still there
         EXPECT_EQ(3, keladm.WaitForExit());
         EXPECT_THAT(keladm.Errors(), HasSubstr("no daemon serves " + host.Path()));
     }
     EXPECT_EQ(std::nullopt, host.HostText("net/portgroups/Production")) << "nothing is changed either";
+
+    Start(kShippedDaemon); // whoever watches goes on
+    Send(kUser, "kel.external.mark1", " ");
+    EXPECT_EQ(0, trace.WaitForExit()) << trace.Errors();
+    EXPECT_THAT(trace.Lines(), ElementsAre(EndsWith("kel.external.mark0"),
+                                           AllOf(HasSubstr("---- lines are missing after "),
+                                                 EndsWith("the daemon was restarted")),
+                                           EndsWith("kel.external.mark1")));
+    EXPECT_THAT(trace.Errors(),
+                AllOf(HasSubstr(") has ended; waiting for the next\n"), HasSubstr("another daemon")));
+}
+
+TEST_F(KeladmSystemTest, WhatIsSentIsTakenOrRefused)
+{
+    Start(kShippedDaemon);
+    std::vector<RawProducer> eight;
+    for (int i = 0; i < 8; ++i)
+        eight.emplace_back(kUser);
+    EXPECT_EQ(0, eight.back().Send(Report("the eighth"))); // all are served by now
+    ASSERT_TRUE(daemon->Log().WaitForLines("the eighth", 1));
+    Keladm ninth({"send", "kel.external.error", "acme-raid", "https://kb.example/1042", "the ninth"});
+    EXPECT_EQ(4, ninth.WaitForExit());
+    EXPECT_THAT(ninth.Errors(), HasSubstr("serves eight programs at a time"));
+    EXPECT_TRUE(daemon->Log().LinesWith("the ninth").empty());
+}
+
+// Whatever ends it: the entries that it made, changed and removed, and what the daemon wrote.
+TEST_F(KeladmSystemTest, ALiveReplayPutsTheInventoryBackAsItWas)
+{
+    const auto present = [&] {
+        Keladm list({"host", "list"});
+        return list.WaitForExit() == 0 ? list.Output() : "";
+    };
+    host.Host("net/portgroups/Production", "vSwitch0");
+    host.Host("net/portgroups/Management", "vSwitch0");
+    host.Host("kernel/options/Net/LinkFlappingThreshold", "1");
+    host.HostDirectory("kernel/nodes/net/pNics/vmnic0");
+    host.HostDirectory("vms/12");
+    const std::string before = present(), scenario = host.Path("scenario.kel");
+    Start(kShippedDaemon);
+    const std::string changes =
+        "host set net/portgroups/Production vSwitch1\nhost remove net/portgroups/Management\n"
+        "host set storage/paths/hba1:C0:T0:L4 naa.6\nhost remove vms\n"
+        "repeat 2\nobserve kel.net.vmnic.linkstate.down vmnic0\nend\n"
+        "expect within 60s nox.problem.net.vmnic.linkstate.flapping vmnic0\n";
+    std::ofstream(scenario) << changes << "pause 10m\n";
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        Keladm replay({"replay", "--live", scenario});
+        ASSERT_TRUE(replay.WaitForOutput("pause 10m")) << replay.Output() << replay.Errors();
+        EXPECT_EQ("1", host.HostText("kernel/nodes/net/pNics/vmnic0/linkFlapping"));
+        host.Host("storage/paths/hba1:C0:T0:L5", "somebody else's");
+        replay.Signal(signal);
+        EXPECT_EQ(1, replay.WaitForExit());
+        EXPECT_THAT(replay.Errors(),
+                    AllOf(HasSubstr("plays to the live host in " + host.Path()),
+                          HasSubstr(": 2 observations; 4 changes"), EndsWith("interrupted\n")));
+        EXPECT_EQ("somebody else's", host.HostText("storage/paths/hba1:C0:T0:L5"));
+        host.RemoveHost("storage");
+        EXPECT_EQ(before, present());
+    }
+    std::ofstream(scenario) << changes << "host remove vms/99\n";
+    EXPECT_EQ(1, Run({"replay", "--live", scenario}));
+    EXPECT_EQ(before, present());
 }
 
 // The file takes some lines and a part of one.
@@ -290,14 +352,14 @@ TEST_F(KeladmSystemTest, AFullDiskUnderTheFileLosesNoEventOnTheTerminal)
 }
 
 // Whatever ends it: no folder, no daemon.
-TEST_F(KeladmSystemTest, ACheckThatIsInterruptedLeavesNothingBehind)
+TEST_F(KeladmSystemTest, AReplayThatIsInterruptedLeavesNothingBehind)
 {
     const std::string folder = host.Path("t"), scenario = host.Path("scenario.kel");
     ASSERT_TRUE(std::filesystem::create_directory(folder));
     setenv("TMPDIR", folder.c_str(), 1);
     std::ofstream(scenario) << "pause 10m\n";
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        Keladm check({"replay", "--check", "-"}, {.input = scenario});
+        Keladm check({"replay", "-"}, {.input = scenario});
         ASSERT_TRUE(check.WaitForOutput("pause 10m")) << check.Output() << check.Errors();
         EXPECT_FALSE(std::filesystem::is_empty(folder));
         check.Signal(signal);

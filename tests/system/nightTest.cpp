@@ -9,8 +9,6 @@
 #include <kltlibs/uniquefd.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 namespace {
 
@@ -22,13 +20,7 @@ using testing::StartsWith;
 // Somebody who takes datagrams when told to.
 class DatagramSocket {
 public:
-    explicit DatagramSocket(const std::string &path) : mFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        unlink(path.c_str());
-        EXPECT_EQ(0, bind(mFd.Get(), reinterpret_cast<sockaddr *>(&address), sizeof address)) << path;
-    }
+    explicit DatagramSocket(const std::string &path) : mFd(BindDatagramSocket(path)) {}
     // The next; empty when none comes within the limit.
     std::string Take(std::chrono::milliseconds limit = kWaitLimit) const
     {
@@ -45,11 +37,6 @@ private:
 
 class NightTest : public SystemTest {
 protected:
-    void StartWith(const std::string &variable, const std::string &path)
-    {
-        daemon.emplace(kShippedDaemon, Texts{}, Texts{variable + "=" + path});
-        ASSERT_TRUE(daemon->WaitUntilReady()) << daemon->Output();
-    }
     std::size_t SendReports(int count)
     {
         for (int i = 0; i < count; ++i)
@@ -82,14 +69,14 @@ TEST_F(NightTest, WhoeverStartsItLearnsWhatFailedWhereAndWhatToDo)
     std::filesystem::create_directories(host.Path("kel/user.sock/not-empty"));
     daemon.emplace(kShippedDaemon);
     EXPECT_EQ(EISDIR, daemon->WaitForExit());
-    EXPECT_THAT(daemon->Told(), HasSubstr("cannot start: " + host.Path() +
-                                          "/kel/user.sock: Is a directory; "));
+    EXPECT_THAT(daemon->Told(),
+                HasSubstr("cannot start: " + host.Path() + "/kel/user.sock: Is a directory; "));
 }
 
 TEST_F(NightTest, ALogThatDoesNotReadHoldsNothingAndLearnsHowManyLinesItMissed)
 {
-    std::optional<DatagramSocket> stuck(logPath);
-    StartWith("KELD_LOG_SOCKET", logPath);
+    auto stuck = std::make_unique<DatagramSocket>(logPath);
+    Start(kShippedDaemon, {}, {"KELD_LOG_SOCKET=" + logPath});
     EXPECT_EQ(60U, SendReports(60));
     // Room for one line is enough to be told; what the socket holds is from before.
     std::size_t taken = 0;
@@ -100,7 +87,7 @@ TEST_F(NightTest, ALogThatDoesNotReadHoldsNothingAndLearnsHowManyLinesItMissed)
                 ContainsRegex("^<14>... .. ..:..:.. keld: [0-9]+ lines were not taken by the "
                               "system log.\n$"));
     stuck.reset(); // the log daemon is restarted
-    stuck.emplace(logPath);
+    stuck = std::make_unique<DatagramSocket>(logPath);
     EXPECT_EQ(1U, SendReports(1));
     EXPECT_THAT(stuck->Take(), HasSubstr("kel.external.error"));
     EXPECT_EQ(0, daemon->Terminate());
@@ -110,7 +97,7 @@ TEST_F(NightTest, ALogThatDoesNotReadHoldsNothingAndLearnsHowManyLinesItMissed)
 TEST_F(NightTest, ALogThatIsAStreamGetsLinesThatEndWithNul)
 {
     const UniqueFd listening = ListenAt(logPath, 8);
-    StartWith("KELD_LOG_SOCKET", logPath);
+    Start(kShippedDaemon, {}, {"KELD_LOG_SOCKET=" + logPath});
     ASSERT_EQ(POLLIN, WaitForEvents(listening.Get(), POLLIN));
     const UniqueFd log(accept4(listening.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     EXPECT_EQ(1U, SendReports(1));

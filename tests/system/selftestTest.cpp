@@ -119,6 +119,17 @@ TEST_F(SelftestTest, SilenceOfFiveSecondsEndsTheTest)
     EXPECT_THAT(Verdict(), ElementsAre("FAIL: Timeout.  Waited 5 seconds, but got no kels."));
 }
 
+// The status has eight bits, and what was sent last was wrong.
+TEST_F(SelftestTest, ManyFailuresAreNotTakenForNoneAndSilenceBehindOneEndsTheTest)
+{
+    SendMarker("start");
+    script.assign(255, script[1]);
+    SendScript();
+    ASSERT_TRUE(WaitUntil([&] { return Verdict().size() == 255; }));
+    EXPECT_THROW(daemon->Advance(5), std::runtime_error) << "it has ended, and its clock with it";
+    EXPECT_EQ(255, daemon->WaitForExit()) << "256 with the time-out";
+}
+
 // ---- The logger -----------------------------------------------------------------------------------
 
 TEST_F(SelftestTest, Kept_LoggerEndsForOneDomainTooMany)

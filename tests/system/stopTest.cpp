@@ -3,6 +3,7 @@
 // KELD_STOP_ROUNDS says how often each kind of receiver is tried.
 
 #include "systemTest.h"
+#include "unixSocket.h"
 
 #include <atomic>
 #include <chrono>
@@ -29,6 +30,7 @@ struct Receiver {
     const char *name;
     int backlog; // -1: it is away
     enum { Reads, Accepts, DoesNothing } does;
+    bool allElseIsStuck = false; // the log, and a trace client
 };
 std::ostream &operator<<(std::ostream &out, const Receiver &kind) { return out << kind.name; }
 
@@ -85,15 +87,24 @@ protected:
 TEST_P(StopTest, UnderFullLoadEndsSoonWithStatusZero)
 {
     for (int round = 0; round < Rounds() && !HasFailure(); ++round) {
-        Start(kShippedDaemon);
+        std::vector<UniqueFd> stuck;
+        Texts environment;
+        if (GetParam().allElseIsStuck) {
+            stuck.push_back(BindDatagramSocket(host.Path("log")));
+            environment.push_back("KELD_LOG_SOCKET=" + host.Path("log"));
+        }
+        Start(kShippedDaemon, {}, environment);
+        if (GetParam().allElseIsStuck) stuck.push_back(ConnectTo(host.Path("keld-trace.sock")));
         Flood();
         EXPECT_TRUE(WaitUntil([&] { return batchesSent > 3 * (round % 50); })); // ever deeper into it
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(0, daemon->Terminate(round % 2 == 0 ? SIGTERM : SIGINT)) << daemon->Output();
         EXPECT_GE(kStopLimit, std::chrono::steady_clock::now() - start) << "round " << round;
         EndFlood();
-        const Texts lines = daemon->Log().LinesWith("Exiting");
-        EXPECT_EQ((Texts{"Exiting due to signal.", "Exiting. rc:0"}), lines) << "round " << round;
+        if (!GetParam().allElseIsStuck) {
+            const Texts lines = daemon->Log().LinesWith("Exiting");
+            EXPECT_EQ((Texts{"Exiting due to signal.", "Exiting. rc:0"}), lines) << "round " << round;
+        }
         EXPECT_FALSE(std::filesystem::exists(host.Path("kel/async-0.sock")));
     }
 }
@@ -102,7 +113,8 @@ INSTANTIATE_TEST_SUITE_P(Receiver, StopTest,
                          testing::Values(Receiver{"Reads", EventSink::kBacklog, Receiver::Reads},
                                          Receiver{"Accepts", EventSink::kBacklog, Receiver::Accepts},
                                          Receiver{"IsFull", 0, Receiver::DoesNothing},
-                                         Receiver{"IsAway", -1, Receiver::DoesNothing}),
+                                         Receiver{"IsAway", -1, Receiver::DoesNothing},
+                                         Receiver{"IsStuckAsAllElse", 0, Receiver::DoesNothing, true}),
                          testing::PrintToStringParamName());
 
 } // namespace

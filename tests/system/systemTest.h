@@ -19,10 +19,10 @@ constexpr int kUser = KELPRODUCER_USER_CONTEXT;
 
 class SystemTest : public testing::Test {
 protected:
-    void Start(const DaemonProgram &program, const Texts &arguments = {})
+    void Start(const DaemonProgram &program, const Texts &arguments = {}, const Texts &environment = {})
     {
         daemon.reset();
-        daemon.emplace(program, arguments);
+        daemon.emplace(program, arguments, environment);
         ASSERT_TRUE(daemon->WaitUntilReady()) << daemon->Log().Raw() << daemon->Output();
     }
 

@@ -6,6 +6,8 @@
 
 #include <knxctl/hostFactory.h>
 #include <stdexcept>
+#include <sys/inotify.h>
+#include <unistd.h>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -163,6 +165,22 @@ TEST_F(PageRetireFaultTest, VirtualMachineThatCannotBeStoppedIsReportedOnce)
     clock.Advance(2);
     Inject(10);
     EXPECT_THAT(Events(), ElementsAre("nox.problem.pageretire.mce.injected.2(web01, 50, 7936)"));
+}
+
+// The name of the machine is a directory: there to be looked at, and nothing to read.
+TEST_F(PageRetireFaultTest, VirtualMachineThatIsGoneIsLookedForOnceForAnInjection)
+{
+    runDir.HostDirectory("vms/4711/name");
+    Inject(49);
+    clock.Advance(2);
+    Inject(10);
+    const int watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    ASSERT_NE(-1, inotify_add_watch(watch, runDir.Path("host/vms/4711/name").c_str(), IN_OPEN | IN_CLOSE));
+    Inject(5);
+    std::array<inotify_event, 200> seen{};
+    EXPECT_EQ(5 * 2 * sizeof seen[0], static_cast<std::size_t>(read(watch, seen.data(), sizeof seen)))
+        << "opened and closed";
+    close(watch);
 }
 
 TEST(NetFaultTest, WithoutAnAlarmTheAgentEndsWithoutAWord)

@@ -35,8 +35,7 @@ protected:
     // Observe(MakeKel("kel.net.vmnic.linkstate.down", "%s", "vmnic2"));
     void Observe(const TestKel &kel)
     {
-        KeldCorrelatorTable copy = mTable; // as the loop does
-        KeldCorrelate(mDomain.defaultHandler, copy, kel.get());
+        KeldCorrelate(mDomain.defaultHandler, mTable, kel.get());
     }
 
     // What has been posted since the last call: "nox.problem.net.connectivity.lost(vSwitch0, ...)".

@@ -21,7 +21,10 @@ protected:
         setenv("KELADM", KELADM_BINARY, 1);
         setenv("KELD_DAEMON", KELD_BINARY, 1);
         setenv("KELD_CATALOGUE", mRun.Path("events.json").c_str(), 1);
-        WriteFile("events.json", R"({"version": 1, "observations": [], "events": []})");
+        WriteFile("events.json", R"({"version": 1, "events": [], "observations": [
+            {"id": "kel.net.vmnic.linkstate.down", "domain": "net", "object": "nic",
+             "arguments": [{"name": "nic", "type": "string"}],
+             "becomes": ["nox.problem.net.vmnic.linkstate.down"]}]})");
     }
 
     void WriteFile(const std::string &name, const std::string &text)
@@ -50,7 +53,15 @@ TEST_F(KeladmCommandTest, WhatCannotBeDoneHasItsStatusAndItsReason)
         {"$KELADM receive --count -1", "2 keladm receive: --count: \"-1\" is not a number from 1 up"},
         {"$KELADM trace --timeout 5x", "2 keladm trace: --timeout: \"5x\" is no time such as 5s"},
         {"$KELADM replay --speed 0 -", "2 keladm replay: --speed: \"0\" is not a number above 0"},
-        {"$KELADM send kel.x", "3 keladm send: no daemon serves "},
+        {"$KELADM recieve --help", "2 keladm: \"recieve\" is no subcommand"},
+        {"$KELADM replay --daemon /bin/true empty.scenario", "2 keladm replay: --daemon requires --check"},
+        {"$KELADM replay --check empty.scenario", "2 keladm replay: empty.scenario: nothing to check"},
+        {"$KELADM replay --check /dev/zero", "1 keladm replay: /dev/zero: more than 16 MiB"},
+        {"$KELADM send kel.net.vmnic.linkstate.down vmnic0", "3 keladm send: no daemon serves "},
+        {"$KELADM send kel.x", "2 keladm send: \"kel.x\" is no observation that the daemon knows"},
+        {"$KELADM send --force kel.x", "3 keladm send: no daemon serves "},
+        {"$KELADM events --names 'nox.problem.net.*down'", "0 kel.net.vmnic.linkstate.down\n"},
+        {"$KELADM receive --timeout 1ms --count 1 <&- >&- 2>&-", "1 "},
         {"KALTOR_RUN_DIR=run $KELADM receive", "2 keladm receive: KALTOR_RUN_DIR is \"run\""},
         {"$KELADM host set swap/reconfigured -- -1", "2 keladm host set: swap/reconfigured"},
         {"$KELADM host get swap/failure", "1 keladm host get: swap/failure: absent"},
@@ -58,11 +69,15 @@ TEST_F(KeladmCommandTest, WhatCannotBeDoneHasItsStatusAndItsReason)
          "1 keladm host list: cannot write the output: No space left"},
         {"$KELADM host list --json", "0 {\"name\":\"swap/failure\",\"value\":\"x\"}\n"},
         {"$KELADM host set storage/paths/hba1%2F4 naa.6 && cat host/storage/paths/hba1%2F4 && "
-         "$KELADM host remove storage && $KELADM host remove storage",
-         "1 naa.6\nkeladm host remove: storage: "},
+         "$KELADM host remove storage",
+         "2 naa.6\nkeladm host remove: storage: a directory; nothing was removed. With --recursive, this "
+         "would "
+         "go with it:\n  storage/paths/hba1%2F4\n"},
+        {"$KELADM host remove --recursive storage && $KELADM host remove storage",
+         "1 keladm host remove: storage: absent"},
         {"$KELADM receive --timeout 1ms", "0 "},
         {"$KELADM receive --count 1 --timeout 1ms", "1 keladm receive: 0 of 1 events came"},
-        {"$KELADM replay --check --daemon /bin/false empty.scenario",
+        {"echo 'expect none within 1s' | $KELADM replay --check --daemon /bin/false -",
          "1 keladm replay: the daemon did not start: status 1"}};
     for (const auto &[command, told] : rows)
         EXPECT_THAT(Run(command), StartsWith(told)) << command;
@@ -72,11 +87,30 @@ TEST_F(KeladmCommandTest, TheCommittedCompletionIsThePresentOne)
 {
     const std::string committed = std::string(KELD_SOURCE_DIR) + "/packaging/keladm.bash-completion";
     EXPECT_EQ("0 " + ReadFile(committed), Run("$KELADM completion bash"));
-    EXPECT_EQ("0 completion --catalogue\n",
-              Run("bash -c 'source \"$0\"; COMP_WORDS=(keladm com); COMP_CWORD=1; _keladm; echo -n "
-                  "\"$COMPREPLY \"; "
-                  "COMP_WORDS=(keladm receive --ca); COMP_CWORD=2; _keladm; echo $COMPREPLY' '" +
-                  committed + "'"));
+    WriteFile("complete", "source '" + committed + R"('; PATH=$PWD:$PATH; ln -s $KELADM keladm
+        $KELADM host set storage/paths/hba1:C0:T0:L4 naa.6 && $KELADM host set 'net/portgroups/Prod Net' vSwitch0
+        t() { COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _keladm; echo "${COMPREPLY[*]}"; }
+        t keladm com; t keladm receive --ca; t keladm send kel.n
+        t keladm trace --match kel.n; t keladm host get net/portgroups/; t keladm host list st
+        t keladm host remove storage/paths/hba1 : C0 : T; t keladm host set vm)");
+    EXPECT_EQ("0 completion\n--catalogue\nkel.net.vmnic.linkstate.down\nkel.net.vmnic.linkstate.down\n"
+              "net/portgroups/Prod\\ Net\nstorage/\nT0:L4\nvms/ vms/\n",
+              Run("bash complete"));
+}
+
+// A file and a pipe get what there is; what it would do to a terminal does not come there.
+TEST_F(KeladmCommandTest, NoTextReachesATerminalAsACommand)
+{
+    const std::string evil = "\x1b]0;x\a\x1b[31m\xC2\x9B\x9B\xE2\x80\xAE";
+    const std::string get = "$KELADM host get vms/12/name";
+    ASSERT_EQ("0 ", Run("$KELADM host set vms/12/name '" + evil + "'"));
+    EXPECT_EQ("0 " + evil + "\n", Run(get));
+    EXPECT_EQ("0 \\x1b]0;x\\x07\\x1b[31m\\u009b\\x9b\\u202e\n",
+              Run("script -qec '" + get + "' /dev/null | tr -d '\\r'"));
+    EXPECT_THAT(Run("$KELADM host list --json"),
+                HasSubstr("\"value\":{\"hex\":\"1b5d303b78071b5b33316dc29b9be280ae\"}"));
+    EXPECT_THAT(Run("$KELADM host get 'vms/12/" + evil + "'"),
+                StartsWith("2 keladm host get: vms/12/\\x1b]0;x\\x07"));
 }
 
 TEST_F(KeladmCommandTest, ACommandOfAnotherPackageIsAProgramOfItsOwn)
@@ -158,7 +192,7 @@ TEST_F(KeladmCommandTest, AStoryThatGoesAnotherWayShowsBothSides)
 
 TEST_F(KeladmCommandTest, AStoryWhoseDaemonEndsSaysHow)
 {
-    WriteFile("stop.kel", "story It cannot start.\nclock +1s\n");
+    WriteFile("stop.kel", "story It cannot start.\nclock +1s\nexpect none\n");
     EXPECT_THAT(
         Run("$KELADM replay --check --daemon /bin/false stop.kel"),
         HasSubstr("    line 1: It cannot start.\n                the daemon ended early: status 1"));

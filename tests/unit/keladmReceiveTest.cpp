@@ -1,9 +1,9 @@
 // The event socket's receiving side, and the catalogue that texts come from.
 
-#include "keladmFailure.h"
 #include "eventWords.h"
 #include "failure.h"
 #include "jsonLine.h"
+#include "keladmFailure.h"
 #include "runDir.h"
 #include "text.h"
 #include "unixSocket.h"
@@ -116,8 +116,12 @@ TEST_F(KeladmReceiveTest, OnlyASocketThatNobodyServesIsReplacedAndOnlyItsOwnRemo
 
 TEST(KeladmTextTest, WhateverATextHoldsIsShownOnOneLine)
 {
-    EXPECT_EQ(R"(a\n\x1b[31m)", Printable("a\n\x1b[31m"));
-    EXPECT_EQ("[\"\\n\xEF\xBF\xBD\"]", JsonLine(nlohmann::ordered_json::array({"\n\xff"})));
+    EXPECT_EQ(R"(a\n\x1b[31m\x7f \u0085\u009b \x9b \u202e\u2069\u200f \xed\xa0\x80 \xc0\x80)",
+              Printable("a\n\x1b[31m\x7F \xC2\x85\xC2\x9B \x9B \xE2\x80\xAE\xE2\x81\xA9\xE2\x80\x8F "
+                        "\xED\xA0\x80 \xC0\x80"));
+    EXPECT_EQ("\u00e4\u00a0\u20ac\U0001f512", Printable("\u00e4\u00a0\u20ac\U0001f512"));
+    EXPECT_EQ(R"(["\n\u00e4\u202e",{"hex":"6eff"}])",
+              JsonLine(nlohmann::ordered_json::array({JsonText("\n\u00e4\u202e"), JsonText("n\xFF")})));
 }
 
 TEST(KeladmCatalogueTest, AWrongEntryIsNamed)

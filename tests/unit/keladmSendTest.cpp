@@ -2,6 +2,7 @@
 
 #include "keladmFailure.h"
 #include "observation.h"
+#include "observationCheck.h"
 #include "observationWords.h"
 
 #include "kltlibs/kelrecord.h"
@@ -59,6 +60,45 @@ TEST(KeladmSendTest, AWrongArgumentIsNamedWithWhatWouldBeRight)
          {"%d %p | 1 2", "conversion 2 cannot be sent"},
          {"50% |", "conversion 1 cannot be sent"}},
         read);
+}
+
+TEST(KeladmSendTest, WhatTheCatalogueDoesNotKnowIsRefusedWithWhatIsNearest)
+{
+    const Catalogue catalogue = ParseCatalogue(R"({"version": 1,
+        "agents": [{"name": "NetCorrelator", "domains": ["net"], "otherwise": "ignored"},
+                   {"name": "QuillfsCorrelator", "domains": ["quillfs"], "otherwise": "becomes a problem",
+                    "otherwiseBecomes": ["nox.problem.quillfs.failure"]}],
+        "events": [{"type": "nox.problem.net.heap", "class": "problem", "text": "", "arguments": []}],
+        "observations": [
+            {"id": "kel.net.heap", "domain": "net", "object": "heap", "becomes": ["nox.problem.net.heap"],
+             "arguments": [{"name": "heap", "type": "string"}, {"name": "free", "type": "int64"}]},
+            {"id": "kel.net.disk", "domain": "net", "arguments": [{"name": "disk", "type": "uuid"}]}]})");
+    const auto format = [&](const std::string &text) { // "ID | words" or "ID, format | words"
+        const std::size_t mark = text.find(" |"), comma = text.substr(0, mark).find(", ");
+        std::optional<std::string> given;
+        if (comma != text.npos) given = text.substr(comma + 2, mark - comma - 2);
+        return CheckedFormat(catalogue, text.substr(0, std::min(mark, comma)), given,
+                             Words(text.substr(mark + 2)));
+    };
+    EXPECT_EQ("%s %ld", format("kel.net.heap | 7 7")); // whatever the words look like
+    EXPECT_EQ("%s at %u", format("kel.net.heap, %s at %u | netGPHeap 7"));
+    EXPECT_EQ("%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx",
+              format("kel.net.disk | 1 2 3 4 5 6 7 8 9"));
+    EXPECT_EQ(std::nullopt, format("kel.quillfs.new | 7"));
+    const std::string takes = "kel.net.heap takes: string heap (object), int64 free\nNothing was sent";
+    ExpectRefusals(
+        {{"kel.net.heep | a 7", "\"kel.net.heep\" is no observation that the daemon knows; the "
+                                "nearest:\n  " +
+                                    takes},
+         {"kel.x | a", "\"keladm events\" lists them"},
+         {"nox.problem.net.heap | a 7", "is an event, not an observation; what leads to it:\n  " + takes},
+         {"kel.net.heap | a", "1 argument; " + takes},
+         {"kel.net.heap | a 7 7", "3 arguments; " + takes},
+         {"kel.net.heap, %d %d | 7 7",
+          "argument 1: the format sends a number where a text belongs; " + takes},
+         {"kel.net.heap, %s %s | a 7",
+          "argument 2: the format sends a text where a number belongs; " + takes}},
+        format);
 }
 
 TEST(KeladmSendTest, TheDaemonReadsTheRecordAsItWasMeant)

@@ -1,7 +1,10 @@
 // Trace lines, as the daemon writes them and as it never would.
 
 #include "keladmFailure.h"
-#include "traceLine.h"
+#include "runDir.h"
+#include "traceConnection.h"
+#include "traceText.h"
+#include "unixSocket.h"
 
 #include <gtest/gtest.h>
 
@@ -63,4 +66,55 @@ TEST(KeladmTraceTest, LinesAreCutAtNewlinesOutsideTexts)
     // A quote that never closes does not swallow the trace for ever.
     EXPECT_THAT(Split({"\"" + std::string(TraceSplitter::kLineBytesMax + 10, 'x'), "\nnext\n"}),
                 testing::Contains("next"));
+}
+
+// Another connection begins with what the daemon remembers. What has been seen of it does not come again;
+// where it does not reach back far enough, that is said.
+TEST(KeladmTraceTest, AConnectionThatEndsIsTakenUpAgainAndTheGapIsNamed)
+{
+    const RunDir run;
+    const UniqueFd listener = ListenAt(RunPath("keld-trace.sock"), 8);
+    UniqueFd peer;
+    TraceConnection trace;
+    const auto line = [](int second) { return std::to_string(second) + ".000000000,IN,1,kel.x,,7"; };
+    // The daemon sends lines, of which 0 is the blank one, and part of another; the client reads all of it.
+    const auto serve = [&](std::initializer_list<int> seconds) {
+        if (!peer) peer.Reset(accept(listener.Get(), nullptr, nullptr));
+        std::string text;
+        for (const int second : seconds)
+            text += (second == 0 ? "" : line(second)) + "\n";
+        EXPECT_LT(0, send(peer.Get(), (text + "4.0").data(), text.size() + 3, MSG_NOSIGNAL));
+        trace.Proceed();
+        std::vector<std::string> shown;
+        while (const auto item = trace.Next())
+            shown.push_back(item->isGap ? "gap " + item->after + " " + item->until
+                                        : (item->isHistory ? "history " : "") + item->line);
+        return shown;
+    };
+    const auto cut = [&] {
+        peer.Reset();
+        return trace.Proceed().value_or("nothing");
+    };
+    EXPECT_THAT(serve({1, 0, 2, 3, 3}), ElementsAre("history " + line(1), line(2), line(3), line(3)));
+    EXPECT_THAT(cut(), testing::HasSubstr("has cut this connection off"));
+    EXPECT_THAT(serve({1, 2, 3, 3, 3, 4, 0, 5}), ElementsAre(line(3), line(4), line(5)));
+    cut();
+    EXPECT_THAT(serve({7, 8, 0, 9}), ElementsAre("gap 5.000000000 7.000000000", line(7), line(8), line(9)));
+}
+
+TEST(KeladmTraceTest, TheCatalogueNamesArgumentsAndTellsTheEvent)
+{
+    const std::optional catalogue = ParseCatalogue(R"({"version": 1,
+        "events": [{"type": "nox.problem.x", "class": "problem", "text": "NIC %s: %d.",
+                    "arguments": [{"name": "nic", "type": "string"}, {"name": "left", "type": "int32"}]}],
+        "observations": [{"id": "kel.x", "domain": "x", "arguments": [{"name": "disk", "type": "uuid"},
+                                                                      {"name": "left", "type": "int32"}]}]})");
+    using testing::Pair;
+    const TraceLine out = ParseTraceLine(kTime + R"(OUT,1,nox.problem.x,,"vmnic0",-2,3)");
+    EXPECT_THAT(NamedArguments(out, catalogue),
+                ElementsAre(Pair("nic", "\"vmnic0\""), Pair("left", "-2"), Pair("", "3")));
+    EXPECT_EQ("NIC vmnic0: -2.", MessageOf(out, catalogue));
+    const TraceLine in = ParseTraceLine(kTime + "IN,1,kel.x,,1,2,3,4,5,6,7,8,-1,7");
+    EXPECT_THAT(NamedArguments(in, catalogue),
+                ElementsAre(Pair("disk", "00000001-00000002-0003-0405060708ff"), Pair("left", "7")));
 }

@@ -3,16 +3,21 @@
 #include "keldDispatch.h"
 #include "keldAgent.h"
 #include "keldCorrelator.h"
+#include "keldLog.h"
+#include "keldSignal.h"
 #include "logCapture.h"
 #include "observation.h"
 #include "waitFor.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <string>
+#include <sys/mman.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -73,12 +78,12 @@ protected:
         return registered;
     }
 
-    // One reading, as an agent does when its pipe is readable: the record's first argument, "again",
-    // "refused", "failed", or "nothing" when it is not readable.
+    // One reading, as an agent does when its pipe is readable, or was read ahead: the record's first
+    // argument, "again", "refused", "failed", or "nothing" when it is not readable.
     static std::string Read(KeldStream *stream)
     {
         pollfd readable{stream->readFd.Get(), POLLIN, 0};
-        if (poll(&readable, 1, 0) != 1) return "nothing";
+        if (!KeldStreamHoldsKel(stream) && poll(&readable, 1, 0) != 1) return "nothing";
         Kel *kel = nullptr;
         bool complete = false;
         const int code = KeldStreamReadKel(stream, &kel, &complete);
@@ -119,6 +124,63 @@ TEST_F(StreamTest, EveryMatchingStreamGetsARecordOnce)
     EXPECT_EQ(0, KeldStreamUnregister(stream));
     EXPECT_EQ(0, Dispatch({LinkDown("vmnic2")}));
     EXPECT_EQ("vmnic2", Read(nics));
+}
+
+// More pieces than one write takes. What is written counts, what is taken no longer waits, and what was
+// read ahead was not taken.
+TEST_F(StreamTest, AMixedBatchReachesEachStreamInItsOrderAndIsCounted)
+{
+    KeldStream *storage = Register({"scsi"});
+    RecordBytes batch;
+    for (int i = 0; i < 200; ++i)
+        for (const RecordBytes &each :
+             {LinkDown(std::to_string(i).c_str()), MakeRecord("kel.nobody.x", " "),
+              MakeRecord("kel.scsi.device.close", "%s", std::to_string(i).c_str())})
+            batch.insert(batch.end(), each.begin(), each.end());
+    EXPECT_EQ(0, KeldDispatch(KELLIB_USER_CONTEXT, batch.data(), batch.size()));
+    EXPECT_EQ(400U, KeldDispatchWaiting());
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(std::to_string(i), Read(stream));
+        ASSERT_EQ(std::to_string(i), Read(storage));
+        ASSERT_EQ(2U * (199 - i), KeldDispatchWaiting());
+    }
+    EXPECT_EQ("nothing", Read(stream));
+}
+
+TEST_F(StreamTest, AFullPipeKeepsNothingFromOthersAndSplitsNoRecord)
+{
+    KeldStream *storage = Register({"scsi"});
+    const std::string text(60'000, 'x'); // a pipe holds one of them and a part of the next
+    const RecordBytes large = MakeRecord("kel.net.large", "%s", text.c_str());
+    std::thread dispatching([&] {
+        EXPECT_EQ(0, Dispatch({large, large, large, MakeRecord("kel.scsi.device.close", "%s", "naa.1")}));
+    });
+    EXPECT_TRUE(WaitUntil([&] { return Read(storage) == "naa.1"; }));
+    for (int taken = 0; taken < 3;) {
+        const std::string read = Read(stream);
+        EXPECT_THAT(read, testing::AnyOf("again", "nothing", text));
+        if (read == text) ++taken;
+    }
+    dispatching.join();
+    EXPECT_EQ(0U, KeldDispatchWaiting());
+}
+
+// A page of a burst that was taken is not there any more, and has none of its bytes when it is back.
+TEST(ReadAheadTest, WhatABurstTookIsGivenBack)
+{
+    KeldReadAhead ahead;
+    ASSERT_TRUE(ahead.Make());
+    const auto room = ahead.Room();
+    constexpr std::size_t kBurst = 65'536;
+    std::fill_n(room.begin(), kBurst, std::byte{'x'});
+    ahead.Add(kBurst);
+    ahead.Take(kBurst - 1);
+    EXPECT_EQ(std::byte{'x'}, *ahead.First());
+    ahead.Take(1);
+    unsigned char resident = 1;
+    ASSERT_EQ(0, mincore(&room[kBurst / 2], 1, &resident));
+    EXPECT_EQ(0, resident & 1);
+    EXPECT_EQ(room.data(), ahead.Room().data());
 }
 
 TEST_F(StreamTest, RecordInThreePiecesBecomesOneKel)
@@ -188,6 +250,46 @@ TEST_F(AgentTest, ThirtyTwoAgentsAreStartedAndTheNextIsRefused)
     KeldAgentAwaitAll();
     EXPECT_EQ(32, started);
     EXPECT_THAT(log.Lines(), ElementsAre("Failed to start agent. Already reached max limit of 32 agents."));
+}
+
+// ---- Between two observations that were read together -------------------------------------------------
+
+int wakePipe[2];
+std::string happened;
+void TellWake() { happened += " woken"; }
+
+TEST_F(AgentTest, TheWakePipeIsLookedAtBetweenTwoObservations)
+{
+    ASSERT_EQ(0, pipe(wakePipe));
+    KeldAgentStart([] {
+        const auto handle = [](Kel *) {
+            if (happened.empty()) (void)!write(wakePipe[1], "x", 1);
+            happened += " handled";
+            if (happened.ends_with("woken handled")) KeldLog("all are handled\n");
+        };
+        KeldCorrelatorRunWithFds("Net", "net", handle, {}, TellWake, wakePipe, 1);
+    });
+    KeldAgentAwaitAll();
+    EXPECT_EQ(0, Dispatch({LinkDown("vmnic0"), LinkDown("vmnic1"), LinkDown("vmnic2")}));
+    EXPECT_TRUE(log.WaitForLine("all are handled"));
+    EXPECT_EQ(" handled handled woken handled", happened); // of what comes together, the pipe is the first
+}
+
+TEST_F(AgentTest, AnAgentOfADaemonThatLeavesIsCancelledBetweenTwoObservations)
+{
+    KeldAgentStart([] {
+        const auto handle = [](Kel *) {
+            KeldSetStopping();
+            KeldLog("handled\n");
+        };
+        KeldCorrelatorRun("Net", "net", handle, {});
+    });
+    KeldAgentAwaitAll();
+    EXPECT_EQ(0, Dispatch({LinkDown("vmnic0"), LinkDown("vmnic1"), LinkDown("vmnic2")}));
+    EXPECT_TRUE(log.WaitForLine("handled"));
+    KeldAgentStopAll();
+    EXPECT_THAT(log.LinesWith("handled"), SizeIs(1));
+    EXPECT_EQ(2U, KeldDispatchWaiting());
 }
 
 // The main thread waits in the agent's full pipe, half a record written, when the agent ends.

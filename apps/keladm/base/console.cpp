@@ -1,12 +1,14 @@
 #include "console.h"
 
 #include "failure.h"
+#include "text.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
 #include <sys/signalfd.h>
@@ -44,9 +46,18 @@ bool Output::Colour() const
     return mTerminal && (noColour == nullptr || *noColour == '\0');
 }
 
-void Output::Text(std::string_view text) { mWaiting += text; }
+void Output::Text(std::string_view text)
+{
+    mWaiting += mTerminal ? PrintableLines(text) : std::string(text);
+}
 
 void Output::Line(std::string_view text)
+{
+    Text(text);
+    mWaiting += '\n';
+}
+
+void Output::ColouredLine(std::string_view text)
 {
     mWaiting += text;
     mWaiting += '\n';
@@ -95,6 +106,18 @@ void PollUntil(std::span<pollfd> fds, Clock::time_point until)
             fd.revents = 0;
         if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "cannot wait");
     }
+}
+
+void Tell(std::string_view subcommand, std::string_view message)
+{
+    fmt::print(stderr, "keladm {}: {}\n", subcommand, PrintableLines(message));
+}
+
+void OpenStandardDescriptors()
+{
+    for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fcntl(fd, F_GETFD) < 0 && errno == EBADF)
+            (void)open("/dev/null", O_RDWR); // the lowest: this one
 }
 
 std::string ExecutableFolder()

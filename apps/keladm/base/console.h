@@ -30,7 +30,8 @@ private:
     UniqueFd mFd;
 };
 
-// Lines for a descriptor: kept until Flush, which waits for a slow reader but never past a stop.
+// Lines for a descriptor: kept until Flush, which waits for a slow reader but never past a stop. To a
+// terminal they go as PrintableLines: whatever a text holds, no terminal obeys it.
 class Output {
 public:
     // stopFd, when there is one, is a StopSignal's.
@@ -39,7 +40,8 @@ public:
     bool Colour() const; // a terminal, and NO_COLOR is not set
     void Text(std::string_view text);
     void Line(std::string_view text);
-    void Flush(); // throws OutputClosed, Stopped, Failure
+    void ColouredLine(std::string_view text); // as it is: its maker has made Printable what is not his own
+    void Flush();                             // throws OutputClosed, Stopped, Failure
 
     // For a poll: ready once the reader has gone.
     pollfd Watch() const { return {mFd, 0, 0}; }
@@ -62,6 +64,13 @@ struct Ends {
 
 // Polls fds until one is ready or until is reached.
 void PollUntil(std::span<pollfd> fds, Clock::time_point until);
+
+// A line for standard error, behind "keladm SUBCOMMAND: ", as PrintableLines.
+void Tell(std::string_view subcommand, std::string_view message);
+
+// Standard descriptors that are closed would become sockets and files that a stray line is written into:
+// they are opened on nothing. First of all.
+void OpenStandardDescriptors();
 
 // The folder of this program's executable file.
 std::string ExecutableFolder();

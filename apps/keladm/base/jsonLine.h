@@ -5,7 +5,12 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-// JSON on one line; what is not UTF-8 in it is replaced, never refused.
+// JSON on one line, in ASCII: no terminal obeys anything in it. What is not UTF-8 is replaced, never
+// refused.
 std::string JsonLine(const nlohmann::ordered_json &json);
+
+// A text that comes from elsewhere, so that nothing of it is lost: the text, or {"hex": "62ff"} where it is
+// not UTF-8.
+nlohmann::ordered_json JsonText(const std::string &text);
 
 #endif

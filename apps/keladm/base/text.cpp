@@ -26,6 +26,41 @@ std::string TimeText(std::uint64_t microseconds, tm *(*convert)(const time_t *, 
     return fmt::format("{}{}{}.{:06}{}", date, between, time, microseconds % 1000000, zone);
 }
 
+struct Character {
+    bool valid;
+    std::uint32_t code;
+    size_t bytes; // one where it is not valid
+};
+
+// The first character of a text that is not empty and should be UTF-8.
+Character FirstCharacter(std::string_view text)
+{
+    auto first = static_cast<unsigned char>(text[0]);
+    if (first < 0x80) return {true, first, 1};
+    size_t bytes = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+    constexpr std::uint32_t kLowest[] = {0, 0, 0x80, 0x800, 0x10000}; // that needs so many bytes
+    constexpr Character kNone{false, 0, 1};
+    if (first < 0xC0 || first > 0xF7 || text.size() < bytes) return kNone;
+    std::uint32_t code = first & (0x7FU >> bytes);
+    for (char next : text.substr(1, bytes - 1)) {
+        if ((static_cast<unsigned char>(next) & 0xC0) != 0x80) return kNone;
+        code = code << 6 | (static_cast<unsigned char>(next) & 0x3FU);
+    }
+    bool surrogate = code >= 0xD800 && code <= 0xDFFF;
+    if (code < kLowest[bytes] || code > 0x10FFFF || surrogate) return kNone;
+    return {true, code, bytes};
+}
+
+// Control characters beyond ASCII, line ends, and what turns the direction of writing: a terminal obeys
+// them, and who reads the screen is deceived.
+bool IsTreacherous(std::uint32_t code)
+{
+    return (code >= 0x80 && code <= 0x9F) || code == 0x061C || code == 0x200E || code == 0x200F ||
+           (code >= 0x2028 && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
+}
+
+constexpr size_t kFileBytesMax = 16 << 20;
+
 } // namespace
 
 bool GlobMatches(std::string_view pattern, std::string_view text)
@@ -55,24 +90,46 @@ bool GlobMatches(std::string_view pattern, std::string_view text)
 std::string Printable(std::string_view text)
 {
     std::string shown;
-    for (size_t i = 0; i < text.size(); i++) {
-        auto byte = static_cast<unsigned char>(text[i]);
-        // C2 80 to C2 9F are control characters too, to a terminal that reads UTF-8.
-        bool control =
-            byte < 0x20 || byte == 0x7F ||
-            (byte == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0);
-        if (byte == '\n')
+    while (!text.empty()) {
+        Character character = FirstCharacter(text);
+        std::string_view bytes = text.substr(0, character.bytes);
+        text.remove_prefix(character.bytes);
+        if (character.code == '\n')
             shown += "\\n";
-        else if (byte == '\t')
+        else if (character.code == '\t')
             shown += "\\t";
-        else if (byte == '\r')
+        else if (character.code == '\r')
             shown += "\\r";
-        else if (control)
-            shown += fmt::format("\\x{:02x}", byte);
+        else if (!character.valid || character.code < 0x20 || character.code == 0x7F)
+            shown += fmt::format("\\x{:02x}", static_cast<unsigned char>(bytes[0]));
+        else if (IsTreacherous(character.code))
+            shown += fmt::format("\\u{:04x}", character.code);
         else
-            shown += text[i];
+            shown += bytes;
     }
     return shown;
+}
+
+std::string PrintableLines(std::string_view text)
+{
+    std::string shown;
+    for (;;) {
+        size_t end = text.find('\n');
+        shown += Printable(text.substr(0, end));
+        if (end == std::string_view::npos) return shown;
+        shown += '\n';
+        text.remove_prefix(end + 1);
+    }
+}
+
+bool IsUtf8(std::string_view text)
+{
+    while (!text.empty()) {
+        Character character = FirstCharacter(text);
+        if (!character.valid) return false;
+        text.remove_prefix(character.bytes);
+    }
+    return true;
 }
 
 std::string Quoted(std::string_view text)
@@ -141,6 +198,8 @@ std::string ReadFile(const std::string &file)
     while (count > 0) {
         count = read(fd.Get(), buffer, sizeof buffer);
         if (count > 0) content.append(buffer, static_cast<size_t>(count));
+        if (content.size() > kFileBytesMax)
+            throw Failure(kExitFailed, fmt::format("{}: more than {} MiB", file, kFileBytesMax >> 20));
     }
     if (count < 0) throw Failure(kExitFailed, fmt::format("{}: {}", file, std::strerror(errno)));
     return content;

@@ -11,8 +11,14 @@
 // True when text is what pattern says: "*" stands for any characters, "?" for one.
 bool GlobMatches(std::string_view pattern, std::string_view text);
 
-// One line that a terminal cannot stumble over: control characters become \n, \t, \x1b ...
+// One line that a terminal cannot stumble over: control characters become \n, \t, \x1b, \u009b, so do what
+// turns the direction of writing and what is not UTF-8.
 std::string Printable(std::string_view text);
+
+// Printable, but for newlines.
+std::string PrintableLines(std::string_view text);
+
+bool IsUtf8(std::string_view text);
 
 // Printable, between double quotes, those inside marked with a backslash.
 std::string Quoted(std::string_view text);
@@ -36,7 +42,8 @@ std::string DurationText(std::chrono::milliseconds duration);
 // The bytes as two hexadecimal digits each, eight bytes a group, cut with a note behind bytesMax.
 std::string HexText(std::string_view bytes, size_t bytesMax);
 
-// All that is in a file. Throws Failure naming it.
+// All that is in a file, or that a device gives up to its end. Throws Failure naming it, also for more than
+// 16 MiB.
 std::string ReadFile(const std::string &file);
 
 #endif

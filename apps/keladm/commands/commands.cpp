@@ -24,6 +24,8 @@ Exit status:
   1  failed, or not as expected
   2  wrong usage: an option, an argument, a line of a scenario
   3  no daemon serves the run directory, or another receiver listens there
+  4  the daemon serves as many programs as it can, and has not taken what was sent
+  5  the daemon did not say in time whether it has taken what was sent
 
 Examples:
   keladm receive                                   in one terminal: the events
@@ -42,7 +44,7 @@ std::string CommandName(const CLI::App &app)
 
 int Report(const CLI::App &app, int status, const std::string &message)
 {
-    fmt::print(stderr, "{}: {}\n", CommandName(app), message);
+    fmt::print(stderr, "{}: {}\n", CommandName(app), PrintableLines(message));
     return status;
 }
 
@@ -51,12 +53,21 @@ int ReportUsage(const CLI::App &app, const std::string &message)
     return Report(app, kExitUsage, fmt::format("{}\nTry \"{} --help\".", message, CommandName(app)));
 }
 
+// Of a word that nothing was made of.
+int ReportUnknown(const CLI::App &app, const std::string &word)
+{
+    return ReportUsage(
+        app, fmt::format("{} is no {}", Quoted(word), word.starts_with('-') ? "option" : "subcommand"));
+}
+
 int Run(CLI::App &app, int argc, char **argv, const Command &chosen)
 {
     try {
         app.parse(argc, argv);
         return chosen();
     } catch (const CLI::Success &help) {
+        if (auto unknown = app.remaining(true); !unknown.empty())
+            return ReportUnknown(app, unknown.front());
         std::ostringstream text;
         int status = app.exit(help, text);
         Output out(STDOUT_FILENO);
@@ -66,8 +77,7 @@ int Run(CLI::App &app, int argc, char **argv, const Command &chosen)
     } catch (const CLI::RequiredError &error) {
         auto unknown = app.remaining(true);
         if (unknown.empty()) return ReportUsage(app, error.what());
-        return ReportUsage(app, fmt::format("{} is no {}", Quoted(unknown.front()),
-                                            unknown.front().starts_with('-') ? "option" : "subcommand"));
+        return ReportUnknown(app, unknown.front());
     } catch (const CLI::ParseError &error) {
         return ReportUsage(app, error.what());
     }
@@ -112,6 +122,7 @@ void AddCatalogueOption(CLI::App &command, std::string *file)
 
 int RunKeladm(int argc, char **argv)
 {
+    OpenStandardDescriptors();
     // A reader that has had enough (| head -1) and a file that may not grow show as failed writes, so
     // that cleaning up happens.
     std::signal(SIGPIPE, SIG_IGN);

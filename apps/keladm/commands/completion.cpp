@@ -1,6 +1,7 @@
 #include "commands.h"
 #include "console.h"
 #include "external.h"
+#include "hostEntries.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -41,36 +42,70 @@ std::string Cases(const CLI::App &app, const std::string &name)
     return cases;
 }
 
+// The inventory's names as far as they are always the same.
+std::string KnownPaths()
+{
+    std::string paths;
+    for (const HostEntry &entry : HostEntries())
+        paths += fmt::format("{} ", entry.pattern.substr(0, entry.pattern.find('<')));
+    paths.pop_back();
+    return paths;
+}
+
 constexpr const char *kScript = R"BASH(# bash completion for keladm, written by "keladm completion bash"
 
 _keladm()
 {{
-    local cur=${{COMP_WORDS[COMP_CWORD]}} prev=${{COMP_WORDS[COMP_CWORD-1]}} command="" words="" i
-    for ((i = 1; i < COMP_CWORD; i++)); do
+    local cur=${{COMP_WORDS[COMP_CWORD]}} at=$COMP_CWORD command="" words="" names="" given=0 i
+    # A word with colons comes in pieces.
+    while ((at > 1)) && [[ $cur == :* || ${{COMP_WORDS[at-1]}} == : ]]; do
+        at=$((at - 1))
+        cur=${{COMP_WORDS[at]}}$cur
+    done
+    local prev=${{COMP_WORDS[at-1]}} colons=${{cur%"${{cur##*:}}"}}
+    for ((i = 1; i < at; i++)); do
         case "${{COMP_WORDS[i]}}" in
             -*) ;;
             *) case "$command" in
                    "") command=${{COMP_WORDS[i]}} ;;
                    host) command="host ${{COMP_WORDS[i]}}" ;;
+                   *) ((++given)) ;;
                esac ;;
         esac
     done
+    COMPREPLY=()
     case "$prev" in
-        --output|--catalogue|--daemon) compopt -o default; COMPREPLY=(); return ;;
+        --output|--catalogue|--daemon) compopt -o default; return ;;
     esac
     case "$command" in
 {}    esac
     case "$command" in
-        send|events) [[ $cur == -* ]] || words="$words $(keladm events --names "$cur*" 2>/dev/null)" ;;
-        replay) compopt -o default ;;
-        {}) # a word may hold colons, at which the shell has cut it
-            local word=${{COMP_LINE:0:COMP_POINT}}
-            word=${{word##* }}
-            mapfile -t COMPREPLY < <(keladm "$command" --complete "$prev" "$word" 2>/dev/null)
-            COMPREPLY=("${{COMPREPLY[@]#"${{word%"${{word##*:}}"}}"}}")
+        {}) # which know their words themselves
+            mapfile -t COMPREPLY < <(keladm "$command" --complete "$prev" "$cur" 2>/dev/null)
+            COMPREPLY=("${{COMPREPLY[@]#"$colons"}}")
             return ;;
     esac
+    [[ $prev == --match ]] && words=""
+    case "$command $cur" in
+        *" -"*) ;;
+        send*|events*|explain*|trace*)
+            [[ $command == trace && $prev != --match ]] || names=$(keladm events --names "$cur*" 2>/dev/null)
+            [[ $command == send ]] && names=$(grep '^kel\.' <<<"$names") ;;
+        "host set"*|"host mkdir"*)
+            ((given > 0)) || names=$(printf '%s\n' {}; keladm host list --names 2>/dev/null) ;;
+        "host "?*) names=$(keladm host list --names 2>/dev/null) ;;
+        replay*) compopt -o default ;;
+    esac
     COMPREPLY=($(compgen -W "$words" -- "$cur"))
+    # An ID as a whole; of the inventory one level at a time.
+    local IFS=$'\n' name rest
+    for name in $names; do
+        [[ $name == "$cur"* ]] || continue
+        rest=${{name#"$cur"}}
+        [[ $rest == */* ]] && name=$cur${{rest%%/*}}/
+        [[ $name == */ ]] && compopt -o nospace 2>/dev/null
+        COMPREPLY+=("$(printf %q "${{name#"$colons"}}")")
+    done
 }}
 complete -F _keladm keladm
 )BASH";
@@ -88,7 +123,7 @@ Example:
     completion->callback([shell, chosen, &app] {
         *chosen = [shell, &app] {
             Output out(STDOUT_FILENO);
-            out.Text(fmt::format(kScript, Cases(app, ""), ExternalPattern()));
+            out.Text(fmt::format(kScript, Cases(app, ""), ExternalPattern(), KnownPaths()));
             out.Flush();
             return kExitOk;
         };

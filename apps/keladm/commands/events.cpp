@@ -5,6 +5,7 @@
 #include "text.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <unistd.h>
@@ -19,14 +20,6 @@ struct EventsOptions {
     bool asJson = false;
     bool names = false;
 };
-
-std::string ArgumentsText(const std::vector<CatalogueArgument> &arguments)
-{
-    std::string list;
-    for (const CatalogueArgument &argument : arguments)
-        list += fmt::format("{}{} {}", list.empty() ? "" : ", ", argument.type, argument.name);
-    return list;
-}
 
 json ArgumentsJson(const std::vector<CatalogueArgument> &arguments)
 {
@@ -64,7 +57,7 @@ std::string ClearedBy(const CatalogueEvent &problem)
 std::string Readable(const CatalogueEvent &event)
 {
     return Block(event.type, {{"text", event.text},
-                              {"arguments", ArgumentsText(event.arguments)},
+                              {"arguments", ArgumentsText(event.arguments, event.object)},
                               {"clears", List(event.clears)},
                               {"cleared by", ClearedBy(event)}});
 }
@@ -72,7 +65,7 @@ std::string Readable(const CatalogueEvent &event)
 std::string Readable(const CatalogueObservation &observation)
 {
     return Block(observation.id, {{"domain", observation.domain},
-                                  {"arguments", ArgumentsText(observation.arguments)},
+                                  {"arguments", ArgumentsText(observation.arguments, observation.object)},
                                   {"becomes", List(observation.becomes)},
                                   {"note", observation.note}});
 }
@@ -87,10 +80,11 @@ std::string Readable(const CatalogueAgent &agent, const std::string &name)
 json ToJson(const CatalogueEvent &event)
 {
     json line{{"kind", "event"},
-              {"type", event.type},
+              {"id", event.type},
               {"class", event.eventClass},
               {"text", event.text},
               {"arguments", ArgumentsJson(event.arguments)}};
+    if (!event.object.empty()) line["object"] = event.object;
     if (!event.clears.empty()) line["clears"] = event.clears;
     if (!event.clearedBy.empty()) {
         line["clearedBy"] = event.clearedBy;
@@ -106,6 +100,7 @@ json ToJson(const CatalogueObservation &observation)
               {"domain", observation.domain},
               {"arguments", ArgumentsJson(observation.arguments)},
               {"becomes", observation.becomes}};
+    if (!observation.object.empty()) line["object"] = observation.object;
     if (!observation.note.empty()) line["note"] = observation.note;
     return line;
 }
@@ -122,36 +117,44 @@ json ToJson(const CatalogueAgent &agent, const std::string &name)
 const std::string &NameOf(const CatalogueEvent &event) { return event.type; }
 const std::string &NameOf(const CatalogueObservation &observation) { return observation.id; }
 
+bool AnyMatches(const std::string &glob, const std::vector<std::string> &types)
+{
+    return std::ranges::any_of(types, [&](const std::string &type) { return GlobMatches(glob, type); });
+}
+
+bool IsMeant(const CatalogueEvent &event, const std::string &glob) { return GlobMatches(glob, event.type); }
+
+bool IsMeant(const CatalogueObservation &observation, const std::string &glob)
+{
+    return GlobMatches(glob, observation.id) || AnyMatches(glob, observation.becomes);
+}
+
 int Events(const EventsOptions &options)
 {
-    auto catalogue = FindCatalogue(options.catalogue);
-    if (!catalogue)
-        throw Failure(kExitFailed,
-                      fmt::format("no catalogue; name one with --catalogue or KELD_CATALOGUE, or put it "
-                                  "in one of:\n  {}",
-                                  fmt::join(CataloguePlaces(), "\n  ")));
+    Catalogue catalogue = NeededCatalogue(options.catalogue);
     Output out(STDOUT_FILENO);
     size_t shown = 0;
     auto show = [&](const auto &entries) {
         for (const auto &entry : entries) {
-            if (!GlobMatches(options.match, NameOf(entry))) continue;
+            if (!IsMeant(entry, options.match)) continue;
             shown++;
             out.Line(options.names    ? NameOf(entry)
                      : options.asJson ? JsonLine(ToJson(entry))
                                       : Readable(entry));
         }
     };
-    show(catalogue->observations);
+    show(catalogue.observations);
     bool listed = shown > 0; // else the ID of an observation that is not may be meant
-    for (const CatalogueAgent &agent : catalogue->agents)
+    for (const CatalogueAgent &agent : catalogue.agents)
         for (const std::string &domain : agent.domains) {
             std::string name = fmt::format("kel.{}.*", domain);
-            bool meant = GlobMatches(options.match, name) || (!listed && GlobMatches(name, options.match));
+            bool meant = GlobMatches(options.match, name) || AnyMatches(options.match, agent.becomes) ||
+                         (!listed && GlobMatches(name, options.match));
             if (!meant || options.names) continue;
             shown++;
             out.Line(options.asJson ? JsonLine(ToJson(agent, name)) : Readable(agent, name));
         }
-    show(catalogue->events);
+    show(catalogue.events);
     out.Flush();
     if (shown == 0)
         throw Failure(kExitFailed, fmt::format("no observation and no event matches {0}; try '*{1}*'",
@@ -171,15 +174,17 @@ void AddEventsCommand(CLI::App &app, Command *chosen)
     auto asJson = events->add_flag("--json", options->asJson, "One JSON object a line");
     events->add_flag("--names", options->names, "Only the IDs")->excludes(asJson);
     events->footer(R"(
-The names and types of arguments are those of the observation, then of the event. A
-problem shows what clears it, and on which argument the two are matched; each domain,
-as "kel.net.*", what becomes of any other observation.
+An observation is listed by its own ID and by those of the events that it leads to.
+(object) marks the argument that an observation or an event is about. A problem shows
+what clears it, and on which argument the two are matched; each domain, as "kel.net.*",
+what becomes of any other observation.
 
 Exit status: 1 when nothing matches, and without a catalogue.
 
 Examples:
   keladm events
   keladm events 'nox.problem.net.*'
+  keladm events nox.problem.net.vmnic.linkstate.down     with what leads to it
   keladm events --json kel.net.vmnic.linkstate.down)");
     events->callback([options, chosen] { *chosen = [options] { return Events(*options); }; });
 }

@@ -5,15 +5,21 @@
 #include "text.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fmt/format.h>
+#include <span>
 #include <unistd.h>
 
 namespace {
 
+constexpr size_t kNamedMax = 20; // of what would be removed
+
 struct HostOptions {
     bool asJson = false;
+    bool names = false;
+    bool recursive = false;
     std::string name;
     std::string value;
 };
@@ -31,14 +37,19 @@ int Get(const HostOptions &options)
         throw Failure(kExitFailed, fmt::format("{}: absent ({})", HostName(path), entry.meaning));
     if (!value) throw HostFailure(path, error);
     Output out(STDOUT_FILENO);
-    out.Line(options.asJson ? JsonLine({{"name", HostName(path)}, {"value", *value}}) : *value);
+    out.Line(options.asJson ? JsonLine({{"name", JsonText(HostName(path))}, {"value", JsonText(*value)}})
+                            : *value);
     out.Flush();
     return kExitOk;
 }
 
-void ListEntry(const HostInventory::Path &path, bool asJson, Output &out)
+void ListEntry(const HostInventory::Path &path, const HostOptions &options, Output &out)
 {
     std::string name = HostName(path);
+    if (options.names) {
+        out.Line(Printable(name));
+        return;
+    }
     const HostEntry *entry = FindHostEntry(path);
     int error = 0;
     auto value = HostInventory::ReadText(path, &error);
@@ -50,8 +61,8 @@ void ListEntry(const HostInventory::Path &path, bool asJson, Output &out)
     else
         trouble = CheckHostValue(*entry, *value);
 
-    if (asJson) {
-        nlohmann::ordered_json line{{"name", name}, {"value", value.value_or("")}};
+    if (options.asJson) {
+        nlohmann::ordered_json line{{"name", JsonText(name)}, {"value", JsonText(value.value_or(""))}};
         if (trouble) line["trouble"] = *trouble;
         out.Line(JsonLine(line));
     } else {
@@ -61,21 +72,17 @@ void ListEntry(const HostInventory::Path &path, bool asJson, Output &out)
 }
 
 // Lists what is below a directory, and the directory itself when nothing is.
-void ListBelow(const HostInventory::Path &path, bool asJson, Output &out)
+void ListBelow(const HostInventory::Path &path, const HostOptions &options, Output &out)
 {
-    int error = 0;
-    auto names = HostInventory::List(path, &error);
-    if (error != 0) throw HostFailure(path, error);
-    if (names.empty() && !path.empty())
-        out.Line(asJson ? JsonLine({{"name", HostName(path)}, {"directory", true}})
-                        : Printable(HostName(path)) + "/");
-    for (std::string &name : names) {
-        auto below = path;
-        below.push_back(std::move(name));
-        if (HostInventory::IsDirectory(below))
-            ListBelow(below, asJson, out);
+    auto all = HostEntriesBelow(path);
+    if (all.empty() && !path.empty()) all.push_back(path);
+    for (const HostInventory::Path &below : all) {
+        if (!HostInventory::IsDirectory(below))
+            ListEntry(below, options, out);
+        else if (options.asJson)
+            out.Line(JsonLine({{"name", JsonText(HostName(below))}, {"directory", true}}));
         else
-            ListEntry(below, asJson, out);
+            out.Line(Printable(HostName(below)) + "/");
     }
 }
 
@@ -86,9 +93,9 @@ int List(const HostOptions &options)
     Output out(STDOUT_FILENO);
     int error = 0;
     if (HostInventory::IsDirectory(path))
-        ListBelow(path, options.asJson, out);
+        ListBelow(path, options, out);
     else if (HostInventory::ReadText(path, &error))
-        ListEntry(path, options.asJson, out);
+        ListEntry(path, options, out);
     else if (!path.empty()) {
         if (!IsInnerHostDirectory(path)) KnownHostEntry(path);
         throw HostFailure(path, error);
@@ -100,6 +107,26 @@ int List(const HostOptions &options)
 int Change(HostVerb verb, const HostOptions &options)
 {
     ApplyHostChange(MakeHostChange(verb, options.name, options.value));
+    return kExitOk;
+}
+
+// A directory goes with all that is in it: only when that was asked for.
+int Remove(const HostOptions &options)
+{
+    HostChange change = MakeHostChange(HostVerb::Remove, options.name);
+    bool full = HostInventory::IsDirectory(change.path) && !HostInventory::List(change.path).empty();
+    if (full && !options.recursive) {
+        auto below = HostEntriesBelow(change.path);
+        std::string list;
+        for (const HostInventory::Path &each : std::span(below).first(std::min(below.size(), kNamedMax)))
+            list += fmt::format("\n  {}{}", HostName(each), HostInventory::IsDirectory(each) ? "/" : "");
+        if (below.size() > kNamedMax) list += fmt::format("\n  and {} more", below.size() - kNamedMax);
+        throw Failure(kExitUsage,
+                      fmt::format("{}: a directory; nothing was removed. With --recursive, this "
+                                  "would go with it:{}",
+                                  options.name, list));
+    }
+    ApplyHostChange(change);
     return kExitOk;
 }
 
@@ -140,24 +167,27 @@ void AddHostCommand(CLI::App &app, Command *chosen)
         verb->callback([options, chosen, run] { *chosen = [options, run] { return run(*options); }; });
         return verb;
     };
-    auto addChange = [&](const char *name, const char *description, const char *example, HostVerb verb) {
-        CLI::App *change = add(name, description, example,
-                               [verb](const HostOptions &given) { return Change(verb, given); });
-        change->add_option("NAME", options->name, "The entry")->required();
-        return change;
+    auto addNamed = [&](const char *name, const char *description, const char *example,
+                        std::function<int(const HostOptions &)> run) {
+        CLI::App *named = add(name, description, example, std::move(run));
+        named->add_option("NAME", options->name, "The entry")->required();
+        return named;
+    };
+    auto change = [](HostVerb verb) {
+        return [verb](const HostOptions &given) { return Change(verb, given); };
     };
 
-    CLI::App *get = add("get", "Print an entry's value", "vms/4711/name", Get);
-    get->add_option("NAME", options->name, "The entry")->required();
+    CLI::App *get = addNamed("get", "Print an entry's value", "vms/4711/name", Get);
     get->add_flag("--json", options->asJson, "A JSON object");
-    addChange("set", "Write an entry, making directories as needed",
-              "storage/paths/hba1:C0:T0:L4 naa.600508b1001c4d41", HostVerb::Set)
+    addNamed("set", "Write an entry, making directories as needed",
+             "storage/paths/hba1:C0:T0:L4 naa.600508b1001c4d41", change(HostVerb::Set))
         ->add_option("VALUE", options->value, "Its value")
         ->required();
-    addChange("mkdir", "Make a directory", "kernel/nodes/net/pNics/vmnic2", HostVerb::MakeDirectory);
-    addChange("remove", "Remove an entry, or a directory with all that is in it", "vms/4711",
-              HostVerb::Remove);
+    addNamed("mkdir", "Make a directory", "kernel/nodes/net/pNics/vmnic2", change(HostVerb::MakeDirectory));
+    addNamed("remove", "Remove an entry", "--recursive vms/4711", Remove)
+        ->add_flag("-r,--recursive", options->recursive, "A directory with all that is in it, too");
     CLI::App *list = add("list", "List all entries, or those below a directory", "--json storage", List);
     list->add_option("NAME", options->name, "The directory, or one entry");
-    list->add_flag("--json", options->asJson, "One JSON object a line");
+    auto asJson = list->add_flag("--json", options->asJson, "One JSON object a line");
+    list->add_flag("--names", options->names, "Only the names")->excludes(asJson);
 }

@@ -34,9 +34,8 @@ public:
             if (written >= 0) {
                 done += static_cast<size_t>(written);
             } else if (errno != EINTR) {
-                fmt::print(stderr,
-                           "keladm receive: {}: {}; nothing more is kept there, events are still shown\n",
-                           mPath, std::strerror(errno));
+                Tell("receive", fmt::format("{}: {}; nothing more is kept there, events are still shown",
+                                            mPath, std::strerror(errno)));
                 mFailed = true;
                 if (regular && ftruncate(mFd.Get(), before.st_size) != 0) return; // half a line stays
                 return;
@@ -70,11 +69,10 @@ int Receive(const ReceiveOptions &options)
     Ends ends(stop, out);
     EventListener listener;
     if (!catalogue)
-        fmt::print(stderr,
-                   "keladm receive: no catalogue, so events come without their texts; name one with "
-                   "--catalogue or KELD_CATALOGUE\n");
+        Tell("receive", "no catalogue, so events come without their texts; name one with --catalogue or "
+                        "KELD_CATALOGUE");
     if (isatty(STDERR_FILENO) == 1)
-        fmt::print(stderr, "Listening on {}; end with Ctrl-C.\n", listener.Path());
+        Tell("receive", fmt::format("listening on {}; end with Ctrl-C", listener.Path()));
 
     std::uint64_t shown = 0;
     auto show = [&](const std::vector<ReceivedRecord> &records) {
@@ -82,7 +80,7 @@ int Receive(const ReceiveOptions &options)
             if (options.count != 0 && shown == options.count) break;
             std::string line = JsonLine(RecordJson(record, catalogue));
             file.Line(line);
-            out.Line(options.asJson ? line : RecordLine(record, catalogue, out.Colour()));
+            out.ColouredLine(options.asJson ? line : RecordLine(record, catalogue, out.Colour()));
             if (record.event) shown++;
         }
         out.Flush();
@@ -96,7 +94,7 @@ int Receive(const ReceiveOptions &options)
         // What a sender has handed over already is not lost with the listener.
         show(listener.Wait(Clock::now(), {}));
     } else if (shown < options.count) {
-        fmt::print(stderr, "keladm receive: {} of {} events came\n", shown, options.count);
+        Tell("receive", fmt::format("{} of {} events came", shown, options.count));
         return kExitFailed;
     }
     return file.Failed() ? kExitFailed : kExitOk;

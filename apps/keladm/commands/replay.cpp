@@ -1,6 +1,8 @@
 #include "commands.h"
 #include "console.h"
+#include "hostKeeper.h"
 #include "jsonLine.h"
+#include "runDirectory.h"
 #include "scenarioPlayer.h"
 #include "storyPlayer.h"
 #include "text.h"
@@ -9,6 +11,7 @@
 #include <charconv>
 #include <cmath>
 #include <fmt/format.h>
+#include <iostream>
 #include <unistd.h>
 
 using json = nlohmann::ordered_json;
@@ -18,7 +21,7 @@ namespace {
 struct ReplayOptions {
     std::string file;
     PlayerOptions player;
-    bool check = false;
+    bool live = false;
     std::string daemon;
     std::string story; // all when empty
 };
@@ -34,7 +37,8 @@ std::vector<ScenarioStep> ReadScenario(const std::string &file)
     }
 }
 
-int PlayChecked(const ReplayOptions &options, std::span<const ScenarioStep> steps)
+// A host, a receiver and a daemon for this scenario alone.
+int PlayPrivately(const ReplayOptions &options, std::span<const ScenarioStep> steps)
 {
     std::string program = FindDaemon(options.daemon);
     StopSignal stop;
@@ -46,11 +50,42 @@ int PlayChecked(const ReplayOptions &options, std::span<const ScenarioStep> step
         steps = steps.subspan(1);
     }
 
-    CheckedHost host{EventListener(), {program, directory.Path() + "/daemon.err"}};
+    OwnHost host{EventListener(), {program, directory.Path() + "/daemon.err"}};
     host.daemon.WaitReady(stop);
     ScenarioPlayer player(options.player, stop, &host);
     player.Play(steps);
     return player.Finish(host.daemon.Stop()) ? kExitOk : kExitFailed;
+}
+
+bool Agreed()
+{
+    fmt::print(stderr, "Go on? [y/N] ");
+    std::string answer;
+    return std::getline(std::cin, answer) && (answer == "y" || answer == "yes");
+}
+
+// Everybody who looks at this host will see what is made up here: that is said first.
+int PlayLive(const ReplayOptions &options, std::span<const ScenarioStep> steps)
+{
+    auto counted = [](size_t count, const char *what) {
+        return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+    };
+    Tell("replay",
+         fmt::format("plays to the live host in {}, daemon process {}: {}; {} of its inventory, which is "
+                     "put back afterwards",
+                     RunDirectoryPath(""), TraceConnection().Daemon(),
+                     counted(CountOf<Observation>(steps), "observation"),
+                     counted(CountOf<HostChange>(steps), "change")));
+    if (isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1 && !Agreed())
+        throw Failure(kExitFailed, "nothing was played");
+    StopSignal stop;
+    ScenarioPlayer player(options.player, stop, nullptr);
+    player.Connect(steps);
+    {
+        HostKeeper keeper(steps);
+        player.Play(steps);
+    }
+    return player.Finish(std::nullopt) ? kExitOk : kExitFailed;
 }
 
 // By a line of it, or by words of its heading.
@@ -66,13 +101,13 @@ bool IsChosen(const Story &story, const std::string &chosen)
 std::string Readable(const Story &story, const StoryResult &result, bool colour)
 {
     std::string name =
-        fmt::format("line {}{}{}", story.line, story.heading.empty() ? "" : ": ", story.heading);
+        fmt::format("line {}{}{}", story.line, story.heading.empty() ? "" : ": ", Printable(story.heading));
     if (!result.trouble) return "ok      " + name;
     const StoryTrouble &trouble = *result.trouble;
     std::string text = fmt::format("{}  {}\n    line {}: {}", colour ? "\x1b[31mFAILED\x1b[0m" : "FAILED",
-                                   name, trouble.line, trouble.source);
+                                   name, trouble.line, Printable(trouble.source));
     auto add = [&](const char *label, const std::string &what) {
-        text += fmt::format("\n      {:<10}{}", label, what);
+        text += fmt::format("\n      {:<10}{}", label, PrintableLines(what));
     };
     if (!trouble.what.empty()) add("", trouble.what);
     for (const std::string &expected : trouble.expected)
@@ -101,7 +136,7 @@ json ToJson(const Story &story, const StoryResult &result)
 
 int PlayStories(const ReplayOptions &options, std::span<const ScenarioStep> steps)
 {
-    if (!options.check)
+    if (!options.player.check)
         throw Failure(kExitUsage, "a story is played with --check alone, to a daemon whose clock it moves");
     auto stories = StoriesOf(steps);
     std::erase_if(stories, [&](const Story &story) {
@@ -116,8 +151,8 @@ int PlayStories(const ReplayOptions &options, std::span<const ScenarioStep> step
     for (const Story &story : stories) {
         StoryResult result = PlayStory(story, program, stop);
         if (!result.trouble) good++;
-        out.Line(options.player.asJson ? JsonLine(ToJson(story, result))
-                                       : Readable(story, result, out.Colour()));
+        out.ColouredLine(options.player.asJson ? JsonLine(ToJson(story, result))
+                                               : Readable(story, result, out.Colour()));
         out.Flush();
     }
     bool allGood = good == stories.size();
@@ -135,14 +170,12 @@ int Replay(const ReplayOptions &options)
 {
     auto steps = ReadScenario(options.file);
     try {
+        if (options.player.check && !ExpectsAnything(steps))
+            throw Failure(kExitUsage,
+                          fmt::format("{}: nothing to check: no line expects anything", options.file));
         if (NeedsHandClock(steps)) return PlayStories(options, steps);
         if (!options.story.empty()) throw Failure(kExitUsage, "--story is for a file of stories");
-        if (options.check) return PlayChecked(options, steps);
-        StopSignal stop;
-        ScenarioPlayer player(options.player, stop, nullptr);
-        player.Connect(steps);
-        player.Play(steps);
-        return player.Finish(std::nullopt) ? kExitOk : kExitFailed;
+        return options.live ? PlayLive(options, steps) : PlayPrivately(options, steps);
     } catch (const Stopped &) {
         throw Failure(kExitFailed, "interrupted");
     }
@@ -166,9 +199,13 @@ void AddReplayCommand(CLI::App &app, Command *chosen)
             if (status == std::errc() && stop == end && speed > 0 && std::isfinite(speed)) return "";
             return fmt::format("{} is not a number above 0, such as 2 or 0.5", Quoted(text));
         });
-    replay->add_flag("--check", options->check,
-                     "With a daemon of its own, compare the events with those expected");
-    replay->add_option("--daemon", options->daemon, "The daemon that --check starts")->type_name("FILE");
+    auto check =
+        replay->add_flag("--check", options->player.check, "Compare the events with those expected");
+    replay->add_flag("--live", options->live, "Play to the daemon that serves the run directory")
+        ->excludes(check);
+    replay->add_option("--daemon", options->daemon, "The daemon that --check starts")
+        ->needs(check)
+        ->type_name("FILE");
     replay
         ->add_option("--story", options->story,
                      "Only the stories whose heading holds TEXT, or the one with that line")
@@ -178,7 +215,7 @@ void AddReplayCommand(CLI::App &app, Command *chosen)
 One action a line:
   # a comment
   host set net/portgroups/Production vSwitch0      also: host mkdir NAME, host remove NAME
-  observe kel.net.vmnic.linkstate.down vmnic0      the format is guessed, as by keladm send
+  observe kel.net.vmnic.linkstate.down vmnic0      the format is guessed, as by send --force
   observe @async-3 kel.x "NIC %s at %u" vmnic0 10  a context; in double quotes: the format
   pause 500ms                                      also: 2s, 1.5s, 1m
   repeat 3                                         what stands before its end, three times
@@ -200,13 +237,18 @@ A word with blanks stands between quotes: "..." with \" \\ \n \t, or '...' as it
 An expected argument is compared as text; * matches any, a last ... all that follow.
 
 The whole scenario is read before anything is played, also from standard input.
-Without --check, the daemon that serves the run directory is played to and expectations
-are not compared. With it, host lines that come first are in place before the daemon
-starts, and nothing is left behind; the daemon is KELD_DAEMON, or keld beside keladm, in
-../keld or ../sbin, or in PATH; for a story, keld-lab beside keladm or in ../libexec/keld.
+It is played to a daemon of its own, with a host and a receiver of its own; host lines
+that come first are in place before the daemon starts, and nothing is left behind. The
+events are shown as they come, up to 3 seconds behind the last line, or compared with
+--check. The daemon is KELD_DAEMON, or keld beside keladm, in ../keld or ../sbin, or in
+PATH; for a story, keld-lab beside keladm or in ../libexec/keld.
+With --live, the daemon that serves the run directory is played to, and whoever watches
+it sees what is made up. It says where, asks on a terminal, and puts back the inventory's
+entries that the scenario changes or the daemon writes, whatever ends it.
 
-Exit status: 0 played, and all expectations met; 1 not met, the daemon ended badly, or
-interrupted by a signal; 2 for a line that is wrong, and nothing was played; 3 no daemon.
+Exit status: 0 played, and with --check all expectations met; 1 not met, the daemon ended
+badly, or interrupted by a signal; 2 for a line that is wrong, or --check without a line
+that expects anything, and nothing was played; 3 no daemon; 4 and 5 as "keladm send".
 
 Examples:
   keladm replay scenarios/uplink-failure.kel

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <nlohmann/json.hpp>
 
 using nlohmann::json;
@@ -101,6 +102,15 @@ const CatalogueObservation *Catalogue::FindObservation(std::string_view id) cons
     return found == observations.end() ? nullptr : &*found;
 }
 
+std::string ArgumentsText(const std::vector<CatalogueArgument> &arguments, const std::string &object)
+{
+    std::string list;
+    for (const CatalogueArgument &argument : arguments)
+        list += fmt::format("{}{} {}{}", list.empty() ? "" : ", ", argument.type, argument.name,
+                            argument.name == object ? " (object)" : "");
+    return list;
+}
+
 Catalogue ParseCatalogue(std::string_view text)
 {
     try {
@@ -125,6 +135,15 @@ std::optional<Catalogue> FindCatalogue(const std::string &file)
     for (const std::string &place : CataloguePlaces())
         if (std::error_code error; std::filesystem::exists(place, error)) return LoadCatalogue(place);
     return std::nullopt;
+}
+
+Catalogue NeededCatalogue(const std::string &file)
+{
+    if (auto catalogue = FindCatalogue(file)) return *catalogue;
+    throw Failure(
+        kExitFailed,
+        fmt::format("no catalogue; name one with --catalogue or KELD_CATALOGUE, or put it in one of:\n  {}",
+                    fmt::join(CataloguePlaces(), "\n  ")));
 }
 
 std::vector<std::string> CataloguePlaces()

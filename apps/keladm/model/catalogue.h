@@ -4,17 +4,18 @@
 //      "agents": [{"name": "NetCorrelator", "domains": ["net"], "otherwise": "ignored",
 //                  "otherwiseBecomes": ["nox..."]}],
 //      "events": [{"type": "nox.problem.net...", "class": "problem", "text": "NIC %s is down.",
-//                  "arguments": [{"name": "nic", "type": "string"}],
+//                  "arguments": [{"name": "nic", "type": "string"}], "object": "nic",
 //                  "clearedBy": ["nox.clear..."], "pairedOn": ["nic"]},
 //                 {"type": "nox.clear.net...", ..., "clears": ["nox.problem..."], "remembered": true}],
 //      "observations": [{"id": "kel.net...", "domain": "net", "arguments": [...],
-//                        "becomes": ["nox..."], "note": "..."}]}
+//                        "object": "nic", "becomes": ["nox..."], "note": "..."}]}
 //
 // Argument types are string, int32, uint32, int64 and uint64; of an observation also uuid, which is sent
-// as nine numbers (%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx). A problem's pairedOn names the
-// arguments by which it and its clears are matched; when it is empty, a clear ends every problem of the
-// type. The agents, an agent's otherwiseBecomes, an event's clears, clearedBy and pairedOn and an
-// observation's becomes and note may be absent; other keys are passed over.
+// as nine numbers (%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx). The object is the argument that
+// it is about. A problem's pairedOn names the arguments by which it and its clears are matched; when it is
+// empty, a clear ends every problem of the type. The agents, an agent's otherwiseBecomes, an object, an
+// event's clears, clearedBy, pairedOn and remembered and an observation's becomes and note may be absent;
+// other keys are passed over.
 #ifndef KELADM_CATALOGUE_H
 #define KELADM_CATALOGUE_H
 
@@ -67,6 +68,9 @@ struct Catalogue {
     const CatalogueObservation *FindObservation(std::string_view id) const;
 };
 
+// "string nic (object), int32 uplinks" of an event or an observation.
+std::string ArgumentsText(const std::vector<CatalogueArgument> &arguments, const std::string &object);
+
 // Throws Failure naming the entry that is wrong.
 Catalogue ParseCatalogue(std::string_view json);
 
@@ -74,6 +78,9 @@ Catalogue ParseCatalogue(std::string_view json);
 // first one there is in CataloguePlaces; nothing when there is none. Throws Failure for a file that was
 // named and cannot be read, and for a malformed one.
 std::optional<Catalogue> FindCatalogue(const std::string &file);
+
+// The same, where nothing can be done without. Throws Failure saying where it was looked for.
+Catalogue NeededCatalogue(const std::string &file);
 
 // Beside an installed program, then in a build.
 std::vector<std::string> CataloguePlaces();

@@ -1,5 +1,6 @@
 #include "eventWords.h"
 
+#include "jsonLine.h"
 #include "text.h"
 
 #include <fmt/format.h>
@@ -30,7 +31,7 @@ std::string ArgumentList(const EventRecord &event)
 json ArgumentJson(const EventArgument &argument)
 {
     if (auto text = std::get_if<std::optional<std::string>>(&argument.value))
-        return *text ? json(**text) : json(nullptr);
+        return *text ? JsonText(**text) : json(nullptr);
     if (auto number = std::get_if<std::int64_t>(&argument.value)) return *number;
     return std::get<std::uint64_t>(argument.value);
 }
@@ -94,11 +95,8 @@ json RecordJson(const ReceivedRecord &record, const std::optional<Catalogue> &ca
     for (const EventArgument &argument : event.arguments)
         arguments.push_back(ArgumentJson(argument));
     auto text = TextOf(event, catalogue);
-    return {{"time", UtcTime(event.timestamp)},
-            {"timestamp", event.timestamp},
-            {"class", EventClassOf(event.typeId)},
-            {"type", event.typeId},
-            {"text", text ? json(*text) : json(nullptr)},
-            {"arguments", std::move(arguments)},
-            {"host", event.hostIdentity}};
+    return {{"time", UtcTime(event.timestamp)},           {"timestamp", event.timestamp},
+            {"class", EventClassOf(event.typeId)},        {"id", JsonText(event.typeId)},
+            {"text", text ? json(*text) : json(nullptr)}, {"arguments", std::move(arguments)},
+            {"host", JsonText(event.hostIdentity)}};
 }

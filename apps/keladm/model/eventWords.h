@@ -27,7 +27,7 @@ std::string EventClassOf(const std::string &typeId);
 std::string RecordLine(const ReceivedRecord &record, const std::optional<Catalogue> &catalogue,
                        bool colour);
 
-// {"time", "timestamp", "class", "type", "text", "arguments", "host"}, text null without a catalogue entry;
+// {"time", "timestamp", "class", "id", "text", "arguments", "host"}, text null without a catalogue entry;
 // a malformed record: {"malformed", "length", "hex"}.
 nlohmann::ordered_json RecordJson(const ReceivedRecord &record, const std::optional<Catalogue> &catalogue);
 

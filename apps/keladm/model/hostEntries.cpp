@@ -139,6 +139,12 @@ const HostEntry *FindHostEntry(const HostInventory::Path &path)
     return found == std::end(kHostEntries) ? nullptr : found;
 }
 
+bool IsWrittenByDaemon(const HostInventory::Path &path)
+{
+    const HostEntry *entry = FindHostEntry(path);
+    return entry != nullptr && entry->meaning.starts_with("written by the daemon");
+}
+
 bool IsInnerHostDirectory(const HostInventory::Path &path)
 {
     return std::ranges::any_of(kHostEntries, [&](const HostEntry &entry) {
@@ -241,6 +247,26 @@ void ApplyHostChange(const HostChange &change)
         break;
     }
     if (error != 0) throw HostFailure(change.path, error);
+}
+
+std::vector<HostInventory::Path> HostEntriesBelow(const HostInventory::Path &directory)
+{
+    int error = 0;
+    std::vector<HostInventory::Path> all;
+    auto names = HostInventory::List(directory, &error);
+    if (error != 0) throw HostFailure(directory, error);
+    for (std::string &name : names) {
+        auto below = directory;
+        below.push_back(std::move(name));
+        if (!HostInventory::IsDirectory(below)) {
+            all.push_back(std::move(below));
+            continue;
+        }
+        auto inside = HostEntriesBelow(below);
+        if (inside.empty()) all.push_back(std::move(below));
+        std::ranges::move(inside, std::back_inserter(all));
+    }
+    return all;
 }
 
 Failure HostFailure(const HostInventory::Path &path, int error)

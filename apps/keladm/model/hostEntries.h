@@ -40,6 +40,9 @@ std::string HostName(const HostInventory::Path &path);
 // The kind of entry that path names; null when it is none.
 const HostEntry *FindHostEntry(const HostInventory::Path &path);
 
+// True for an entry in which the daemon tells what it has done.
+bool IsWrittenByDaemon(const HostInventory::Path &path);
+
 // What a value of this kind is, such as "an integer from 0 to 3".
 std::string WhatIsRight(const HostEntry &entry);
 
@@ -58,6 +61,10 @@ HostChange MakeHostChange(HostVerb verb, std::string_view name, const std::strin
 
 // Throws Failure.
 void ApplyHostChange(const HostChange &change);
+
+// All that is below a directory, depth first, in order: entries, and directories with nothing in them.
+// Throws Failure when it cannot be read.
+std::vector<HostInventory::Path> HostEntriesBelow(const HostInventory::Path &directory);
 
 // To be thrown where the inventory gave this error.
 Failure HostFailure(const HostInventory::Path &path, int error);

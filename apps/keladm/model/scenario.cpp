@@ -114,9 +114,15 @@ bool NeedsHandClock(std::span<const ScenarioStep> steps)
         return std::holds_alternative<StoryAction>(step.action) ||
                std::holds_alternative<ClockAction>(step.action) ||
                std::holds_alternative<LogAction>(step.action) ||
+               std::holds_alternative<FateAction>(step.action) ||
                std::holds_alternative<ReceiverAction>(step.action) ||
                std::holds_alternative<RestartAction>(step.action);
     });
+}
+
+bool ExpectsAnything(std::span<const ScenarioStep> steps)
+{
+    return CountOf<ExpectAction>(steps) + CountOf<LogAction>(steps) > 0;
 }
 
 std::vector<ScenarioStep> ParseScenario(std::string_view text)

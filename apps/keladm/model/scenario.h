@@ -19,6 +19,8 @@
 //     clock set 2026-03-01T11:00:00Z                   the wall clock is set, also back
 //     log Abandoned event (*) after ? failures.        a line of the daemon's log that contains it
 //     log none                                         no line but those that trace observations and events
+//     fate held back: within 90 s of *                 what becomes of an observation, as the journal says
+//     fate then posted                                 what becomes, or became, of one that was gathered
 //     receiver away                                    also: back, deaf (listens and takes nothing)
 //     restart                                          the daemon ends and starts again
 //
@@ -81,12 +83,17 @@ struct LogAction {
     ArgumentWord text; // a pattern where not quoted
 };
 
+struct FateAction {
+    ArgumentWord text; // a pattern where not quoted
+};
+
 enum class ReceiverAction { Away, Back, Deaf };
 
 struct RestartAction {};
 
-using ScenarioAction = std::variant<Observation, HostChange, PauseAction, ExpectAction, RepeatAction,
-                                    StoryAction, ClockAction, LogAction, ReceiverAction, RestartAction>;
+using ScenarioAction =
+    std::variant<Observation, HostChange, PauseAction, ExpectAction, RepeatAction, StoryAction, ClockAction,
+                 LogAction, FateAction, ReceiverAction, RestartAction>;
 
 struct ScenarioStep {
     size_t line = 0;
@@ -99,6 +106,21 @@ std::vector<ScenarioStep> ParseScenario(std::string_view text);
 
 // True for a scenario that plays on a clock moved by hand.
 bool NeedsHandClock(std::span<const ScenarioStep> steps);
+
+// Whether any line expects an event, or a line of the log.
+bool ExpectsAnything(std::span<const ScenarioStep> steps);
+
+// How often a kind of action is played.
+template <typename Action> std::size_t CountOf(std::span<const ScenarioStep> steps)
+{
+    std::size_t count = 0;
+    for (const ScenarioStep &step : steps) {
+        auto repeat = std::get_if<RepeatAction>(&step.action);
+        count += repeat != nullptr ? repeat->count * CountOf<Action>(repeat->steps)
+                                   : std::holds_alternative<Action>(step.action);
+    }
+    return count;
+}
 
 // What keeps the event from being the one that is meant: nothing when it is; "" when its type is another;
 // else the arguments, such as "argument 2 is \"vmnic0\", not vmnic1".

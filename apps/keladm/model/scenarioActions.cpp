@@ -158,18 +158,29 @@ ClockAction ReadClock(Words words)
     throw Wrong("use: clock +2s, in whole seconds, or clock set 2026-03-01T11:00:00Z");
 }
 
-// log none | log 'TEXT' | log WORD...
-LogAction ReadLog(Words words)
+// 'TEXT' | WORD...
+ArgumentWord ReadLine(Words words)
 {
-    words = words.subspan(1);
-    if (words.empty()) throw Wrong("use: log none, or log and the words of a line");
-    if (words.size() == 1 && words[0].quote != 0) return {false, words[0].AsArgument()};
-    LogAction log{words.size() == 1 && words[0].text == "none", {}};
+    if (words.size() == 1 && words[0].quote != 0) return words[0].AsArgument();
+    ArgumentWord line;
     for (const Word &word : words) {
         if (word.quote != 0) throw Wrong("quote all the words of the line, together, or none");
-        log.text.text += (log.text.text.empty() ? "" : " ") + word.text;
+        line.text += (line.text.empty() ? "" : " ") + word.text;
     }
-    return log;
+    return line;
+}
+
+LogAction ReadLog(Words words)
+{
+    if (words.size() == 1) throw Wrong("use: log none, or log and the words of a line");
+    return {words.size() == 2 && IsPlain(words, 1, "none"), ReadLine(words.subspan(1))};
+}
+
+FateAction ReadFate(Words words)
+{
+    if (words.size() == 1)
+        throw Wrong("use: fate and the words of it, such as posted, or held back: within *");
+    return {ReadLine(words.subspan(1))};
 }
 
 // receiver away | receiver back | receiver deaf
@@ -200,6 +211,7 @@ constexpr Verb kVerbs[] = {
     {"repeat",   [](Words words) -> ScenarioAction { return ReadRepeat(words); }},
     {"clock",    [](Words words) -> ScenarioAction { return ReadClock(words); }},
     {"log",      [](Words words) -> ScenarioAction { return ReadLog(words); }},
+    {"fate",     [](Words words) -> ScenarioAction { return ReadFate(words); }},
     {"receiver", [](Words words) -> ScenarioAction { return ReadReceiver(words); }},
     {"restart",  [](Words words) -> ScenarioAction { return ReadRestart(words); }},
 };
@@ -237,6 +249,6 @@ ScenarioAction ReadAction(Words words)
         if (IsPlain(words, 0, verb.name)) return verb.read(words);
     throw Wrong(
         fmt::format("{}: a line begins with observe, host, pause, expect, repeat, end, story, clock, "
-                    "log, receiver or restart",
+                    "log, fate, receiver or restart",
                     Quoted(words[0].text)));
 }

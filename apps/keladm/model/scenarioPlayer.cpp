@@ -10,9 +10,25 @@
 
 using json = nlohmann::ordered_json;
 
-ScenarioPlayer::ScenarioPlayer(const PlayerOptions &options, const StopSignal &stop, CheckedHost *host)
+namespace {
+
+// Most of what an agent gathers or holds back comes sooner.
+constexpr auto kSecondsForTheRest = std::chrono::duration<double>(3);
+
+json ToJson(const PlainEvent &event)
+{
+    json arguments = json::array();
+    for (const std::string &argument : event.arguments)
+        arguments.push_back(JsonText(argument));
+    return {{"id", JsonText(event.type)}, {"arguments", std::move(arguments)}};
+}
+
+} // namespace
+
+ScenarioPlayer::ScenarioPlayer(const PlayerOptions &options, const StopSignal &stop, OwnHost *host)
     : mOptions(options), mHost(host), mStop(stop), mOut(STDOUT_FILENO, stop.Get()), mSender(stop.Get())
 {
+    if (host == nullptr) mTrace.emplace();
 }
 
 void ScenarioPlayer::Connect(std::span<const ScenarioStep> steps)
@@ -27,10 +43,19 @@ void ScenarioPlayer::Connect(std::span<const ScenarioStep> steps)
 
 void ScenarioPlayer::Play(std::span<const ScenarioStep> steps)
 {
+    PlaySteps(steps);
+    mSender.Close();
+    if (!mOptions.check)
+        WaitUntil(Clock::now() +
+                  std::chrono::duration_cast<Clock::duration>(kSecondsForTheRest / mOptions.speed));
+}
+
+void ScenarioPlayer::PlaySteps(std::span<const ScenarioStep> steps)
+{
     for (const ScenarioStep &step : steps) {
         if (auto repeat = std::get_if<RepeatAction>(&step.action)) {
             for (unsigned i = 0; i < repeat->count; i++)
-                Play(repeat->steps);
+                PlaySteps(repeat->steps);
             continue;
         }
         try {
@@ -46,14 +71,15 @@ bool ScenarioPlayer::Finish(const std::optional<std::string> &trouble)
 {
     bool good = mFailed == 0 && !trouble;
     if (mOptions.asJson) {
-        json line{
-            {"result", good ? "ok" : "failed"}, {"expectations", mMet + mFailed}, {"failed", mFailed}};
+        json line{{"result", good ? "ok" : "failed"}};
+        if (mOptions.check) line.update(json{{"expectations", mMet + mFailed}, {"failed", mFailed}});
         if (trouble) line["daemon"] = *trouble;
         mOut.Line(JsonLine(line));
-    } else if (mHost != nullptr) {
-        if (trouble) mOut.Line(Failed() + "    " + *trouble);
-        mOut.Line(
-            fmt::format("{}: {} of {} expectations met", good ? "ok" : Failed(), mMet, mMet + mFailed));
+    } else {
+        if (trouble) mOut.ColouredLine(Failed() + "    " + PrintableLines(*trouble));
+        if (mOptions.check)
+            mOut.ColouredLine(
+                fmt::format("{}: {} of {} expectations met", good ? "ok" : Failed(), mMet, mMet + mFailed));
     }
     mOut.Flush();
     return good;
@@ -78,18 +104,15 @@ void ScenarioPlayer::Do(const ScenarioStep &step, const PauseAction &pause)
     WaitUntil(Clock::now() + std::chrono::duration_cast<Clock::duration>(duration));
 }
 
-// Without a receiver of one's own there is nothing to compare; the time passes all the same where
-// the scenario's meaning is that it does.
+// Where nothing is compared, the scenario's times are kept all the same: its next line may rest on what has
+// come.
 void ScenarioPlayer::Do(const ScenarioStep &step, const ExpectAction &expect)
 {
     auto until = Clock::now() + *expect.within;
-    if (mHost == nullptr) {
-        if (expect.none) WaitUntil(until);
-    } else if (expect.none) {
+    if (expect.none)
         ExpectNone(step, expect, until);
-    } else {
+    else
         ExpectEvent(step, expect, until);
-    }
 }
 
 void ScenarioPlayer::ExpectEvent(const ScenarioStep &step, const ExpectAction &expect,
@@ -136,26 +159,53 @@ void ScenarioPlayer::WaitUntil(Clock::time_point until)
 // Waits for events, for the daemon's end or for until, whichever is first.
 void ScenarioPlayer::WaitSome(Clock::time_point until)
 {
-    pollfd fds[] = {{mStop.Get(), POLLIN, 0}, {-1, 0, 0}};
+    pollfd fds[] = {{mStop.Get(), POLLIN, 0}, mHost == nullptr ? mTrace->Watch() : mHost->daemon.Watch()};
     if (mHost == nullptr) {
-        PollUntil(fds, until);
+        PollUntil(fds, std::min(until, mTrace->Again()));
     } else {
-        fds[1] = mHost->daemon.Watch();
         for (const ReceivedRecord &record : mHost->listener.Wait(until, fds))
-            mWaiting.push_back(ToPlainEvent(record));
+            Take(ToPlainEvent(record));
     }
     if (fds[0].revents != 0) throw Stopped{};
-    // A daemon that has gone leaves nothing to play for.
-    if (fds[1].revents != 0)
+    if (mHost == nullptr) {
+        if (fds[1].revents != 0 || Clock::now() >= mTrace->Again()) TakeTrace();
+    } else if (fds[1].revents != 0) {
+        // A daemon that has gone leaves nothing to play for.
         throw Failure(kExitFailed, mHost->daemon.Stop().value_or("the daemon has ended"));
+    }
+}
+
+// A live daemon's events go to its own receiver, and are seen in passing.
+void ScenarioPlayer::TakeTrace()
+{
+    if (auto news = mTrace->Proceed()) Tell("replay", *news);
+    while (auto item = mTrace->Next()) {
+        if (item->isHistory || item->isGap) continue;
+        TraceLine line = ParseTraceLine(item->line);
+        if (line.in) continue;
+        PlainEvent event{line.id, {}};
+        for (const TraceArgument &argument : line.arguments)
+            event.arguments.push_back(argument.text);
+        Take(std::move(event));
+    }
+}
+
+void ScenarioPlayer::Take(PlainEvent event)
+{
+    if (!mOptions.check) {
+        mOut.Line(mOptions.asJson ? JsonLine({{"after", Elapsed()}, {"event", ToJson(event)}})
+                                  : fmt::format("{:8.3f}      {}", Elapsed(), event.ToText()));
+        mOut.Flush();
+    }
+    mWaiting.push_back(std::move(event));
 }
 
 void ScenarioPlayer::Report(const ScenarioStep &step)
 {
     if (mOptions.asJson)
-        mOut.Line(JsonLine({{"line", step.line}, {"after", Elapsed()}, {"action", step.source}}));
+        mOut.Line(JsonLine({{"line", step.line}, {"after", Elapsed()}, {"action", JsonText(step.source)}}));
     else
-        mOut.Line(fmt::format("{:8.3f}  {}", Elapsed(), step.source));
+        mOut.Line(fmt::format("{:8.3f}  {}", Elapsed(), Printable(step.source)));
     mOut.Flush();
 }
 
@@ -163,25 +213,27 @@ void ScenarioPlayer::Report(const ScenarioStep &step)
 void ScenarioPlayer::Result(const ScenarioStep &step, const ExpectAction &expect, bool met,
                             const std::string &what, const std::vector<PlainEvent> &events)
 {
+    if (!mOptions.check) return;
     (met ? mMet : mFailed)++;
     if (mOptions.asJson) {
         json list = json::array();
         for (const PlainEvent &event : events)
-            list.push_back({{"type", event.type}, {"arguments", event.arguments}});
+            list.push_back(ToJson(event));
         json line{{"line", step.line},
                   {"after", Elapsed()},
-                  {"action", step.source},
+                  {"action", JsonText(step.source)},
                   {"result", met ? "met" : "failed"}};
         if (!met) line["reason"] = what;
         line["events"] = std::move(list);
         mOut.Line(JsonLine(line));
     } else if (met) {
-        mOut.Line(fmt::format("{:8.3f}  {}", Elapsed(), step.source));
+        mOut.Line(fmt::format("{:8.3f}  {}", Elapsed(), Printable(step.source)));
     } else {
-        mOut.Line(fmt::format("{}    line {}: {}\n            {}{}", Failed(), step.line, step.source, what,
-                              expect.none      ? ":"
-                              : events.empty() ? "; no other event came"
-                                               : "; what came and was not expected yet:"));
+        mOut.ColouredLine(fmt::format("{}    line {}: {}\n            {}{}", Failed(), step.line,
+                                      Printable(step.source), what,
+                                      expect.none      ? ":"
+                                      : events.empty() ? "; no other event came"
+                                                       : "; what came and was not expected yet:"));
         for (const PlainEvent &event : events) {
             std::string difference = Difference(expect, event.type, event.arguments).value_or("");
             mOut.Line("              " + event.ToText() +

@@ -5,12 +5,19 @@
 
 #include "kltlibs/kelrecord.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <fmt/format.h>
 
 namespace {
+
+constexpr auto kRefusedPatience = std::chrono::seconds(1);
+constexpr auto kRefusedPause = std::chrono::milliseconds(50);
+constexpr const char *kRefused =
+    "the daemon has closed the connection; it serves eight programs at a time, or it has ended";
+static_assert(ETIMEDOUT > EPIPE, "what is not known is worse than what was refused");
 
 std::uint64_t Now()
 {
@@ -42,11 +49,40 @@ void Sender::Send(const Observation &observation, std::optional<std::uint64_t> t
     int error = KelProducer_Send(producer, record.data(), record.size());
     if (error == 0) return;
     mProducers.erase(observation.context);
-    bool gone = error == EPIPE || error == ECONNREFUSED || error == ECONNRESET || error == ENOENT;
-    throw Failure(gone ? kExitNoPeer : kExitFailed,
-                  fmt::format("{}: not sent to context {}: {}{}", KelRecord_ID(record.data()),
-                              observation.context, std::strerror(error),
-                              gone ? "; the daemon has ended, or serves eight producers" : ""));
+    bool refused = error == EPIPE || error == ECONNREFUSED || error == ECONNRESET;
+    throw Failure(refused ? kExitRefused : kExitFailed,
+                  fmt::format("{}: not sent to context {}: {}", KelRecord_ID(record.data()),
+                              observation.context, refused ? kRefused : std::strerror(error)));
+}
+
+void Sender::Close()
+{
+    int worst = 0;
+    for (auto &[context, producer] : mProducers)
+        worst = std::max(worst, KelProducer_Close(producer.release()));
+    mProducers.clear();
+    if (worst == ETIMEDOUT)
+        throw Failure(kExitNotKnown,
+                      "not known whether the daemon has taken what was sent: it is busy and has "
+                      "not said so within 5 s; do not send it again before you have looked");
+    if (worst != 0)
+        throw Failure(kExitRefused, fmt::format("the last that was sent was not taken: {}", kRefused));
+}
+
+void SendAndAwait(const Observation &observation)
+{
+    auto until = Clock::now() + kRefusedPatience;
+    for (;;) {
+        try {
+            Sender sender;
+            sender.Send(observation);
+            sender.Close();
+            return;
+        } catch (const Failure &failure) {
+            if (failure.status != kExitRefused || Clock::now() >= until) throw;
+        }
+        PollUntil({}, std::min(until, Clock::now() + kRefusedPause));
+    }
 }
 
 KelProducer *Sender::Producer(int context)

@@ -22,8 +22,12 @@ public:
     void Connect(int context) { Producer(context); }
 
     // Stamps a copy, with microseconds since the epoch or the present time, and sends it. Throws Failure,
-    // Stopped.
+    // with kExitRefused where the daemon has closed the connection; Stopped.
     void Send(const Observation &observation, std::optional<std::uint64_t> timestamp = {});
+
+    // Ends all connections and waits until the daemon has taken what was sent. Throws Failure, with
+    // kExitRefused or kExitNotKnown.
+    void Close();
 
 private:
     KelProducer *Producer(int context);
@@ -33,5 +37,9 @@ private:
     int mStopFd;
     Clock::duration mPatience;
 };
+
+// Sends one observation and waits until the daemon has taken it; one that turns it away is asked again for
+// a second. Throws Failure as Sender does.
+void SendAndAwait(const Observation &observation);
 
 #endif

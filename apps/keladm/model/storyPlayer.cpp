@@ -8,6 +8,7 @@
 #include "eventListener.h"
 #include "eventWords.h"
 #include "failure.h"
+#include "journalListener.h"
 #include "labProcess.h"
 #include "sender.h"
 #include "text.h"
@@ -73,6 +74,11 @@ private:
                 Expect(step, *expect);
             } else if (auto log = std::get_if<LogAction>(&step.action)) {
                 ExpectLine(step, *log);
+            } else if (auto fate = std::get_if<FateAction>(&step.action)) {
+                if (TakeLine(&mFates, fate->text))
+                    mResult.met++;
+                else
+                    mUnmet.push_back(&step);
             } else {
                 FinishStep();
                 mLine = step.line;
@@ -128,12 +134,17 @@ private:
         mLab.emplace(mProgram, mDirectory.Path() + "/daemon.err", mNow, mLog.Fd());
         mSender.emplace(mStop.Get(), kSendPatience);
         Settle("settle");
+        mJournal.emplace(Clock::now() + kPatience);
     }
 
     void Stop()
     {
         mSender.reset();
         if (auto trouble = mLab->Stop()) throw Failure(kExitFailed, *trouble);
+        TakeFates();
+        mJournal->CheckBooks();
+        if (!mJournal->HasEnded()) throw Failure(kExitFailed, "the journal has no end");
+        mJournal.reset();
     }
 
     // ---- What comes of it
@@ -150,6 +161,8 @@ private:
         }
         while (mListener && TakeEvents(Clock::now(), {})) {
         }
+        TakeFates();
+        if (mJournal && busy.empty()) mJournal->CheckBooks();
         for (std::string &line : mLog.TakeLines()) {
             if (auto trace = ParseLabTrace(line); trace && trace->id.starts_with("nox."))
                 mTraces.push_back(std::move(*trace));
@@ -159,17 +172,20 @@ private:
             if (!came.agent) came.agent = TakePoster(came);
     }
 
-    // Who is busy. Takes the events that come meanwhile, or a full backlog would lock both.
+    // Who is busy. Takes the events and the journal's entries that come meanwhile: a full backlog would
+    // lock both, and a journal that is not read is never quiet.
     std::string Ask(const std::string &command, Clock::time_point until)
     {
         mLab->Command(command);
         for (;;) {
-            pollfd fds[] = {{mStop.Get(), POLLIN, 0}, mLab->Watch()};
+            pollfd fds[] = {
+                {mStop.Get(), POLLIN, 0}, mLab->Watch(), mJournal ? mJournal->Watch() : pollfd{-1, 0, 0}};
             if (mListener)
                 TakeEvents(until, fds);
             else
                 PollUntil(fds, until);
             if (fds[0].revents != 0) throw Stopped{};
+            TakeFates();
             auto answer = mLab->TakeAnswer();
             if (answer.complete) {
                 mNow = answer.seconds;
@@ -186,6 +202,11 @@ private:
         for (const ReceivedRecord &record : records)
             mEvents.push_back({ToPlainEvent(record), record.event ? record.event->timestamp : 0, {}});
         return !records.empty();
+    }
+
+    void TakeFates()
+    {
+        if (mJournal) std::ranges::move(mJournal->TakeFates(), std::back_inserter(mFates));
     }
 
     // Each event left a trace line, on the thread that posted it, whoever has sent it since.
@@ -226,16 +247,22 @@ private:
             mNoMoreLines = &step;
             return;
         }
-        auto found = std::ranges::find_if(mLines, [&](const std::string &line) {
-            return log.text.quoted ? line.find(log.text.text) != std::string::npos
-                                   : GlobMatches("*" + log.text.text + "*", line);
-        });
-        if (found == mLines.end()) {
+        if (TakeLine(&mLines, log.text))
+            mResult.met++;
+        else
             mUnmet.push_back(&step);
-            return;
-        }
-        mLines.erase(found);
-        mResult.met++;
+    }
+
+    // The first that contains the text.
+    static bool TakeLine(std::vector<std::string> *lines, const ArgumentWord &text)
+    {
+        auto found = std::ranges::find_if(*lines, [&](const std::string &line) {
+            return text.quoted ? line.find(text.text) != std::string::npos
+                               : GlobMatches("*" + text.text + "*", line);
+        });
+        if (found == lines->end()) return false;
+        lines->erase(found);
+        return true;
     }
 
     // Before the next step, or at the end.
@@ -251,21 +278,25 @@ private:
             throw Trouble();
         }
         mLines.clear();
+        mFates.clear();
         mNoMoreLines = nullptr;
     }
 
     void Note(const std::string &what)
     {
         StoryTrouble &trouble = mResult.trouble.emplace(StoryTrouble{mLine, mSource, what, {}, {}});
-        bool linesMatter = false;
+        bool linesMatter = false, fatesMatter = false;
         for (const ScenarioStep *step : mUnmet) {
             trouble.expected.push_back(fmt::format("line {}: {}", step->line, step->source));
             linesMatter = linesMatter || std::holds_alternative<LogAction>(step->action);
+            fatesMatter = fatesMatter || std::holds_alternative<FateAction>(step->action);
         }
         for (const CameEvent &came : mEvents)
             trouble.came.push_back(came.event.ToText() + WhyNot(came));
         for (const std::string &line : mLines)
             if (linesMatter && !ParseLabTrace(line)) trouble.came.push_back("log " + Printable(line));
+        for (const std::string &fate : mFates)
+            if (fatesMatter) trouble.came.push_back("fate " + Printable(fate));
     }
 
     // What keeps the event from being one of those that are missing.
@@ -290,6 +321,7 @@ private:
     std::optional<EventListener> mListener;
     std::optional<LabProcess> mLab;
     std::optional<Sender> mSender;
+    std::optional<JournalListener> mJournal;
     bool mDeaf = false;
     std::uint64_t mNow = LabProcess::kStart;
     std::vector<LabTrace> mTraces; // of what may still come as an event
@@ -300,6 +332,7 @@ private:
     std::string mSource;
     std::vector<CameEvent> mEvents;
     std::vector<std::string> mLines;
+    std::vector<std::string> mFates; // and outcomes
     std::vector<const ScenarioStep *> mUnmet;
     const ScenarioStep *mNoMoreLines = nullptr;
 };

@@ -104,7 +104,6 @@ void Panic(const char *format, ...)
 }
 
 void KeldNotReached(const char *module, int line) { Panic("NOT_REACHED %s:%d\n", module, line); }
-void KeldMemAlloc(const char *module, int line) { Panic("MEM_ALLOC %s:%d\n", module, line); }
 
 void KeldLogKel(Kel *kel)
 {

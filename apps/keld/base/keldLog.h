@@ -13,9 +13,8 @@ void KeldLog(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // Ends the process by abort(), with the message on standard error and in the log. For what cannot be.
 [[noreturn]] void Panic(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-// The two panics that name a place. The line belongs to the message and is no line of this source.
+// The panic that names a place. The line belongs to the message and is no line of this source.
 [[noreturn]] void KeldNotReached(const char *module, int line);
-[[noreturn]] void KeldMemAlloc(const char *module, int line);
 
 // The trace line of an observation, and of anything with an ID, a text and microseconds.
 void KeldLogKel(Kel *kel);

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <string_view>
 
 namespace {
 
@@ -21,22 +22,21 @@ std::string AgentName(const char *domainName)
     return name ? name.get() : domainName;
 }
 
-// The observation that the agent has just taken, looked up in a copy of the table: the correlator's own
-// never changes.
-void CorrelateInCopy(KeldHandler defaultHandler, const KeldCorrelatorTable &table, const KeldAgent &agent,
-                     Kel *kel)
+// The observation that the agent has just taken.
+void Correlate(KeldHandler defaultHandler, const KeldCorrelatorTable &table, const KeldAgent &agent,
+               Kel *kel)
 {
     const KelPtr owned(kel);
-    KeldCorrelatorTable copy = table;
-    KeldCorrelate(defaultHandler, copy, owned.get(), {agent.stream->number, agent.stream->taken});
+    KeldCorrelate(defaultHandler, table, kel, {agent.stream->number, agent.stream->taken});
 }
 
 // As KeldCorrelate, within the scope of the observation.
-void Handle(KeldHandler defaultHandler, KeldCorrelatorTable &table, Kel *kel)
+void Handle(KeldHandler defaultHandler, const KeldCorrelatorTable &table, Kel *kel)
 {
     const char *id = nullptr;
     (void)Kel_GetID(kel, &id);
-    const KeldHandler handler = id != nullptr ? table[id] : nullptr;
+    const auto found = id != nullptr ? table.find(std::string_view(id)) : table.end();
+    const KeldHandler handler = found != table.end() ? found->second : nullptr;
     if (handler == nullptr) {
         KeldSayByItself(KeldFate::NoHandler, "the agent has no row for this ID");
         defaultHandler(kel);
@@ -55,7 +55,7 @@ void KeldCorrelatorRun(const char *domainName, const std::vector<std::string> &d
     KeldAgentRun(AgentName(domainName), domains, exactIds, [&](KeldAgent *agent) {
         Kel *kel = nullptr;
         while (KeldAgentWaitForKel(agent, &kel) == 0)
-            CorrelateInCopy(defaultHandler, table, *agent, kel);
+            Correlate(defaultHandler, table, *agent, kel);
     });
 }
 
@@ -74,7 +74,10 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
         for (;;) {
             for (std::size_t i = 0; i < used; ++i)
                 set[i] = {.fd = i == 0 ? agent->fd : fds[i - 1], .events = POLLIN, .revents = 0};
-            if (KeldAgentPoll(set.data(), used) < 0) {
+            // Between two observations that are there the others are looked at, not waited for.
+            const bool goesOn = KeldAgentGoesOn(agent);
+            if (goesOn) set[0].revents = POLLIN;
+            if ((goesOn ? poll(&set[1], used - 1, 0) : KeldAgentPoll(set.data(), used)) < 0) {
                 if (errno == EINTR) continue;
                 KeldLog("Failed to poll - %s\n", std::strerror(errno));
                 return;
@@ -86,7 +89,7 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
                     KeldLog("Failed to get Kel\n");
                     return;
                 }
-                if (complete) CorrelateInCopy(defaultHandler, table, *agent, kel);
+                if (complete) Correlate(defaultHandler, table, *agent, kel);
             }
             for (std::size_t i = 1; i < used; ++i) {
                 if ((set[i].revents & POLLIN) == 0) continue;
@@ -98,7 +101,8 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
     });
 }
 
-void KeldCorrelate(KeldHandler defaultHandler, KeldCorrelatorTable &table, Kel *kel, KeldOrigin origin)
+void KeldCorrelate(KeldHandler defaultHandler, const KeldCorrelatorTable &table, Kel *kel,
+                   KeldOrigin origin)
 {
     const KeldHandling handling(origin);
     try {

@@ -6,13 +6,14 @@
 
 #include <kltlibs/kel.h>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
 // Called on the correlator's own thread, one observation at a time; the Kel is the loop's.
 using KeldHandler = void (*)(Kel *);
-using KeldCorrelatorTable = std::map<std::string, KeldHandler>;
+using KeldCorrelatorTable = std::map<std::string, KeldHandler, std::less<>>;
 
 // The common loop. Subscribes the calling thread under the name domainName + "Correlator" to every
 // observation of the domains (the "net" of "kel.net.") and to the exact IDs, and hands each to its
@@ -30,9 +31,9 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
                               int fdCount);
 
 // Looks the observation up and calls its handler, with a trace line before; or the default handler.
-// An unknown ID adds an empty entry to table, which is why the loop passes a copy. Tells the observation's
-// fate when the handler has returned or thrown; origin says which observation it is.
-void KeldCorrelate(KeldHandler defaultHandler, KeldCorrelatorTable &table, Kel *kel,
+// Tells the observation's fate when the handler has returned or thrown; origin says which observation it
+// is.
+void KeldCorrelate(KeldHandler defaultHandler, const KeldCorrelatorTable &table, Kel *kel,
                    KeldOrigin origin = {});
 
 // The three kinds of default handler: nothing; a trace line; "No correlator for %s \n".

@@ -17,6 +17,10 @@ struct KeldHoldOffRule {
     KeldRepeat whenClockSetBack; // to before the beginning; silent: until the clock has caught up
     bool renewed;                // whether it begins anew although nothing is posted
 
+    // Whether an event about key, whose hold-off began then, is to be posted at this second. When it is
+    // not, the present observation's fate is said: held back, and until when.
+    bool IsOver(const std::string &key, std::uint64_t begunSeconds, std::uint64_t nowSeconds) const;
+
     constexpr operator KeldLimit() const { return {"holdOff", seconds, "seconds"}; }
 };
 
@@ -52,10 +56,7 @@ public:
     bool IsOver(const std::string &key, std::uint64_t nowSeconds) const
     {
         const auto found = mBegun.find(key);
-        const std::uint64_t begun = found == mBegun.end() ? 0 : found->second;
-        if (nowSeconds < begun) return mRule.whenClockSetBack == KeldRepeat::Posts;
-        const std::uint64_t passed = nowSeconds - begun;
-        return passed > mRule.seconds || (passed == mRule.seconds && mRule.atItsEnd == KeldRepeat::Posts);
+        return mRule.IsOver(key, found == mBegun.end() ? 0 : found->second, nowSeconds);
     }
     void Begin(const std::string &key, std::uint64_t nowSeconds) { mBegun[key] = nowSeconds; }
 

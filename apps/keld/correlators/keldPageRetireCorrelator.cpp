@@ -16,6 +16,7 @@
 #include <kltlibs/kif.h>
 #include <knxctl/resourceInfo.h>
 
+#include <cinttypes>
 #include <exception>
 #include <map>
 
@@ -25,7 +26,7 @@ constexpr char kModule[] = "apps/keld/keldPageRetireCorrelator";
 
 constexpr std::uint64_t kInjectionSeconds = 60;
 constexpr std::int32_t kInjectionsToKill = 50;
-constexpr std::uint64_t kSpreadToKillSeconds = 2;
+constexpr std::uint32_t kSpreadToKillSeconds = 2;
 static_assert(kSpreadToKillSeconds <= kInjectionSeconds, "injections spread that far are still remembered");
 
 // clang-format off
@@ -85,7 +86,9 @@ std::uint64_t ReadOption(const char *name, int panicLine)
 void KeldPageRetireCorrelatorNotRetired(Kel *kel)
 {
     std::uint64_t count = 0;
-    if (KeldRead<kNotRetiredCount>(kel, &count) != 0 || state.notRetiredPosted) return;
+    if (KeldRead<kNotRetiredCount>(kel, &count) != 0) return;
+    if (state.notRetiredPosted)
+        return KeldSay(KeldFate::HeldBack, "posted before; again when the daemon has been restarted");
     KeldPost<kNotRetiredHigh>(count);
     state.notRetiredPosted =
         true; // KEPT: once for a run of the daemon, also when the count falls and rises again
@@ -96,8 +99,15 @@ void KeldPageRetireCorrelatorNotRetired(Kel *kel)
 void KeldPageRetireCorrelatorThreshold(Kel *kel)
 {
     std::uint64_t count = 0;
-    if (KeldRead<kSelectedCount>(kel, &count) != 0 || count <= state.threshold) return;
-    if (count - state.threshold * state.interval / 100 < state.lastPostedCount) return;
+    if (KeldRead<kSelectedCount>(kel, &count) != 0) return;
+    if (count <= state.threshold)
+        return KeldSay(KeldFate::Ignored, "%" PRIu64 " pages are not above the threshold of %" PRIu64,
+                       count, state.threshold);
+    const std::uint64_t step = state.threshold * state.interval / 100;
+    if (count - step < state.lastPostedCount)
+        return KeldSay(KeldFate::HeldBack,
+                       "%" PRIu64 " pages were posted last; posts again at %" PRIu64 ", now %" PRIu64,
+                       state.lastPostedCount, state.lastPostedCount + step, count);
     KeldPost<kThresholdExceeded>(count, state.threshold);
     state.lastPostedCount = count;
 }
@@ -121,7 +131,8 @@ void Kill(std::uint32_t worldId, VirtualMachineRecord *machine, std::int32_t inj
         KeldPost<kKilling>(virtualMachine->GetName().c_str(), injections, page);
         machine->killed = true; // before the attempt: one that fails is not repeated
         virtualMachine->Terminate(false);
-    } catch (const std::exception &) {
+    } catch (const std::exception &failure) {
+        KeldSay(KeldFate::LookUpFailed, "virtual machine %u is to be stopped: %s", worldId, failure.what());
     }
 }
 
@@ -141,8 +152,10 @@ void KillIfPageKeptInUse(std::uint32_t worldId, VirtualMachineRecord *machine)
         ++count;
         least = std::min(least, time);
         greatest = std::max(greatest, time);
-        if (!machine->killed && count >= kInjectionsToKill && greatest - least >= kSpreadToKillSeconds)
-            Kill(worldId, machine, count, page);
+        if (machine->killed || count < kInjectionsToKill || greatest - least < kSpreadToKillSeconds)
+            continue;
+        // One attempt for each walk, however many injections are behind it: each asks the host.
+        return Kill(worldId, machine, count, page);
     }
 }
 
@@ -153,7 +166,11 @@ void KeldPageRetireCorrelatorMceInjected(Kel *kel)
     std::uint32_t page = 0;
     std::int32_t worldId = 0;
     if (KeldRead<kInjection>(kel, &page, &worldId) != 0) return;
-    state.virtualMachines[static_cast<std::uint32_t>(worldId)].injections.emplace(page, now);
+    VirtualMachineRecord &its = state.virtualMachines[static_cast<std::uint32_t>(worldId)];
+    its.injections.emplace(page, now);
+    KeldSay(KeldFate::Counted, "%zu of %d, spread over at least %u s, for page %#x of virtual machine %d%s",
+            its.injections.count(page), kInjectionsToKill, kSpreadToKillSeconds, page, worldId,
+            its.killed ? ", which was told to stop" : "");
     for (auto &[id, machine] : state.virtualMachines)
         KillIfPageKeptInUse(id, &machine);
 }
@@ -162,7 +179,8 @@ void KeldPageRetireCorrelatorMceInjected(Kel *kel)
 
 void KeldPageRetireCorrelatorPlatformRequest(Kel *kel)
 {
-    if (ReadOption("ApeiLoggingEnabled", 126) == 0) return;
+    if (ReadOption("ApeiLoggingEnabled", 126) == 0)
+        return KeldSay(KeldFate::Ignored, "PageRetire/ApeiLoggingEnabled is 0");
     const char *fru = nullptr, *hardwareLog = nullptr;
     if (KeldRead<kFirmwareRequest>(kel, &fru, &hardwareLog) != 0) return;
     KeldPost<kRequestedByFirmware>(fru, hardwareLog);

@@ -42,6 +42,7 @@ void HandleRemoved(Kel *kel)
         KeldLog("System swap at path %s was affected by the PDL of its datastore and was removed. "
                 "System swap has been reconfigured.",
                 path);
+        KeldSay(KeldFate::Noted, "system swap was removed from %s and has been reconfigured", path);
     } catch (const NodeAdm::Lib::NodeAdmException &failure) {
         KeldPost<kReconfigureFailed>(KeldLookupDatastore(path).c_str());
         KeldLog("%s", failure.GetDetailedMessage().c_str());

@@ -49,16 +49,13 @@ constexpr EventText kAllDomainsLevelChanged{
 // clang-format on
 
 struct CrashRecord {
-    std::uint64_t firstSeen = 0; // seconds since the epoch; for whoever looks at the daemon in a debugger
-    std::int32_t count = 0;      // since the daemon started
+    std::uint64_t reported = 0; // seconds since the epoch
+    std::int32_t count = 0;     // since the daemon started
 };
-struct Crashes {
-    std::map<std::string, CrashRecord> records; // by application name
-    KeldHoldOff holdOff{kCrashHoldOff};
-};
+using CrashRecords = std::map<std::string, CrashRecord>; // by application name
 
 struct State {
-    Crashes dumped, dumpFailed;
+    CrashRecords dumped, dumpFailed;
 };
 State &Remembered()
 {
@@ -67,16 +64,14 @@ State &Remembered()
 }
 
 // Counts one crash: how many there were so far, or 0 when the application was reported not long ago.
-std::int32_t CountCrash(Crashes &crashes, const char *application)
+std::int32_t CountCrash(CrashRecords &records, const char *application)
 {
     const std::uint64_t now = KeldNowSeconds();
-    CrashRecord &record = crashes.records[application];
-    if (++record.count == 1) {
-        record.firstSeen = now;
-        crashes.holdOff.Begin(application, now); // the first is reported whatever the clock says
-        return 1;
-    }
-    return crashes.holdOff.Observe(application, now) ? record.count : 0;
+    CrashRecord &record = records[application];
+    const bool first = ++record.count == 1; // is reported whatever the clock says
+    if (!first && !kCrashHoldOff.IsOver(application, record.reported, now)) return 0;
+    record.reported = now;
+    return record.count;
 }
 
 // Matched anywhere in the name: what carries the agent's name is taken for a part of it.
@@ -105,13 +100,21 @@ void KeldUserWorldCorrelatorCoreDumpFailed(Kel *kel)
     if (crashes != 0) KeldPost<kApplicationDumpFailed>(application, crashes);
 }
 
+bool IsEnforcing(std::int32_t level)
+{
+    if (level != kLevelEnforcing) return false;
+    KeldSay(KeldFate::Ignored, "the new level is %d, enforcing", level);
+    return true;
+}
+
 void KeldUserWorldCorrelatorDomainLevelChanged(Kel *kel)
 {
     const char *levelName = nullptr, *domain = nullptr;
     std::int32_t level = 0;
     std::uint32_t domainId = 0;
     if (KeldRead<kDomainLevel>(kel, &levelName, &level, &domain, &domainId) != 0) return;
-    if (level != kLevelEnforcing) KeldPost<kDomainLevelChanged>(domain, levelName);
+    if (IsEnforcing(level)) return;
+    KeldPost<kDomainLevelChanged>(domain, levelName);
 }
 
 void KeldUserWorldCorrelatorAllDomainsLevelChanged(Kel *kel)
@@ -119,7 +122,8 @@ void KeldUserWorldCorrelatorAllDomainsLevelChanged(Kel *kel)
     const char *levelName = nullptr;
     std::int32_t level = 0;
     if (KeldRead<kAllDomainsLevel>(kel, &levelName, &level) != 0) return;
-    if (level != kLevelEnforcing) KeldPost<kAllDomainsLevelChanged>(levelName);
+    if (IsEnforcing(level)) return;
+    KeldPost<kAllDomainsLevelChanged>(levelName);
 }
 
 // clang-format off

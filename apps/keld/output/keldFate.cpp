@@ -12,7 +12,7 @@
 namespace {
 
 // Who has said the fate: the later ones are not overruled by the earlier.
-enum class Said { Not, ByFramework, ByHandler };
+enum class Said { Not, ByFramework, ByHandler, ByEvent };
 
 struct Present {
     KeldOrigin origin;
@@ -47,7 +47,9 @@ void KeldSay(KeldFate fate, const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    Say(Said::ByHandler, fate, format, args);
+    // What is gathered, or has failed, is not done with when an event was posted.
+    const bool goesOn = fate == KeldFate::Gathered || fate == KeldFate::HandlerFailed;
+    Say(goesOn ? Said::ByEvent : Said::ByHandler, fate, format, args);
     va_end(args);
 }
 
@@ -129,5 +131,8 @@ KeldCause::KeldCause()
         return;
     }
     if (tPresent.origin.count != 0) named = {&tPresent.origin, 1};
-    KeldSayByItself(KeldFate::Posted, "%s", "");
+    if (!tPresent.handling) return;
+    tPresent.said = Said::ByEvent;
+    tPresent.fate = KeldFate::Posted;
+    tPresent.text[0] = '\0';
 }

@@ -7,7 +7,8 @@
 //     KeldSay(KeldFate::HeldBack, "within 90 s of the last one for %s; posts again after %s", directory,
 //             KeldTimeOfDay(begun + 90).text);
 //
-// Of several that a handler says the last one holds, and each before what the framework knows. A handler
+// Of several that a handler says the last one holds, and each before what the framework knows; an event
+// that is posted holds before all, unless the observation is gathered, too, or its handler fails. A handler
 // that returns without a fate has a fault, which is counted.
 //
 // What is gathered keeps its KeldOrigin. Whoever deals with it later names the origins, so that events come

@@ -27,12 +27,14 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstring>
+#include <fcntl.h>
 #include <list>
 #include <new>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -99,13 +101,29 @@ void TellDelivery(std::uint64_t event, JournalDelivery state, unsigned tries)
     KeldJournalTell([=] { return JournalDeliveryEntry{event, state, tries}; });
 }
 
-void Post(int defer, const char *prefix, const char *remainder, const char *format, va_list args);
-bool WithinRate(const char *prefix, const char *remainder);
-MallocPtr<std::byte> PackArguments(MallocPtr<std::byte> record, std::size_t total, const char *format,
-                                   va_list args, std::size_t *used, std::uint32_t *count);
-int Connect(int fd);
-// The receiver has no room yet, or the daemon was stopped and continued while it waited.
-bool IsBusy(int error) { return error == EAGAIN || error == EINTR; }
+// What a record is built in: memory that each thread keeps from one event to the next, at its first size.
+class EventBuffer {
+public:
+    EventBuffer();
+    ~EventBuffer();
+    EventBuffer(const EventBuffer &) = delete;
+    EventBuffer &operator=(const EventBuffer &) = delete;
+
+    std::byte *Get() const { return mBytes.get(); } // zeroed at first; null without memory
+    std::size_t Size() const { return mSize; }
+    bool Double(); // false without memory, the bytes as before
+
+private:
+    static thread_local MallocPtr<std::byte> kept;
+    MallocPtr<std::byte> mBytes = std::move(kept);
+    std::size_t mSize = kFirstBufferBytes;
+};
+
+void Post(int defer, const char *prefix, std::string_view remainder, const char *format, va_list args);
+bool WithinRate(const char *prefix, std::string_view remainder);
+int PackArguments(EventBuffer &buffer, std::size_t total, const char *format, va_list args,
+                  std::size_t *used, std::uint32_t *count);
+bool AwaitReceiver(int fd, int error);
 
 void PutWord(std::byte *record, std::size_t at, std::size_t value)
 {
@@ -130,15 +148,9 @@ void KeldPostEvent(int defer, KeldEventClass cls, const char *format, ...)
     // KEPT: what is skipped is not looked at: the class, not the text, decides the prefix.
     const char *remainder = format + kMarkerChars + std::strlen(prefix);
     const char *end = std::strchr(remainder, ')');
-    std::string id;
-    try {
-        id.assign(remainder, end);
-    } catch (const std::bad_alloc &) {
-        KeldMemAlloc("apps/keld/keldPling", 619);
-    }
     va_list args;
     va_start(args, format);
-    Post(static_cast<unsigned char>(defer), prefix, id.c_str(), end + 1, args);
+    Post(static_cast<unsigned char>(defer), prefix, {remainder, end}, end + 1, args);
     va_end(args);
 }
 
@@ -155,50 +167,54 @@ namespace {
 
 // One event from its arguments to the receiver or the retry list; nothing of it remains when it is one
 // too many, or cannot be packed.
-void Post(int defer, const char *prefix, const char *remainder, const char *format, va_list args)
+void Post(int defer, const char *prefix, std::string_view remainder, const char *format, va_list args)
 {
     const EventJournal journal(prefix, remainder);
-    MallocPtr<std::byte> record(static_cast<std::byte *>(std::calloc(1, kFirstBufferBytes)));
-    if (record == nullptr) {
+    EventBuffer buffer;
+    if (buffer.Get() == nullptr) {
         KeldLog("Failed to allocate %zu bytes for prob buffer.\n", kFirstBufferBytes);
         return journal.NotMade(JournalDelivery::NoMemory);
     }
     if (!WithinRate(prefix, remainder)) return journal.NotMade(JournalDelivery::Limited);
     const std::size_t prefixLength = std::strlen(prefix);
-    const std::size_t idLength = prefixLength + std::strlen(remainder) + 1;
+    const std::size_t idLength = prefixLength + remainder.size() + 1;
     if (idLength > PLINGRECORD_TYPE_ID_BYTES_MAX) return journal.NotMade(JournalDelivery::IdTooLong);
 
-    PutWord(record.get(), PLINGRECORD_TYPE_ID_LENGTH_AT, idLength);
-    std::memcpy(record.get() + kIdAt, prefix, prefixLength);
-    std::memcpy(record.get() + kIdAt + prefixLength, remainder, idLength - prefixLength);
-    std::memcpy(record.get() + PLINGRECORD_IDENTITY_AT, gSystemUuid.data() + kUuidTextAt,
+    std::byte *record = buffer.Get();
+    PutWord(record, PLINGRECORD_TYPE_ID_LENGTH_AT, idLength);
+    std::memcpy(record + kIdAt, prefix, prefixLength);
+    std::memcpy(record + kIdAt + prefixLength, remainder.data(), remainder.size());
+    std::memcpy(record + PLINGRECORD_IDENTITY_AT, gSystemUuid.data() + kUuidTextAt,
                 PLINGRECORD_IDENTITY_BYTES);
-    (void)KNX_StampEvent(record.get());
+    (void)KNX_StampEvent(record);
 
     std::size_t total = kIdAt + idLength + kTrailingBytes;
     std::size_t used = 0;
     std::uint32_t count = 0;
-    record = PackArguments(std::move(record), total, format, args, &used, &count);
-    if (record == nullptr) return journal.NotMade(JournalDelivery::ArgumentsTooLarge);
+    const int error = PackArguments(buffer, total, format, args, &used, &count);
+    if (error != 0)
+        return journal.NotMade(error == ENOMEM ? JournalDelivery::NoMemory
+                                               : JournalDelivery::ArgumentsTooLarge);
+    record = buffer.Get();
 
-    std::byte *area = record.get() + kIdAt + idLength;
+    std::byte *area = record + kIdAt + idLength;
     char *text = nullptr;
     (void)MsgFmt_Asprintf(&text, nullptr, format, area, count, nullptr);
     const MessageText message(text);
-    KeldLogTraceLine(PlingRecord_TypeId(record.get()), message.get(), PlingRecord_Timestamp(record.get()));
+    KeldLogTraceLine(PlingRecord_TypeId(record), message.get(), PlingRecord_Timestamp(record));
 
     MsgFmt_SwizzleArgs(area, count);
     total += used;
-    PutWord(record.get(), PLINGRECORD_ARGUMENT_COUNT_AT, count);
-    PutWord(record.get(), PLINGRECORD_TOTAL_LENGTH_AT, total);
-    KeldTraceOut(record.get());
-    journal.Out(record.get(), total);
+    PutWord(record, PLINGRECORD_ARGUMENT_COUNT_AT, count);
+    PutWord(record, PLINGRECORD_TOTAL_LENGTH_AT, total);
+    KeldTraceOut(record);
+    journal.Out(record, total);
 
-    if (defer == 0 && KeldPlingSend(record.get(), total) == 0)
+    if (defer == 0 && KeldPlingSend(record, total) == 0)
         return TellDelivery(journal.Event(), JournalDelivery::Delivered, 1);
     KeldLog("An event (%s) could not be sent immediately to carad; queueing for retry.",
-            PlingRecord_TypeId(record.get()));
-    KeldPlingQueue(journal.Event(), defer == 0 ? 1 : 0, record.get(), total);
+            PlingRecord_TypeId(record));
+    KeldPlingQueue(journal.Event(), defer == 0 ? 1 : 0, record, total);
 }
 
 void EventJournal::Out(const std::byte *record, std::size_t length) const
@@ -220,14 +236,38 @@ void EventJournal::NotMade(JournalDelivery why) const
     TellDelivery(mEvent, why, 0);
 }
 
+thread_local MallocPtr<std::byte> EventBuffer::kept;
+
+EventBuffer::EventBuffer()
+{
+    if (mBytes == nullptr) mBytes.reset(static_cast<std::byte *>(std::malloc(mSize)));
+    if (mBytes != nullptr) std::memset(mBytes.get(), 0, mSize);
+}
+
+EventBuffer::~EventBuffer()
+{
+    if (mSize == kFirstBufferBytes) kept = std::move(mBytes);
+}
+
+bool EventBuffer::Double()
+{
+    mSize *= 2;
+    auto *grown = static_cast<std::byte *>(std::realloc(mBytes.get(), mSize));
+    if (grown == nullptr) return false;
+    (void)mBytes.release();
+    mBytes.reset(grown);
+    return true;
+}
+
 // Counts the event against its window; an event too many is reported and must be dropped.
-bool WithinRate(const char *prefix, const char *remainder)
+bool WithinRate(const char *prefix, std::string_view remainder)
 {
     const std::uint64_t now = KeldNowSeconds();
     const std::uint64_t start = gRateWindowStart.load(std::memory_order_relaxed);
     if (start != 0 && now - start < kRateWindowSeconds) { // unsigned: set back counts as a long time
         if (gRateCount.fetch_add(1, std::memory_order_relaxed) + 1 <= kRateEventsMax) return true;
-        KeldLog("Event rate limit reached. Dropping pling: %s%s\n", prefix, remainder);
+        KeldLog("Event rate limit reached. Dropping pling: %s%.*s\n", prefix,
+                static_cast<int>(remainder.size()), remainder.data());
         return false;
     }
     gRateCount.store(1, std::memory_order_relaxed);
@@ -235,54 +275,51 @@ bool WithinRate(const char *prefix, const char *remainder)
     return true;
 }
 
-// Packs behind the header, in a buffer that doubles as needed; null when the event is to be dropped.
+// Packs behind the header, in a buffer that doubles as needed: 0, or an errno value when the event is to be
+// dropped.
 //
 // KEPT: five attempts, the fifth in 18736 bytes; the buffer is doubled once more and never tried.
-MallocPtr<std::byte> PackArguments(MallocPtr<std::byte> record, std::size_t total, const char *format,
-                                   va_list args, std::size_t *used, std::uint32_t *count)
+int PackArguments(EventBuffer &buffer, std::size_t total, const char *format, va_list args,
+                  std::size_t *used, std::uint32_t *count)
 {
-    std::size_t size = kFirstBufferBytes;
     for (int attempt = 0; attempt < kPackAttemptsMax; ++attempt) {
         va_list copy;
         va_copy(copy, args);
         // The area starts where the 4 trailing bytes will move on from: they stay zero behind it.
-        const int error = MsgFmt_GetArgsWithBuf(format, copy, record.get() + total - kTrailingBytes,
-                                                size - total, used, count);
+        std::byte *area = buffer.Get() + total - kTrailingBytes;
+        const int error = MsgFmt_GetArgsWithBuf(format, copy, area, buffer.Size() - total, used, count);
         va_end(copy);
         if (error == 0) {
-            std::memset(record.get() + total - kTrailingBytes + *used, 0, kTrailingBytes);
-            return record;
+            std::memset(area + *used, 0, kTrailingBytes);
+            return 0;
         }
-        if (error != ENOSPC) break;
-        size *= 2;
-        auto *grown = static_cast<std::byte *>(std::realloc(record.get(), size));
-        if (grown == nullptr) {
-            KeldLog("Failed to allocate %zu bytes for prob buffer.", size);
-            return nullptr;
+        if (error != ENOSPC) return error;
+        if (!buffer.Double()) {
+            KeldLog("Failed to allocate %zu bytes for prob buffer.", buffer.Size());
+            return ENOMEM;
         }
-        (void)record.release();
-        record.reset(grown);
     }
-    return nullptr;
+    return ENOSPC;
 }
 
 } // namespace
 
 int KeldPlingSend(const void *record, std::size_t length)
 {
-    // An event of the daemon's last moments is offered once, and waits for nobody.
-    const int patience = KeldStopping() ? SOCK_NONBLOCK : 0;
-    const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | patience, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    static_assert(sizeof address == 110);
+    if (KltRunDir_Path("carad-pling.sock", address.sun_path, sizeof address.sun_path) != 0) return -1;
+    const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (fd.Get() < 0) return -1;
-    const timeval wait{.tv_sec = 0, .tv_usec = kSendWaitMicroseconds};
-    (void)setsockopt(fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
-    if (Connect(fd.Get()) != 0) return -1;
+    while (connect(fd.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+        if (!AwaitReceiver(fd.Get(), errno)) return -1;
     for (std::size_t sent = 0; sent < length;) {
         const ssize_t count =
             send(fd.Get(), static_cast<const std::byte *>(record) + sent, length - sent, MSG_NOSIGNAL);
         if (count >= 0)
             sent += static_cast<std::size_t>(count);
-        else if (!IsBusy(errno) || KeldStopping())
+        else if (!AwaitReceiver(fd.Get(), errno))
             return -1;
     }
     return 0;
@@ -290,16 +327,16 @@ int KeldPlingSend(const void *record, std::size_t length)
 
 namespace {
 
-// Tries again while the receiver is busy, for as long as the daemon runs.
-int Connect(int fd)
+// True when the call that failed is to be made again: the receiver has no room yet, or the daemon was
+// stopped and continued while it waited. From now on the socket waits for the receiver, a moment at a time.
+// An event of the daemon's last moments is offered once, and waits for nobody.
+bool AwaitReceiver(int fd, int error)
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (KltRunDir_Path("carad-pling.sock", address.sun_path, sizeof address.sun_path) != 0) return -1;
-    static_assert(sizeof address == 110);
-    while (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
-        if (!IsBusy(errno) || KeldStopping()) return -1;
-    return 0;
+    if ((error != EAGAIN && error != EINTR) || KeldStopping()) return false;
+    const timeval wait{.tv_sec = 0, .tv_usec = kSendWaitMicroseconds};
+    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+    (void)fcntl(fd, F_SETFL, 0);
+    return true;
 }
 
 } // namespace

@@ -51,9 +51,11 @@ void KeldStore::AddChunk(std::size_t bytes)
 
 std::string_view KeldStore::EntryAt(std::uint64_t at) const
 {
-    const auto behind =
-        std::upper_bound(mChunks.begin(), mChunks.end(), at,
-                         [](std::uint64_t place, const Chunk &chunk) { return place < chunk.end; });
+    auto behind = mChunks.begin();
+    if (at >= behind->end)
+        behind = std::upper_bound(behind, mChunks.end(), at, [](std::uint64_t place, const Chunk &chunk) {
+            return place < chunk.end;
+        });
     const char *from = behind->bytes.get() + (at - behind->first.at);
     Length length;
     std::memcpy(&length, from, sizeof length);

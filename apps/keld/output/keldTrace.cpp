@@ -30,6 +30,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <list>
+#include <memory>
 #include <new>
 #include <poll.h>
 #include <pthread.h>
@@ -45,7 +46,7 @@ namespace {
 constexpr std::size_t kHistoryBytesMax = 131072;
 constexpr std::size_t kWaitingBytesMax = std::size_t{16} << 20; // of all clients, behind the history
 constexpr std::size_t kWriteBytes = 64 << 10;                   // at a time
-constexpr std::size_t kLineBytesKept = 16 << 10; // of the room for a line that a thread keeps
+constexpr std::size_t kUsualLineBytes = 2048;                   // on the stack
 constexpr int kBacklog = 128;
 constexpr int kAcceptPauseMilliseconds = 10;
 static_assert(sizeof(sockaddr_un::sun_path) == KLT_RUN_PATH_BYTES);
@@ -87,82 +88,105 @@ struct TracedRecord {
     const void *end;
 };
 
-template <class Number> void AppendNumber(std::string &line, Number value)
+constexpr std::size_t kDigitsMax = 20; // -2^63 and 2^64-1 both take as many
+
+// At least as many characters as the record's line has.
+std::size_t RoomFor(const TracedRecord &record)
 {
-    char digits[20]; // -2^63 and 2^64-1 both take as many
-    line.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
+    constexpr std::size_t kAround = std::string_view(".123456789,OUT,,,\n").size() + 2 * kDigitsMax;
+    std::size_t room = kAround + std::strlen(record.id);
+    for (std::uint32_t index = 0; index < record.argumentCount; ++index) {
+        MsgFmtArg argument;
+        MsgFmt_GetArg(record.argumentArea, index, &argument);
+        room += kDigitsMax + 3; // also for "(null)" with its comma and quotes
+        if (argument.type == MSGFMT_TYPE_STRING) room += std::size_t{2} * argument.stringLength;
+    }
+    return room;
 }
 
-void AppendNow(std::string &line)
+// Each puts something into the line and gives the place behind it.
+
+char *Put(char *to, std::string_view text)
+{
+    std::memcpy(to, text.data(), text.size());
+    return to + text.size();
+}
+
+template <class Number> char *PutNumber(char *to, Number value)
+{
+    return std::to_chars(to, to + kDigitsMax, value).ptr;
+}
+
+char *PutNow(char *to)
 {
     timespec now{};
     (void)KTime_GetRealtime(&now);
-    char digits[] = ".000000000";
-    for (long rest = now.tv_nsec, at = 9; at > 0; --at, rest /= 10)
-        digits[at] = static_cast<char>('0' + rest % 10);
-    AppendNumber(line, static_cast<std::int64_t>(now.tv_sec));
-    line.append(digits, sizeof digits - 1);
+    char *point = PutNumber(to, static_cast<std::int64_t>(now.tv_sec));
+    to = PutNumber(point, 1'000'000'000 + now.tv_nsec); // always nine digits behind the first
+    *point = '.';
+    return to;
 }
 
-void AppendQuoted(std::string &line, std::string_view text)
+char *PutQuoted(char *to, std::string_view text)
 {
-    line += '"';
-    for (std::size_t quote; (quote = text.find('"')) != text.npos; text.remove_prefix(quote + 1))
-        line.append(text.substr(0, quote + 1)) += '"';
-    line.append(text) += '"';
+    *to++ = '"';
+    for (std::size_t quote; (quote = text.find('"')) != text.npos; text.remove_prefix(quote + 1)) {
+        to = Put(to, text.substr(0, quote + 1));
+        *to++ = '"';
+    }
+    to = Put(to, text);
+    *to++ = '"';
+    return to;
 }
 
-// False when it is a text that cannot be read.
-bool AppendArgument(std::string &line, const TracedRecord &record, std::uint32_t index)
+// Null when it is a text that cannot be read.
+char *PutArgument(char *to, const TracedRecord &record, std::uint32_t index)
 {
     MsgFmtArg argument;
     MsgFmt_GetArg(record.argumentArea, index, &argument);
-    line += ',';
+    *to++ = ',';
     switch (argument.type) {
     case MSGFMT_TYPE_INT32:
-        AppendNumber(line, static_cast<std::int32_t>(argument.value));
-        return true;
+        return PutNumber(to, static_cast<std::int32_t>(argument.value));
     case MSGFMT_TYPE_INT64:
-        AppendNumber(line, static_cast<std::int64_t>(argument.value));
-        return true;
+        return PutNumber(to, static_cast<std::int64_t>(argument.value));
     case MSGFMT_TYPE_UINT32:
-        AppendNumber(line, static_cast<std::uint32_t>(argument.value));
-        return true;
+        return PutNumber(to, static_cast<std::uint32_t>(argument.value));
     case MSGFMT_TYPE_UINT64:
-        AppendNumber(line, argument.value);
-        return true;
+        return PutNumber(to, argument.value);
     case MSGFMT_TYPE_STRING: {
         const char *text = nullptr;
         if (MsgFmt_GetSwizzledString(record.argumentArea, record.argumentCount, index, record.end, &text) !=
             0)
-            return false;
-        AppendQuoted(line, text == nullptr ? "(null)" : text);
-        return true;
+            return nullptr;
+        if (text == nullptr) return PutQuoted(to, "(null)");
+        return PutQuoted(to, {text, argument.stringLength - std::size_t{1}});
     }
     default:
-        line += "???";
-        return true;
+        return Put(to, "???");
     }
 }
 
-// Writes the whole line behind what stands in line; false when there is none to show.
-bool Render(const TracedRecord &record, std::string &line)
+// The whole line's end, or null when there is none to show.
+char *Render(const TracedRecord &record, char *line)
 {
-    AppendNow(line);
-    line.append(record.direction);
-    AppendNumber(line, record.timestamp);
-    line += ',';
+    char *to = PutNow(line);
+    to = Put(to, record.direction);
+    to = PutNumber(to, record.timestamp);
+    *to++ = ',';
     // KEPT: the comma behind the ID and the one before each argument leave an empty field between
     // them; clients count fields.
-    line.append(record.id) += ',';
+    to = Put(to, record.id);
+    *to++ = ',';
     for (std::uint32_t index = 0; index < record.argumentCount; ++index) {
-        if (!AppendArgument(line, record, index)) {
+        to = PutArgument(to, record, index);
+        if (to == nullptr) {
             KeldLog("Invalid argument in kel with ID %s", record.id);
-            return false;
+            return nullptr;
         }
     }
-    line += '\n';
-    return true;
+    *to++ = '\n';
+    return to;
 }
 
 // Whoever did not read and has missed something by the last line is disconnected.
@@ -178,15 +202,20 @@ void DisconnectLaggards() REQUIRES(state.traceMutex)
 
 void Trace(const TracedRecord &record)
 try {
-    thread_local std::string line;
-    line.clear();
-    if (!Render(record, line)) return;
+    char usual[kUsualLineBytes];
+    std::unique_ptr<char[]> larger;
+    char *line = usual;
+    if (const std::size_t room = RoomFor(record); room > sizeof usual) {
+        larger = std::make_unique_for_overwrite<char[]>(room);
+        line = larger.get();
+    }
+    const char *end = Render(record, line);
+    if (end == nullptr) return;
     {
         const KeldLock lock(state.traceMutex);
-        if (state.lines.Append(line)) DisconnectLaggards();
+        if (state.lines.Append({line, end})) DisconnectLaggards();
     }
     state.linesAvailable.notify_all(); // no system call while nobody waits
-    if (line.capacity() > kLineBytesKept) line = {};
 } catch (const std::bad_alloc &) {
     // Costs this line of trace, and nothing else.
 }

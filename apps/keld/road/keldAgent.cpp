@@ -148,15 +148,17 @@ void KeldAgentCleanup(KeldAgent **agent)
 int KeldAgentWaitForKel(KeldAgent *agent, Kel **kel)
 {
     for (;;) {
-        pollfd waiting{.fd = agent->fd, .events = POLLIN, .revents = 0};
-        if (KeldAgentPoll(&waiting, 1) < 0) {
-            if (errno == EINTR) continue;
-            KeldLog("Failed to poll - %s\n", std::strerror(errno));
-            return 2;
-        }
-        if ((waiting.revents & POLLIN) == 0) {
-            KeldLog("Failed to poll, invalid revents - %hd\n", waiting.revents);
-            return 2;
+        if (!KeldAgentGoesOn(agent)) {
+            pollfd waiting{.fd = agent->fd, .events = POLLIN, .revents = 0};
+            if (KeldAgentPoll(&waiting, 1) < 0) {
+                if (errno == EINTR) continue;
+                KeldLog("Failed to poll - %s\n", std::strerror(errno));
+                return 2;
+            }
+            if ((waiting.revents & POLLIN) == 0) {
+                KeldLog("Failed to poll, invalid revents - %hd\n", waiting.revents);
+                return 2;
+            }
         }
         bool complete = false;
         const int code = KeldStreamReadKel(agent->stream, kel, &complete);
@@ -166,6 +168,11 @@ int KeldAgentWaitForKel(KeldAgent *agent, Kel **kel)
         }
         if (complete) return 0;
     }
+}
+
+bool KeldAgentGoesOn(const KeldAgent *agent)
+{
+    return KeldStreamHoldsKel(agent->stream) && !KeldStopping();
 }
 
 int KeldAgentPoll(pollfd *fds, nfds_t count)

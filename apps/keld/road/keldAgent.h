@@ -46,6 +46,10 @@ void KeldAgentCleanup(KeldAgent **agent);
 // Waits for the next observation: 0 with *kel the caller's, or an error code, logged.
 int KeldAgentWaitForKel(KeldAgent *agent, Kel **kel);
 
+// True when the next observation was read already and is to be taken without polling first. Never once the
+// daemon is leaving: an agent then goes to its poll after each observation, where it is cancelled.
+bool KeldAgentGoesOn(const KeldAgent *agent);
+
 // poll() without a time-out: the only place where an agent can be cancelled.
 int KeldAgentPoll(pollfd *fds, nfds_t count);
 

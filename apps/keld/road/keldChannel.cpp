@@ -5,21 +5,35 @@
 
 #include <cstdlib>
 
+namespace {
+
+// False without memory: the old buffer stays.
+bool Grow(KeldRecordBuffer *buffer)
+{
+    const std::uint32_t size = KeldBufferBytesAfter(buffer->size);
+    auto *grown = static_cast<std::byte *>(std::realloc(buffer->bytes.get(), size));
+    if (grown == nullptr) return false;
+    (void)buffer->bytes.release();
+    buffer->bytes.reset(grown);
+    buffer->size = size;
+    return true;
+}
+
+} // namespace
+
 int KeldReadChannel(int fd, std::int32_t channel, KeldRecordBuffer *buffer)
 {
     std::uint32_t byteCount = 0;
     int status = 0;
     while ((status = KelLib_ReadFromFd(fd, buffer->bytes.get(), buffer->size, &byteCount)) != 0) {
         if (status != KELLIB_STATUS_TOO_SMALL || buffer->size == kKeldBufferBytesMax) return status;
-        const std::uint32_t size = KeldBufferBytesAfter(buffer->size);
-        auto *grown = static_cast<std::byte *>(std::realloc(buffer->bytes.get(), size));
-        if (grown == nullptr) return status; // the old buffer stays
-        (void)buffer->bytes.release();
-        buffer->bytes.reset(grown);
-        buffer->size = size;
+        if (!Grow(buffer)) return status;
     }
     if (byteCount == 0 || byteCount > kKeldBatchBytesMax) return -1;
-    return KeldDispatch(channel, buffer->bytes.get(), byteCount);
+    status = KeldDispatch(channel, buffer->bytes.get(), byteCount);
+    // Of such datagrams several shall be one batch.
+    if (byteCount > buffer->size / 2 && buffer->size < kKeldBufferBytesEnough) (void)Grow(buffer);
+    return status;
 }
 
 bool KeldRecordBufferInit(KeldRecordBuffer *buffer)

@@ -26,12 +26,14 @@ int KeldChannelOpen(KeldChannel *channel, int *fd);
 // Closes every open channel, logging what cannot be closed.
 void KeldChannelCloseAll(KeldChannelTable *channels);
 
-// One heap buffer for all reads, which grows and never shrinks.
+// One heap buffer for all reads, which grows and never shrinks: for what does not fit, and up to a point for
+// what would fill more than half of it.
 struct KeldRecordBuffer {
     MallocPtr<std::byte> bytes;
     std::uint32_t size = 0;
 };
 inline constexpr std::uint32_t kKeldBufferBytesFirst = 8192;
+inline constexpr std::uint32_t kKeldBufferBytesEnough = 0x8000; // where it grows only for what does not fit
 inline constexpr std::uint32_t kKeldBufferBytesMax = 0x20000;
 inline constexpr std::uint32_t kKeldBatchBytesMax = 0x1FFFF;
 static_assert(kKeldBatchBytesMax < kKeldBufferBytesMax, "the largest batch fits the largest buffer");

@@ -19,6 +19,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <string_view>
+#include <sys/uio.h>
 
 namespace {
 
@@ -67,11 +68,23 @@ public:
     StreamHold &operator=(const StreamHold &) = delete;
 };
 
-void TellIn(std::int32_t channel, const std::byte *buffer, std::size_t byteCount) REQUIRES(streams.lock);
+struct Batch {
+    const std::byte *bytes;
+    std::size_t size;
+};
+std::string_view IdOf(const std::byte *record)
+{
+    return {KelRecord_ID(record), KelRecord_Word(record, KELRECORD_ID_LENGTH_AT) - std::size_t{1}};
+}
+void TellIn(std::int32_t channel, const Batch &batch) REQUIRES(streams.lock);
 void TellLost(const KeldStream &stream, KeldFate fate);
-int WriteRecord(int fd, const std::byte *record, std::size_t length);
-int ReadWanted(KeldStream *stream);
+int WriteWanted(KeldStream &stream, const Batch &batch);
+int WriteRest(KeldStream &stream, Batch batch);
+int ReadOnce(KeldStream *stream);
+[[noreturn]] void EndOfFile(const KeldStream *stream, std::uint32_t lacking);
 void Discard(int fd);
+
+constexpr int kPiecesMax = 64; // of a batch, with records between them that the stream does not want
 
 constexpr int kDrainMilliseconds = 10; // how long a draining agent waits before it tries the lock again
 
@@ -91,27 +104,32 @@ int KeldDispatchInit()
 int KeldDispatch(std::int32_t channel, const std::byte *buffer, std::size_t byteCount)
 {
     const StreamHold hold;
-    if (KeldJournalHeard()) TellIn(channel, buffer, byteCount);
-    for (std::size_t at = 0; at < byteCount;) {
-        const std::byte *record = buffer + at;
-        const std::size_t length = KelRecord_TotalLength(record);
-        const std::string_view id = KelRecord_ID(record);
-        KeldTraceIn(record);
+    const Batch batch{buffer, byteCount};
+    if (KeldJournalHeard()) TellIn(channel, batch);
+    std::uint32_t initials = 0; // of the batch
+    for (std::size_t at = 0; at < byteCount; at += KelRecord_TotalLength(buffer + at)) {
+        KeldTraceIn(buffer + at);
+        initials |= KeldInitial(IdOf(buffer + at));
         ++streams.observations;
-        for (const auto &stream : streams.list) {
-            if (!KeldSubscriptionMatches(stream->subscription, id)) continue;
-            const int error = WriteRecord(stream->writeFd.Get(), record, length);
-            if (error == ECANCELED) return 0; // leaving: nobody is handed the rest
-            if (error != 0) return error;
-            ++stream->queued;
-        }
-        at += length;
     }
+    bool someAreFull = false;
+    for (const auto &stream : streams.list) {
+        stream->place = byteCount;
+        if ((stream->subscription.initials & initials) == 0) continue;
+        stream->place = stream->begun = 0;
+        const int error = WriteWanted(*stream, batch);
+        if (error != 0 && error != EAGAIN) return error;
+        someAreFull |= error == EAGAIN;
+    }
+    if (!someAreFull) return 0;
+    for (const auto &stream : streams.list)
+        if (const int error = WriteRest(*stream, batch); error != 0) return error;
     return 0;
 }
 
 bool KeldSubscriptionMatches(const KeldSubscription &subscription, std::string_view id)
 {
+    if ((subscription.initials & KeldInitial(id)) == 0) return false;
     for (std::int32_t i = 0; i < subscription.prefixCount; ++i) {
         const std::string &prefix = subscription.prefixes[static_cast<std::size_t>(i)];
         if (id.size() > prefix.size() && id[prefix.size()] == '.' && id.starts_with(prefix)) return true;
@@ -147,9 +165,14 @@ void KeldDispatchTellLost()
 
 namespace {
 
+bool Wants(const KeldStream &stream, const std::byte *record)
+{
+    return KeldSubscriptionMatches(stream.subscription, IdOf(record));
+}
+
 // Tells the whole batch before any agent gets anything of it: else a fate could be told before its
 // observation.
-void TellIn(std::int32_t channel, const std::byte *buffer, std::size_t byteCount)
+void TellIn(std::int32_t channel, const Batch &batch)
 {
     if (KeldJournalBeginDue())
         KeldJournalTell([]() REQUIRES(streams.lock) {
@@ -161,13 +184,13 @@ void TellIn(std::int32_t channel, const std::byte *buffer, std::size_t byteCount
     for (const auto &stream : streams.list)
         stream->told = stream->queued;
     JournalIn in{.observation = streams.observations, .channel = channel, .to = {}, .record = {}};
-    for (std::size_t at = 0; at < byteCount; at += in.record.bytes.size()) {
+    for (std::size_t at = 0; at < batch.size; at += in.record.bytes.size()) {
+        const std::byte *record = batch.bytes + at;
         ++in.observation;
-        in.record.bytes = {reinterpret_cast<const char *>(buffer + at), KelRecord_TotalLength(buffer + at)};
+        in.record.bytes = {reinterpret_cast<const char *>(record), KelRecord_TotalLength(record)};
         in.to.clear();
         for (const auto &stream : streams.list)
-            if (KeldSubscriptionMatches(stream->subscription, KelRecord_ID(buffer + at)))
-                in.to.push_back({stream->number, ++stream->told});
+            if (Wants(*stream, record)) in.to.push_back({stream->number, ++stream->told});
         KeldJournalTell([&]() -> const JournalIn & { return in; });
     }
 }
@@ -179,30 +202,81 @@ void TellLost(const KeldStream &stream, KeldFate fate)
     KeldJournalTell([&] { return JournalLost{stream.number, fate, stream.taken, last}; });
 }
 
-// 0, an errno value, or ECANCELED when the exit flag was set while the pipe was full. Never leaves half
-// a record behind.
-int WriteRecord(int fd, const std::byte *record, std::size_t length)
+// What the stream wants of the batch and has not got, as far as there are pieces: how many.
+int Gather(const KeldStream &stream, const Batch &batch, iovec *pieces)
 {
-    for (std::size_t written = 0; written < length;) {
-        const ssize_t count = write(fd, record + written, length - written);
-        if (count >= 0) {
-            written += static_cast<std::size_t>(count);
-            continue;
+    int count = 0;
+    const std::byte *end = nullptr; // of the last piece
+    std::size_t length = 0;
+    for (std::size_t at = stream.place; at < batch.size; at += length) {
+        const std::byte *record = batch.bytes + at;
+        length = KelRecord_TotalLength(record);
+        if (!Wants(stream, record)) continue;
+        if (record == end) {
+            pieces[count - 1].iov_len += length;
+        } else if (count < kPiecesMax) {
+            const std::size_t begun = at == stream.place ? stream.begun : 0;
+            pieces[count++] = {const_cast<std::byte *>(record) + begun, length - begun};
+        } else {
+            break;
         }
-        if (errno != EAGAIN) return errno;
-        pollfd full{.fd = fd, .events = POLLOUT, .revents = 0};
+        end = record + length;
+    }
+    return count;
+}
+
+// Goes on to the first record of which not all bytes were written.
+void CountWritten(KeldStream &stream, const Batch &batch, std::size_t bytes)
+{
+    while (bytes > 0) {
+        const std::byte *record = batch.bytes + stream.place;
+        const std::size_t length = KelRecord_TotalLength(record);
+        if (Wants(stream, record)) {
+            const std::size_t left = length - stream.begun;
+            if (bytes < left) {
+                stream.begun += bytes;
+                return;
+            }
+            bytes -= left;
+            stream.begun = 0;
+            ++stream.queued;
+        }
+        stream.place += length;
+    }
+}
+
+// Without waiting: 0 when the stream has all that it wants of the batch, EAGAIN, or another errno value.
+int WriteWanted(KeldStream &stream, const Batch &batch)
+{
+    iovec pieces[kPiecesMax];
+    while (const int count = Gather(stream, batch, pieces)) {
+        const ssize_t written = writev(stream.writeFd.Get(), pieces, count);
+        if (written < 0) return errno;
+        CountWritten(stream, batch, static_cast<std::size_t>(written));
+    }
+    return 0;
+}
+
+// Waits for the pipe as often as it is full: 0 or an errno value. What the exit flag finds not yet begun is
+// given up.
+int WriteRest(KeldStream &stream, Batch batch)
+{
+    for (;;) {
+        const int error = WriteWanted(stream, batch);
+        if (error != EAGAIN) return error;
+        pollfd full{.fd = stream.writeFd.Get(), .events = POLLOUT, .revents = 0};
         if (!KeldExitRequested()) {
             if (KeldPoll(&full, 1) < 0 && errno != EINTR) return errno;
-        } else if (written == 0) {
-            return ECANCELED;
+        } else if (stream.begun == 0) {
+            return 0;
         } else {
             // Half a record could leave its agent reading for ever; once nothing waits for the
             // receiver any more, the agent is soon here.
+            batch.size = stream.place + KelRecord_TotalLength(batch.bytes + stream.place);
             KeldSetStopping();
             (void)poll(&full, 1, -1);
         }
     }
-    return 0;
 }
 
 } // namespace
@@ -212,7 +286,9 @@ int WriteRecord(int fd, const std::byte *record, std::size_t length)
 int KeldSubscriptionAddDomain(KeldSubscription *subscription, const std::string &domain)
 {
     if (subscription->prefixCount == kKeldSubscriptionMax) return 1;
-    subscription->prefixes[static_cast<std::size_t>(subscription->prefixCount++)] = "kel." + domain;
+    std::string &prefix = subscription->prefixes[static_cast<std::size_t>(subscription->prefixCount++)];
+    prefix = "kel." + domain;
+    subscription->initials |= KeldInitial(prefix);
     return 0;
 }
 
@@ -220,18 +296,20 @@ int KeldSubscriptionAddExactId(KeldSubscription *subscription, const std::string
 {
     if (subscription->exactIdCount == kKeldSubscriptionMax) return 1;
     subscription->exactIds[static_cast<std::size_t>(subscription->exactIdCount++)] = id;
+    subscription->initials |= KeldInitial(id);
     return 0;
 }
 
 int KeldStreamRegister(KeldAgentName owner, const KeldSubscription &subscription, KeldStream **stream)
 try {
     auto made = std::make_unique<KeldStream>();
+    if (!made->ahead.Make()) return 1;
     int ends[2];
     if (pipe(ends) != 0) return 2;
     made->readFd = UniqueFd(ends[0]);
     made->writeFd = UniqueFd(ends[1]);
-    // KEPT: F_SETFD with this value leaves the read end blocking; the reader polls before every read
-    // and asks only for what it still wants. The write end does not block: see WriteRecord.
+    // KEPT: F_SETFD with this value leaves the read end blocking; the reader polls before every read.
+    // The write end does not block: see WriteRest.
     if (fcntl(ends[0], F_SETFD, 0x800) != 0 || fcntl(ends[1], F_SETFL, O_NONBLOCK) != 0) return 2;
     made->subscription = subscription;
     made->owner = std::move(owner);
@@ -260,48 +338,44 @@ int KeldStreamUnregister(KeldStream *stream)
 int KeldStreamReadKel(KeldStream *stream, Kel **kel, bool *complete)
 {
     *complete = false;
-    if (stream->record == nullptr) {
-        stream->record.reset(static_cast<std::byte *>(std::malloc(KELRECORD_HEADER_BYTES)));
-        if (stream->record == nullptr) return 2;
-        stream->filled = 0;
-        stream->wanted = KELRECORD_HEADER_BYTES;
-    }
-    if (stream->filled < KELRECORD_HEADER_BYTES) {
-        const int error = ReadWanted(stream);
+    KeldReadAhead &ahead = stream->ahead;
+    if (ahead.Lacking() > 0) {
+        const int error = ReadOnce(stream);
         if (error != 0) return error == EAGAIN ? 0 : 2;
+        if (ahead.Lacking() > 0) return 0;
     }
-    const std::uint32_t total = KelRecord_TotalLength(stream->record.get());
-    if (stream->filled == KELRECORD_HEADER_BYTES) {
-        auto *grown = static_cast<std::byte *>(std::realloc(stream->record.get(), total));
-        if (grown == nullptr) return 2;
-        (void)stream->record.release();
-        stream->record.reset(grown);
-        stream->wanted = total - KELRECORD_HEADER_BYTES;
-    }
-    const int error = ReadWanted(stream);
-    if (error != 0) return error == EAGAIN ? 0 : 2;
-
-    if (Kel_MakeKel(stream->record.get(), total, kel) != 0) return 1; // the bytes stay the stream's
-    (void)stream->record.release();
-    stream->filled = stream->wanted = 0;
+    const std::uint32_t total = KelRecord_TotalLength(ahead.First());
+    if (total == KELRECORD_HEADER_BYTES) EndOfFile(stream, 0); // KEPT: the two are not told apart
+    MallocPtr<std::byte> record(static_cast<std::byte *>(std::malloc(total)));
+    if (record == nullptr) return 2;
+    std::memcpy(record.get(), ahead.First(), total);
+    if (Kel_MakeKel(record.get(), total, kel) != 0) return 1;
+    (void)record.release();
+    ahead.Take(total);
     stream->taken.store(stream->taken.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     *complete = true;
     return 0;
 }
 
+bool KeldStreamHoldsKel(const KeldStream *stream) { return stream->ahead.Lacking() == 0; }
+
 namespace {
 
-// One read of exactly what is wanted: 0 when all of it came, EAGAIN when less did, or an errno value.
-int ReadWanted(KeldStream *stream)
+// 0 or an errno value.
+int ReadOnce(KeldStream *stream)
 {
-    const ssize_t count = read(stream->readFd.Get(), stream->record.get() + stream->filled, stream->wanted);
-    if (count == 0)
-        Panic("EOF trying to read %d bytes from stream %p\n", static_cast<int>(stream->wanted),
-              static_cast<void *>(stream));
+    const auto room = stream->ahead.Room();
+    const ssize_t count = read(stream->readFd.Get(), room.data(), room.size());
+    if (count == 0) EndOfFile(stream, stream->ahead.Lacking());
     if (count < 0) return errno;
-    stream->filled += static_cast<std::uint32_t>(count);
-    stream->wanted -= static_cast<std::uint32_t>(count);
-    return stream->wanted == 0 ? 0 : EAGAIN;
+    stream->ahead.Add(static_cast<std::size_t>(count));
+    return 0;
+}
+
+void EndOfFile(const KeldStream *stream, std::uint32_t lacking)
+{
+    Panic("EOF trying to read %d bytes from stream %p\n", static_cast<int>(lacking),
+          static_cast<const void *>(stream));
 }
 
 // Throws away what waits, if anything comes within a moment.

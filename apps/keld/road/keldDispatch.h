@@ -4,6 +4,7 @@
 #define KELD_DISPATCH_H
 
 #include "keldOwn.h"
+#include "keldReadAhead.h"
 
 #include <array>
 #include <atomic>
@@ -21,11 +22,18 @@ struct KeldSubscription {
     std::int32_t exactIdCount = 0;
     std::array<std::string, kKeldSubscriptionMax> prefixes; // "kel.net"
     std::array<std::string, kKeldSubscriptionMax> exactIds;
+    std::uint32_t initials = 0; // of what may match: most observations are told apart by them
 };
 
 // 0, or 1 when there are 10 already.
 int KeldSubscriptionAddDomain(KeldSubscription *subscription, const std::string &domain);
 int KeldSubscriptionAddExactId(KeldSubscription *subscription, const std::string &id);
+
+// The bit of an ID's first letter behind "kel.", in a set of them; all bits for an ID that has none.
+constexpr std::uint32_t KeldInitial(std::string_view id)
+{
+    return id.size() > 4 ? 1U << (static_cast<unsigned char>(id[4]) % 32) : ~0U;
+}
 
 // True for an ID that lies below a prefix ("kel.net.x" for "kel.net", neither "kel.net" nor
 // "kel.network.x"), or is an exact ID.
@@ -41,13 +49,16 @@ struct KeldStream {
     KeldSubscription subscription;
     KeldAgentName owner;
     // The reading agent's own.
-    MallocPtr<std::byte> record; // being assembled; null when none
-    std::uint32_t filled = 0;    // bytes of it that are there
-    std::uint32_t wanted = 0;    // bytes that the next read asks for
-    // Whole records: written by the main thread, taken out by the agent.
+    KeldReadAhead ahead;
+    // The main thread's own: how far the batch at hand is written.
+    std::size_t place = 0; // of its first record that is wanted and not wholly written
+    std::size_t begun = 0; // bytes of that one that are
+    // Whole records: written by the main thread, taken by the agent for its handler.
     std::uint64_t queued = 0;
-    std::atomic<std::uint64_t> taken = 0; // read at the end, when an agent may not have obeyed
-    std::uint64_t told = 0; // by the journal: the last that goes to the agent, also if it was given up since
+    std::atomic<std::uint64_t> taken = 0; // read at the exit, when an agent may not have obeyed
+    // By the main thread to the journal: the last one that goes to the agent, also when it was given up
+    // since.
+    std::uint64_t told = 0;
 };
 
 // Empties the list and makes the lock: 0 or an errno value. Main thread, before any agent.
@@ -61,9 +72,11 @@ int KeldStreamRegister(KeldAgentName owner, const KeldSubscription &subscription
 // until it has the lock, so that the main thread cannot wait for this agent meanwhile. Agent thread.
 int KeldStreamUnregister(KeldStream *stream);
 
-// Writes each whole record of the buffer to the matching streams, in order of registration. 0, also
-// when the exit flag ended it; or the errno of a write that failed. channel is where they came from: a
-// context's number. Main thread.
+// Writes the records of the buffer to the matching streams: to each with one write, unless its pipe is
+// full. First to all of them without waiting, then to those whose pipe was full, in order of registration.
+// 0, also when the exit flag ended it, or the errno of a write that failed: what is left of the batch is
+// then given to nobody, but never is half a record. channel is where they came from: a context's number.
+// Main thread.
 int KeldDispatch(std::int32_t channel, const std::byte *buffer, std::size_t byteCount);
 
 // How many observations have come in. Main thread.
@@ -75,8 +88,8 @@ void KeldDispatchTellLost();
 // How many streams are registered. Any thread.
 std::size_t KeldDispatchStreamCount();
 
-// How many whole records were written to pipes and never taken out. Main thread, when no agent runs any
-// more.
+// How many whole records were written to pipes and never taken for a handler. Main thread, when no agent
+// runs any more.
 std::uint64_t KeldDispatchWaiting();
 
 // Reads the stream's pipe until a whole record is there, over as many calls as it takes.
@@ -85,7 +98,12 @@ std::uint64_t KeldDispatchWaiting();
 // clear when the pipe ran dry (call again when readable); 1 when Kel_MakeKel refused the record;
 // 2 when the pipe could not be read. Panics on end of file: the dispatcher's state is broken.
 //
-// Never asks for more than the record still lacks. Agent thread only; takes no lock.
+// Reads all that waits and keeps what lies behind the record for the calls that follow. Agent thread only;
+// takes no lock.
 int KeldStreamReadKel(KeldStream *stream, Kel **kel, bool *complete);
+
+// True when the next KeldStreamReadKel needs no reading: poll does not tell of a record that was read
+// ahead. Agent thread only.
+bool KeldStreamHoldsKel(const KeldStream *stream);
 
 #endif

@@ -64,6 +64,7 @@ CREATE TABLE sum(minute INTEGER, kind INTEGER, agent INTEGER, code INTEGER, coun
     PRIMARY KEY(minute, kind, agent, code)) WITHOUT ROWID;
 CREATE TABLE noise(minute INTEGER, kind INTEGER, name INTEGER, count INTEGER, limited INTEGER,
     PRIMARY KEY(minute, kind, name)) WITHOUT ROWID;
+CREATE INDEX noiseName ON noise(name, kind, minute);
 CREATE TABLE kept(since INTEGER); -- what is older has gone
 )SQL";
 
@@ -109,7 +110,7 @@ try {
     Database database(file, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
     if (database.Number("SELECT count(*) FROM sqlite_schema") != 0) CheckKind(database, file);
     database.Run("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA cache_size = -65536;"
-                 "PRAGMA journal_size_limit = 67108864; PRAGMA wal_autocheckpoint = 4000;");
+                 "PRAGMA journal_size_limit = 67108864; PRAGMA wal_autocheckpoint = 2000;");
     // The log stays when the last one closes it: those who may only read need it.
     int stay = 1;
     sqlite3_file_control(database.Get(), "main", SQLITE_FCNTL_PERSIST_WAL, &stay);

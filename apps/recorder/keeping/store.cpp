@@ -8,7 +8,8 @@
 namespace {
 
 constexpr std::size_t kPortionMin = 2000;
-constexpr off_t kReserveBytes = 16 << 20;  // given up when the disk is full, so that deleting has room
+// Given up when the disk is full, so that deleting has room: the log of several batches, and more.
+constexpr off_t kReserveBytes = 64 << 20;
 constexpr std::size_t kNamesMax = 200'000; // kept in memory; all of them are in the database
 
 } // namespace

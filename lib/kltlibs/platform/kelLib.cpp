@@ -101,6 +101,7 @@ struct Host {
     std::array<std::unique_ptr<KelLibHandle>, kContexts> handles;
     std::array<int, KELLIB_ASYNC_CONTEXTS> asyncFds; // of handles, for the look-up at every read
     std::array<DropLog, kContexts> dropLogs;
+    KelLibDropObserver dropObserver = nullptr;
 };
 
 Host &TheHost()
@@ -137,7 +138,9 @@ void LogDrop(int context, std::size_t bytes, const char *reason)
 {
     char name[KELLIB_NAME_BYTES_MAX];
     NameOf(context, name);
-    TheHost().dropLogs[static_cast<std::size_t>(context)].Write(name, bytes, reason);
+    Host &host = TheHost();
+    host.dropLogs[static_cast<std::size_t>(context)].Write(name, bytes, reason);
+    if (host.dropObserver != nullptr) host.dropObserver(context, bytes, reason);
 }
 
 // What one read has gathered so far in the caller's buffer.
@@ -415,6 +418,8 @@ int KelLib_ReadFromFd(int fd, void *buffer, uint32_t size, uint32_t *byteCount)
     *byteCount = static_cast<uint32_t>(batch.used);
     return status;
 }
+
+void KelLib_SetDropObserver(KelLibDropObserver observer) { TheHost().dropObserver = observer; }
 
 int KelLib_Reset(KelLibHandle *handle)
 {

@@ -18,6 +18,7 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -106,6 +107,8 @@ SEAM(Send, ssize_t, send, (int fd, const void *buffer, size_t size, int flags), 
 SEAM(Sigaction, int, sigaction, (int signal, const struct sigaction *action, struct sigaction *before) noexcept, (signal, action, before))
 SEAM(Socket, int, socket, (int domain, int type, int protocol) noexcept, (domain, type, protocol))
 SEAM(Write, ssize_t, write, (int fd, const void *buffer, size_t size), (fd, buffer, size))
+// Not of the log, which is a file here: a line goes there in two pieces.
+SEAM_AT(count == 1 && Fails(Seam::Write), -1, ssize_t, writev, (int fd, const iovec *pieces, int count), (fd, pieces, count))
 SEAM_AT(Fails(Seam::Unlink, path), -1, int, unlink, (const char *path) noexcept, (path))
 SEAM_AT(const int error = Fault(Seam::Cancel), error, int, pthread_cancel, (pthread_t thread), (thread))
 SEAM_AT(const int error = Fault(Seam::Join), error, int, pthread_join, (pthread_t thread, void **result), (thread, result))

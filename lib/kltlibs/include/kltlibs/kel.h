@@ -94,6 +94,11 @@ int KelLib_HandleToName(const KelLibHandle *handle, char name[KELLIB_NAME_BYTES_
 // What is not wholly made of valid records is consumed and dropped with a diagnostic line.
 int KelLib_ReadFromFd(int fd, void *buffer, uint32_t size, uint32_t *byteCount);
 
+// Whom to tell of everything that is dropped, also where no diagnostic line is written any more: from which
+// context, how many bytes, and why. Called while reading; null is nobody.
+typedef void (*KelLibDropObserver)(int32_t context, size_t bytes, const char *reason);
+void KelLib_SetDropObserver(KelLibDropObserver observer);
+
 // 0 or an errno value; throws away what waits on the channel.
 int KelLib_Reset(KelLibHandle *handle);
 
