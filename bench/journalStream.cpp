@@ -1,4 +1,4 @@
-// journal_stream COUNT RATE [START]: writes a daemon's journal of COUNT observations, RATE a second of its
+// keld-journal-stream COUNT RATE [START]: writes a daemon's journal of COUNT observations, RATE a second of its
 // own time from START (seconds since the epoch) on, to standard output: what a recorder is measured with.
 //
 // A tenth of them leads to an event, a fifth is gathered, most of the rest is held back. 200 devices.
@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fmt/format.h>
 #include <kltlibs/journalrecord.h>
 #include <kltlibs/plingrecord.h>

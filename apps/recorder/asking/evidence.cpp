@@ -100,7 +100,7 @@ Evidence FindEvidence(Database &database, const TimeSpan &span, bool beingRecord
     if (span.since < begin)
         gaps.push_back({span.since,
                         begin,
-                        kept != 0 ? "what is older is not kept any more" : "nothing was recorded yet",
+                        kept >= begin ? "what is older is not kept any more" : "nothing was recorded yet",
                         {}});
     for (size_t i = 1; i < rows.size(); i++)
         FindGap(rows[i - 1], rows[i], &gaps);

@@ -3,13 +3,14 @@
 #include <algorithm>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr std::size_t kPortionMin = 2000;
 // Given up when the disk is full, so that deleting has room: the log of several batches, and more.
-constexpr off_t kReserveBytes = 64 << 20;
+constexpr std::uint64_t kReserveBytes = 64 << 20;
 constexpr std::size_t kNamesMax = 200'000; // kept in memory; all of them are in the database
 
 } // namespace
@@ -244,20 +245,31 @@ std::uint64_t Store::BytesUsed()
 
 void Store::MakeReserve()
 {
+    // Not as long as it would fill the disk anew.
+    struct statvfs disk {};
+    if (statvfs(mFile.c_str(), &disk) != 0 || disk.f_bavail * disk.f_frsize < 2 * kReserveBytes) return;
     UniqueFd fd(open((mFile + ".reserve").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    if (fd && posix_fallocate(fd.Get(), 0, kReserveBytes) != 0 && ftruncate(fd.Get(), 0) != 0) return;
+    if (fd && posix_fallocate(fd.Get(), 0, static_cast<off_t>(kReserveBytes)) != 0 &&
+        ftruncate(fd.Get(), 0) != 0)
+        return;
+}
+
+// Begins the log anew in the space that it has already. As much as the disk allows.
+void Store::Checkpoint()
+{
+    sqlite3_exec(Data().Get(), "PRAGMA wal_checkpoint(RESTART)", nullptr, nullptr, nullptr);
 }
 
 void Store::MakeRoom(std::uint64_t now)
 {
     unlink((mFile + ".reserve").c_str());
-    Data().Run("PRAGMA wal_checkpoint(TRUNCATE)");
+    Checkpoint();
     auto rows = static_cast<std::size_t>(Data().Number("SELECT count(*) FROM observation"));
     DeleteBefore(TimeOfRow(rows / 10 + 1).value_or(static_cast<std::int64_t>(now)) + 1);
     Statement(Data(), "INSERT INTO notice(time, until, kind, text, count) VALUES(?, ?, ?, ?, NULL)")
         .With(now, now, NoticeKind::kLimit,
               std::string_view("the disk is full: the oldest tenth of the recording went"))
         .Run();
-    Data().Run("PRAGMA wal_checkpoint(TRUNCATE)");
+    Checkpoint();
     MakeReserve();
 }

@@ -48,6 +48,7 @@ private:
     std::optional<std::int64_t> TimeOfRow(std::size_t rows);
     std::uint64_t BytesUsed();
     void MakeReserve();
+    void Checkpoint();
     void MakeRoom(std::uint64_t now);
 
     Recording *mRecording;
