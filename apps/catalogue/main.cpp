@@ -1,17 +1,19 @@
 // Writes the catalogue: every event that the daemon can post and every observation that it knows, read
 // out of the daemon's own tables.
 //
-//     keld-catalogue --json FILE --markdown FILE
+//     keld-catalogue --explain FOLDER --json FILE --markdown FILE
 //
-// The JSON is for the tools, which render event texts from it; the Markdown is docs/events.md.
+// The folder holds what explains the events (explanations.h). The JSON is for the tools, which render event
+// texts from it; the Markdown is docs/events.md.
 
+#include "explanations.h"
 #include "keldDomain.h"
 #include "keldDomains.h"
+#include "markdown.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/args.h>
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -66,6 +68,13 @@ std::string InWords(const KeldLimit &limit)
     return fmt::format("{} {}", number, unit);
 }
 
+// By name; nothing for a note without any.
+void AddLimits(ordered_json *entry, const KeldNote &note)
+{
+    for (const KeldLimit &limit : note.limits)
+        if (limit.name != nullptr) (*entry)["limits"][limit.name] = InWords(limit);
+}
+
 // The note with its numbers; throws when it shows one that is not beside it.
 std::string Composed(const KeldNote &note)
 {
@@ -111,11 +120,12 @@ private:
         mAgents.push_back({{"name", std::string(domain.name) + "Correlator"},
                            {"domains", std::move(domains)},
                            {"otherwise", Composed(domain.otherwise)}});
+        AddLimits(&mAgents.back(), domain.otherwise);
         for (const KeldObservation &row : domain.observations) {
             ordered_json becomes = ordered_json::array();
             for (const EventText *event : row.posts)
                 if (event != nullptr) becomes.push_back(AddEvent(*event));
-            AddObservation(domain, row.id, row.arguments, becomes, Composed(row.note));
+            AddObservation(domain, row.id, row.arguments, becomes, row.note);
         }
         for (const Translation &row : domain.translations.rows)
             AddObservation(domain, row.id, row.arguments, {AddEvent(row.event)}, "");
@@ -124,7 +134,7 @@ private:
     }
 
     void AddObservation(const KeldDomain &domain, const char *id, const KeldArguments &arguments,
-                        const ordered_json &becomes, const std::string &note)
+                        const ordered_json &becomes, const KeldNote &note)
     {
         ordered_json entry = {{"id", id},
                               {"domain", DomainOf(domain, id)},
@@ -132,7 +142,8 @@ private:
                               {"arguments", ArgumentList(arguments.shape, arguments.names)}};
         AddObject(&entry, arguments.names);
         entry["becomes"] = becomes;
-        if (!note.empty()) entry["note"] = note;
+        if (const std::string text = Composed(note); !text.empty()) entry["note"] = text;
+        AddLimits(&entry, note);
         mObservations.push_back(std::move(entry));
     }
 
@@ -206,90 +217,6 @@ private:
     ordered_json mObservations = ordered_json::array();
 };
 
-// A text as one line of a table cell.
-std::string Cell(std::string text)
-{
-    std::string escaped;
-    for (const char c : text) {
-        if (c == '|') escaped += '\\';
-        if (c == '\t')
-            escaped += "\\t";
-        else
-            escaped += c;
-    }
-    return escaped;
-}
-
-// The arguments of an event or observation, its object in bold.
-std::string NameList(const ordered_json &entry)
-{
-    std::string list;
-    for (const ordered_json &argument : entry["arguments"]) {
-        const bool isObject = entry.value("object", "") == argument["name"];
-        list += fmt::format("{0}{1}{2}{1} ({3})", list.empty() ? "" : ", ", isObject ? "**" : "",
-                            argument["name"].get<std::string>(), argument["type"].get<std::string>());
-    }
-    return list;
-}
-
-std::string CodeList(const ordered_json &names)
-{
-    std::string list;
-    for (const ordered_json &name : names)
-        list += fmt::format("{}`{}`", list.empty() ? "" : ", ", name.get<std::string>());
-    return list;
-}
-
-std::string Markdown(const ordered_json &catalogue)
-{
-    std::string page =
-        "# Events and observations\n\n"
-        "Written by `keld-catalogue` from the daemon's own tables when it is built; do not edit. "
-        "`keladm events` lists the same. The argument in bold is the object: what the event or observation "
-        "is about.\n\n## Events\n";
-    for (const char *cls : {"problem", "clear", "audit"}) {
-        page += fmt::format(
-            "\n### Class {}\n\n| Event type | Text | Arguments | Pairing |\n|---|---|---|---|\n", cls);
-        for (const ordered_json &event : catalogue["events"]) {
-            if (event["class"] != cls) continue;
-            std::string pairing;
-            if (event.contains("clears"))
-                pairing = "ends " + CodeList(event["clears"]);
-            else if (event.contains("clearedBy"))
-                pairing = "ended by " + CodeList(event["clearedBy"]);
-            if (event.contains("clearedBy"))
-                pairing += event["pairedOn"].empty()
-                               ? ", whatever the arguments"
-                               : fmt::format(
-                                     " of the same {}",
-                                     fmt::join(event["pairedOn"].get<std::vector<std::string>>(), " and "));
-            page += fmt::format("| `{}` | {} | {} | {} |\n", event["type"].get<std::string>(),
-                                Cell(event["text"].get<std::string>()), NameList(event), pairing);
-        }
-    }
-    page += "\n## Observations\n";
-    for (const ordered_json &agent : catalogue["agents"]) {
-        std::string below;
-        for (const ordered_json &domain : agent["domains"])
-            below += fmt::format("{}`kel.{}.`", below.empty() ? "" : " and ", domain.get<std::string>());
-        page += fmt::format("\n### {} ({})\n\n", agent["name"].get<std::string>(), below);
-        std::string rows;
-        for (const ordered_json &row : catalogue["observations"]) {
-            if (row["agent"] != agent["name"]) continue;
-            std::string becomes = CodeList(row["becomes"]);
-            if (row.contains("note"))
-                becomes += (becomes.empty() ? "" : ": ") + row["note"].get<std::string>();
-            rows += fmt::format("| `{}` | {} | {} |\n", row["id"].get<std::string>(), NameList(row),
-                                Cell(becomes));
-        }
-        if (!rows.empty()) page += "| Observation | Arguments | Becomes |\n|---|---|---|\n" + rows + "\n";
-        page += "Any other: " + agent["otherwise"].get<std::string>();
-        if (agent.contains("otherwiseBecomes")) page += ", " + CodeList(agent["otherwiseBecomes"]);
-        page += ".\n";
-    }
-    return page;
-}
-
 void WriteFile(const std::string &file, const std::string &content)
 {
     std::ofstream stream(file, std::ios::trunc);
@@ -301,13 +228,16 @@ void WriteFile(const std::string &file, const std::string &content)
 
 int main(int argc, char **argv)
 try {
+    std::string explanations;
     std::string json;
     std::string markdown;
     CLI::App app{"Writes the catalogue of events and observations."};
+    app.add_option("--explain", explanations, "the folder of explanations")->required();
     app.add_option("--json", json, "the catalogue for the tools");
     app.add_option("--markdown", markdown, "the catalogue for people");
     CLI11_PARSE(app, argc, argv);
-    const ordered_json catalogue = Catalogue(keldCorrelators).Json();
+    ordered_json catalogue = Catalogue(keldCorrelators).Json();
+    AddExplanations(&catalogue, explanations);
     if (!json.empty()) WriteFile(json, catalogue.dump(1) + "\n");
     if (!markdown.empty()) WriteFile(markdown, Markdown(catalogue));
     return 0;

@@ -22,6 +22,7 @@
 #include "keldPling.h"
 #include "keldSignal.h"
 #include "keldStarter.h"
+#include "keldStatus.h"
 #include "keldTrace.h"
 
 #include <kltlibs/kif.h>
@@ -103,12 +104,15 @@ int KeldMain(int argc, char **argv, bool optionalAgents)
     int code = daemon.Start(asyncEnable, optionalAgents);
     const bool started = code == 0;
     if (started) {
+        KeldStatusPhase(KeldPhase::Serves);
         TellReady();
         code = daemon.Loop();
         KeldNotify("STOPPING=1");
     }
+    KeldStatusPhase(KeldPhase::Leaves);
     daemon.Stop();
     KeldLog("Exiting. rc:%d\n", code);
+    KeldStatusPhase(KeldPhase::Ended, code);
     if (started) TellEnd(code);
     if (started) TellJournalEnd(code);
     return code;
@@ -158,6 +162,7 @@ int Daemon::Start(bool asyncEnable, bool optionalAgents)
         if ((error = KeldChannelOpen(&channel, &fd)) != 0) return RefuseChannel(channel, error);
         mPoll.Append(fd);
     }
+    KeldStatusOpen(KELD_VERSION); // no other daemon has the run directory now
     KelLib_SetDropObserver(TellDropped);
     const int traceListener = KeldTraceOpen(nullptr);
     if (traceListener < 0) KeldLog("Trace socket cannot be opened: %s\n", std::strerror(errno));
@@ -232,6 +237,7 @@ void TellJournalEnd(int code)
 
 void TellDropped(std::int32_t channel, std::size_t bytes, const char *why)
 {
+    KeldStatusDropped(static_cast<std::size_t>(channel));
     KeldJournalTell([=] { return JournalDropped{channel, bytes, why}; });
 }
 
@@ -254,7 +260,10 @@ int Daemon::Loop()
             KeldLog("Exiting due to signal.\n");
             return 0;
         }
-        if (KeldPoll(mPoll.slots.get(), mPoll.used) < 0) {
+        KeldStatusStands(KeldStanding::Idle);
+        const int ready = KeldPoll(mPoll.slots.get(), mPoll.used);
+        KeldStatusStands(KeldStanding::Works);
+        if (ready < 0) {
             if (errno == EINTR) continue;
             return -1;
         }

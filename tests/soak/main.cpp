@@ -1,5 +1,6 @@
-// The soak: a host's whole traffic at full speed, with trace clients and producers that come and go and
-// a receiver that goes away, while a ledger says what must come out.
+// The soak: a host's whole traffic at full speed, with trace clients, listeners to the journal and
+// producers that come and go and a receiver that goes away, while a ledger says what must come out, and the
+// journal's own books what has.
 //
 //     soak_tests [--seed N] [--seconds N] [--hand-clock]
 //
@@ -9,6 +10,7 @@
 
 #include "daemon.h"
 #include "eventSink.h"
+#include "journalReader.h"
 #include "ledger.h"
 #include "runDir.h"
 #include "traceClient.h"
@@ -20,6 +22,7 @@
 #include <chrono>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
 #include <optional>
@@ -57,6 +60,8 @@ protected:
         EXPECT_TRUE(daemon->WaitUntilReady());
         TraceClient client = Connect();
         client.History(); // served: by now all threads run
+        journal.emplace();
+        EXPECT_TRUE(Visit(*journal, 1)); // the hello
         threadsBefore = daemon->ThreadCount() - 2;
         descriptorsBefore = daemon->DescriptorCount() - 1;
     }
@@ -173,6 +178,32 @@ protected:
         return true;
     }
 
+    // Reads that many entries, or to the end; the books of it must be right.
+    bool Visit(JournalReader &reader, std::uint64_t entries)
+    {
+        std::uint64_t read = 0;
+        reader.seen = [&](const JournalEntry &) { ++read; };
+        const bool whole = reader.ReadUntil([&] { return read >= entries || watchersStop; });
+        reader.seen = nullptr;
+        for (const std::string &fault : reader.ledger.Faults())
+            ADD_FAILURE() << "journal: " << fault;
+        return whole;
+    }
+
+    // Comes and goes without a word, and looks away for a while now and then.
+    void Listen(Dice dice)
+    {
+        for (; !watchersStop && !Failed(); ++listened) {
+            JournalReader reader;
+            Visit(reader, 1 + dice.Below(50'000));
+            if (dice.Below(4) != 0) continue;
+            const std::uint64_t until = sent + dice.Below(400'000);
+            WaitUntil([&] { return watchersStop || sent >= until; });
+            Visit(reader, 1 + dice.Below(50'000));
+            missing += reader.ledger.Total().missing;
+        }
+    }
+
     // ---- What happens meanwhile: the receiver goes and comes, and the clock is moved
 
     void Steer(Clock::time_point end)
@@ -190,20 +221,23 @@ protected:
     Ledger ledger{traffic};
     EventSink receiver; // the books' thread's
     std::optional<Daemon> daemon;
+    std::optional<JournalReader> journal; // from the first observation to the last
     std::size_t threadsBefore = 0, descriptorsBefore = 0;
     std::vector<std::size_t> memory;
 
     std::atomic<bool> producersStop = false, watchersStop = false, receiverAway = false;
     std::atomic<bool> quiet = false, even = false, closing = false; // of the books
     std::atomic<bool> booksAreUpToDate = true;
-    std::atomic<std::uint64_t> sent = 0, visits = 0, turnedAway = 0;
+    std::atomic<std::uint64_t> sent = 0, visits = 0, turnedAway = 0, listened = 0, missing = 0;
 };
 
 TEST_F(Soak, EverythingComesOutEven)
 {
     const auto begin = Clock::now();
     std::jthread books([this] { KeepBooks(); });
+    std::jthread journalBooks([this] { EXPECT_TRUE(journal->ReadToTheEnd()); });
     std::vector<std::jthread> watching, producing;
+    watching.emplace_back([this] { Listen({seed + 4000}); });
     for (std::uint64_t i = 0; i < 2; ++i) {
         watching.emplace_back([this, i] { Watch({seed + 1000 + i}); });
         producing.emplace_back([this, i] { Produce(false, {seed + 2000 + i}); });
@@ -228,9 +262,15 @@ TEST_F(Soak, EverythingComesOutEven)
     EXPECT_EQ(0, daemon->Terminate()) << daemon->Output();
     closing = true;
     books.join();
+    journalBooks.join();
 
     EXPECT_EQ("", ledger.Owed());
     const Ledger::Counts &total = ledger.Total();
+    const JournalLedger::Sums &told = journal->ledger.Total();
+    EXPECT_THAT(journal->ledger.Faults(), testing::IsEmpty());
+    EXPECT_EQ(told.handed, told.fates + told.lost);
+    EXPECT_TRUE(told.missing > 0 ||
+                (told.observations == sent && told.events == total.posted + total.dropped));
     EXPECT_GE(total.disconnected, turnedAway);
     const auto half = memory.begin() + static_cast<std::ptrdiff_t>(memory.size() / 2 + 1);
     const std::size_t level = *std::max_element(memory.begin(), half);
@@ -241,6 +281,10 @@ TEST_F(Soak, EverythingComesOutEven)
                sent.load(), static_cast<double>(sent) / took.count(), total.takenIn, visits.load(),
                total.posted, total.dropped, total.delivered, total.queued, total.resent, total.abandoned,
                level / 1024, memoryAfter / 1024);
+    fmt::print("journal: {} of {} handed, {} fates, {} lost, {} entries missing; {} other listeners, which "
+               "missed {}\n",
+               told.handed, told.observations, told.fates, told.lost, told.missing, listened.load(),
+               missing.load());
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include <regex>
 #include <set>
 #include <sstream>
+#include <statusFormats.h>
 
 namespace {
 
@@ -44,7 +45,8 @@ RecordBytes Dump(const std::string &text)
         std::istringstream words(line.substr(0, line.find(';')));
         std::size_t at = 0;
         words >> at;
-        EXPECT_EQ(bytes.size(), at) << line;
+        EXPECT_LE(bytes.size(), at) << line;
+        bytes.resize(at); // zeros
         for (std::string byte; words >> byte;)
             bytes.push_back(static_cast<std::byte>(std::stoi(byte, nullptr, 16)));
     }
@@ -85,6 +87,17 @@ TEST_F(DocumentTest, TheJournalsExampleIsWhatIsWritten)
     Journal_Append(&written, 12, 1772366400000000, JournalDeliveryEntry{1, JournalDelivery::Delivered, 1});
     const auto bytes = std::as_bytes(std::span(written));
     EXPECT_EQ(RecordBytes(bytes.begin(), bytes.end()), Dump(Example(formats, "The journal")));
+}
+
+TEST_F(DocumentTest, TheStatusFileIsReadAsItSays)
+{
+    RecordBytes bytes = Dump(Example(formats, "The status file"));
+    bytes.resize(sizeof(KeldStatusFile));
+    const auto report = StatusJson(JudgeStatus(DecodeStatusFile(bytes), {}, ""));
+    EXPECT_EQ(R"([{"name":"SCSICorrelator","alive":true,"stands":"posting, waits for the receiver",)"
+              R"("seconds":0.0,"received":25,"waiting":1,"fates":{"posted":24}}])",
+              report["agents"].dump());
+    EXPECT_EQ(R"({"delivered":24})", report["events"].dump());
 }
 
 TEST_F(DocumentTest, TheListOfEventsIsTheCataloguesOwn)

@@ -140,7 +140,9 @@ int RunKeladm(int argc, char **argv)
     AddTraceCommand(app, &chosen);
     AddJournalCommand(app, &chosen);
     AddEventsCommand(app, &chosen);
+    AddExplainCommand(app, &chosen);
     AddHostCommand(app, &chosen);
+    AddStatusCommand(app, &chosen);
     AddCompletionCommand(app, &chosen);
     AddExternalCommands(app);
 

@@ -24,7 +24,9 @@ void AddReceiveCommand(CLI::App &app, Command *chosen);
 void AddTraceCommand(CLI::App &app, Command *chosen);
 void AddJournalCommand(CLI::App &app, Command *chosen);
 void AddEventsCommand(CLI::App &app, Command *chosen);
+void AddExplainCommand(CLI::App &app, Command *chosen);
 void AddHostCommand(CLI::App &app, Command *chosen);
+void AddStatusCommand(CLI::App &app, Command *chosen);
 void AddCompletionCommand(CLI::App &app, Command *chosen);
 void AddExternalCommands(CLI::App &app); // for help and completion: RunExternalCommand carries them out
 

@@ -1,6 +1,7 @@
 #include "catalogue.h"
 #include "commands.h"
 #include "console.h"
+#include "explanationWords.h"
 #include "jsonLine.h"
 #include "text.h"
 
@@ -19,6 +20,7 @@ struct EventsOptions {
     std::string catalogue;
     bool asJson = false;
     bool names = false;
+    bool asLong = false;
 };
 
 json ArgumentsJson(const std::vector<CatalogueArgument> &arguments)
@@ -117,6 +119,9 @@ json ToJson(const CatalogueAgent &agent, const std::string &name)
 const std::string &NameOf(const CatalogueEvent &event) { return event.type; }
 const std::string &NameOf(const CatalogueObservation &observation) { return observation.id; }
 
+std::string LongText(const CatalogueEvent &event) { return ExplanationText(event); }
+std::string LongText(const CatalogueObservation &) { return ""; }
+
 bool AnyMatches(const std::string &glob, const std::vector<std::string> &types)
 {
     return std::ranges::any_of(types, [&](const std::string &type) { return GlobMatches(glob, type); });
@@ -140,7 +145,7 @@ int Events(const EventsOptions &options)
             shown++;
             out.Line(options.names    ? NameOf(entry)
                      : options.asJson ? JsonLine(ToJson(entry))
-                                      : Readable(entry));
+                                      : Readable(entry) + (options.asLong ? LongText(entry) : ""));
         }
     };
     show(catalogue.observations);
@@ -172,7 +177,10 @@ void AddEventsCommand(CLI::App &app, Command *chosen)
     events->add_option("GLOB", options->match, "Only IDs that match, * and ? being wild cards");
     AddCatalogueOption(*events, &options->catalogue);
     auto asJson = events->add_flag("--json", options->asJson, "One JSON object a line");
-    events->add_flag("--names", options->names, "Only the IDs")->excludes(asJson);
+    auto names = events->add_flag("--names", options->names, "Only the IDs")->excludes(asJson);
+    events->add_flag("--long", options->asLong, "With what each event means, and what to do about it")
+        ->excludes(asJson)
+        ->excludes(names);
     events->footer(R"(
 An observation is listed by its own ID and by those of the events that it leads to.
 (object) marks the argument that an observation or an event is about. A problem shows

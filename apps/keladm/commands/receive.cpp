@@ -1,6 +1,7 @@
 #include "commands.h"
 #include "console.h"
 #include "eventWords.h"
+#include "explanationWords.h"
 #include "jsonLine.h"
 
 #include <CLI/CLI.hpp>
@@ -53,15 +54,26 @@ private:
 
 struct ReceiveOptions {
     bool asJson = false;
+    bool explain = false;
     std::uint64_t count = 0; // 0: no end
     std::optional<std::chrono::milliseconds> timeout;
     std::string output;
     std::string catalogue;
 };
 
+// Below the event's line; nothing for what the catalogue does not know.
+std::string Explanation(const ReceivedRecord &record, const std::optional<Catalogue> &catalogue)
+{
+    const CatalogueEvent *entry =
+        record.event && catalogue ? catalogue->Find(record.event->typeId) : nullptr;
+    if (entry == nullptr) return "";
+    return (ExplanationText(*entry, &*record.event) + "\n").substr(1);
+}
+
 int Receive(const ReceiveOptions &options)
 {
-    auto catalogue = FindCatalogue(options.catalogue);
+    auto catalogue =
+        options.explain ? NeededCatalogue(options.catalogue) : FindCatalogue(options.catalogue);
     auto until = options.timeout ? Clock::now() + *options.timeout : Clock::time_point::max();
     EventFile file(options.output); // may be a pipe that waits for its reader: interruptible still
     StopSignal stop;
@@ -81,6 +93,7 @@ int Receive(const ReceiveOptions &options)
             std::string line = JsonLine(RecordJson(record, catalogue));
             file.Line(line);
             out.ColouredLine(options.asJson ? line : RecordLine(record, catalogue, out.Colour()));
+            if (options.explain) out.Text(Explanation(record, catalogue));
             if (record.event) shown++;
         }
         out.Flush();
@@ -107,7 +120,9 @@ void AddReceiveCommand(CLI::App &app, Command *chosen)
     auto options = std::make_shared<ReceiveOptions>();
 
     CLI::App *receive = app.add_subcommand("receive", "Show the events that the daemon sends");
-    receive->add_flag("--json", options->asJson, "One JSON object a line");
+    auto asJson = receive->add_flag("--json", options->asJson, "One JSON object a line");
+    receive->add_flag("--explain", options->explain, "Below each event what it means, and what to do")
+        ->excludes(asJson);
     AddCountOption(*receive, &options->count, "events");
     AddTimeoutOption(*receive, &options->timeout);
     receive->add_option("-o,--output", options->output, "Append the events to FILE as JSON lines, too")

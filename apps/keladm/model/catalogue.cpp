@@ -44,6 +44,9 @@ CatalogueEvent ReadEvent(const json &entry)
     event.clearedBy = entry.value("clearedBy", Texts{});
     event.pairedOn = entry.value("pairedOn", Texts{});
     event.remembered = entry.value("remembered", false);
+    const json explanation = entry.value("explanation", json::object());
+    event.explanation = {explanation.value("meaning", ""), explanation.value("impact", ""),
+                         explanation.value("action", "")};
     if (!event.type.starts_with("nox." + event.eventClass + "."))
         throw std::runtime_error(
             fmt::format("type \"{}\" is not of the class \"{}\"", event.type, event.eventClass));
@@ -54,13 +57,15 @@ CatalogueObservation ReadObservation(const json &entry)
 {
     return {entry.at("id").get<std::string>(), entry.at("domain").get<std::string>(),
             ReadArgumentList(entry),           entry.value("object", ""),
-            entry.value("becomes", Texts{}),   entry.value("note", "")};
+            entry.value("becomes", Texts{}),   entry.value("note", ""),
+            entry.value("agent", "")};
 }
 
 CatalogueAgent ReadAgent(const json &entry)
 {
     return {entry.at("name").get<std::string>(), entry.at("domains").get<Texts>(),
-            entry.at("otherwise").get<std::string>(), entry.value("otherwiseBecomes", Texts{})};
+            entry.at("otherwise").get<std::string>(), entry.value("otherwiseBecomes", Texts{}),
+            entry.value("emitters", Texts{})};
 }
 
 // Reads every entry of one of the lists.

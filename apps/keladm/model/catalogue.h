@@ -2,22 +2,25 @@
 //
 //     {"version": 1,
 //      "agents": [{"name": "NetCorrelator", "domains": ["net"], "otherwise": "ignored",
-//                  "otherwiseBecomes": ["nox..."]}],
+//                  "otherwiseBecomes": ["nox..."], "emitters": ["The network stack..."]}],
 //      "events": [{"type": "nox.problem.net...", "class": "problem", "text": "NIC %s is down.",
 //                  "arguments": [{"name": "nic", "type": "string"}], "object": "nic",
-//                  "clearedBy": ["nox.clear..."], "pairedOn": ["nic"]},
+//                  "clearedBy": ["nox.clear..."], "pairedOn": ["nic"],
+//                  "explanation": {"meaning": "...", "impact": "...", "action": "..."}},
 //                 {"type": "nox.clear.net...", ..., "clears": ["nox.problem..."], "remembered": true}],
-//      "observations": [{"id": "kel.net...", "domain": "net", "arguments": [...],
+//      "observations": [{"id": "kel.net...", "domain": "net", "agent": "NetCorrelator", "arguments": [...],
 //                        "object": "nic", "becomes": ["nox..."], "note": "..."}]}
 //
 // Argument types are string, int32, uint32, int64 and uint64; of an observation also uuid, which is sent
 // as nine numbers (%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx). The object is the argument that
 // it is about. A problem's pairedOn names the arguments by which it and its clears are matched; when it is
-// empty, a clear ends every problem of the type. The agents, an agent's otherwiseBecomes, an object, an
-// event's clears, clearedBy, pairedOn and remembered and an observation's becomes and note may be absent;
-// other keys are passed over.
+// empty, a clear ends every problem of the type. The agents, an agent's otherwiseBecomes and emitters, an
+// object, an event's clears, clearedBy, pairedOn, remembered and explanation and an observation's agent,
+// becomes and note may be absent; other keys are passed over.
 #ifndef KELADM_CATALOGUE_H
 #define KELADM_CATALOGUE_H
+
+#include "failure.h"
 
 #include <optional>
 #include <string>
@@ -27,6 +30,11 @@
 struct CatalogueArgument {
     std::string name;
     std::string type;
+};
+
+// Of an event: one to three sentences each, {nic} standing for its argument of that name.
+struct CatalogueExplanation {
+    std::string meaning, impact, action;
 };
 
 struct CatalogueEvent {
@@ -39,6 +47,7 @@ struct CatalogueEvent {
     std::vector<std::string> clearedBy;
     std::vector<std::string> pairedOn; // of a problem with its clears
     bool remembered = false;           // a clear that only the daemon posts that posted the problem
+    CatalogueExplanation explanation;
 };
 
 struct CatalogueObservation {
@@ -48,6 +57,7 @@ struct CatalogueObservation {
     std::string object; // the name of one of them; empty for none
     std::vector<std::string> becomes;
     std::string note;
+    std::string agent; // the one whose domain it is of
 };
 
 // What becomes of the observations of its domains that are not listed.
@@ -56,6 +66,7 @@ struct CatalogueAgent {
     std::vector<std::string> domains;
     std::string otherwise;
     std::vector<std::string> becomes;
+    std::vector<std::string> emitters; // of each domain, who emits its observations
 };
 
 struct Catalogue {

@@ -33,7 +33,7 @@ TraceConnection::TraceConnection()
 int TraceConnection::Connect()
 {
     sockaddr_un address = SocketAddress(RunDirectoryPath("keld-trace.sock"));
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd || connect(fd.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         return errno;
     ucred peer{};
@@ -54,6 +54,7 @@ std::optional<std::string> TraceConnection::Proceed()
         mSplitter.Append({buffer, static_cast<size_t>(count)});
         return std::nullopt;
     }
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) return std::nullopt;
     mFd.Reset();
     mEnded = Clock::now();
     mSplitter = {}; // what has come of a line that was cut comes again, or is missing

@@ -1,6 +1,7 @@
 #include "keldAlarm.h"
 
 #include "keldMutex.h"
+#include "keldStatus.h"
 
 #include <kltlibs/kthread.h>
 #include <kltlibs/ktime.h>
@@ -39,6 +40,7 @@ std::uint64_t Now() REQUIRES(alarms.keldAlarmMutex)
 void *KeldAlarmThread(void *)
 {
     KThreadBase_SetName("KeldAlarm");
+    KeldStatusAlarmThreadBegins();
     for (;;) {
         KeldAlarmHandler fire = nullptr;
         {
@@ -48,7 +50,9 @@ void *KeldAlarmThread(void *)
             if (fire == nullptr)
                 KTime_WaitUntil(alarms.keldAlarmMapUpdated, lock.Waitable(), step.waitUntil);
         }
-        if (fire != nullptr) fire();
+        if (fire == nullptr) continue;
+        const KeldStatusScope works(KeldStanding::Works);
+        fire();
     }
 }
 

@@ -1,6 +1,7 @@
 #include "keldFate.h"
 
 #include "keldJournal.h"
+#include "keldStatus.h"
 
 #include <kltlibs/ktime.h>
 
@@ -26,13 +27,13 @@ thread_local Present tPresent;
 
 std::atomic<std::uint64_t> gMissing{0};
 
-void Render(char *text, const char *format, va_list args)
+__attribute__((format(printf, 2, 0))) void Render(char *text, const char *format, va_list args)
 {
     text[0] = '\0';
     if (KeldJournalHeard()) (void)std::vsnprintf(text, kKeldFateCharsMax + 1, format, args);
 }
 
-void Say(Said who, KeldFate fate, const char *format, va_list args)
+__attribute__((format(printf, 3, 0))) void Say(Said who, KeldFate fate, const char *format, va_list args)
 {
     Present &present = tPresent;
     if (!present.handling || who < present.said) return;
@@ -85,6 +86,7 @@ KeldHandling::KeldHandling(KeldOrigin origin)
 KeldHandling::~KeldHandling()
 {
     Present &present = tPresent;
+    if (present.said != Said::Not) KeldStatusFate(present.fate);
     if (present.said == Said::Not)
         gMissing.fetch_add(1, std::memory_order_relaxed);
     else if (present.origin.count != 0)

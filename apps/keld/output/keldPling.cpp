@@ -12,6 +12,7 @@
 #include "keldMutex.h"
 #include "keldOwn.h"
 #include "keldSignal.h"
+#include "keldStatus.h"
 #include "keldTrace.h"
 #include "keldUtil.h"
 
@@ -98,6 +99,7 @@ private:
 
 void TellDelivery(std::uint64_t event, JournalDelivery state, unsigned tries)
 {
+    KeldStatusEvent(state);
     KeldJournalTell([=] { return JournalDeliveryEntry{event, state, tries}; });
 }
 
@@ -136,6 +138,7 @@ void PutWord(std::byte *record, std::size_t at, std::size_t value)
 void KeldPlingInit()
 {
     gRetryAlarm = KeldAlarmRegister(KeldPlingAlarmHandler);
+    KeldStatusLimit(0, 0, kRateEventsMax);
     if (KIF_Get(KIF_NODE_system_systemUuid, nullptr, gSystemUuid.data(), gSystemUuid.size()) != KNX_OK)
         gSystemUuid.fill(std::byte{0});
 }
@@ -265,13 +268,16 @@ bool WithinRate(const char *prefix, std::string_view remainder)
     const std::uint64_t now = KeldNowSeconds();
     const std::uint64_t start = gRateWindowStart.load(std::memory_order_relaxed);
     if (start != 0 && now - start < kRateWindowSeconds) { // unsigned: set back counts as a long time
-        if (gRateCount.fetch_add(1, std::memory_order_relaxed) + 1 <= kRateEventsMax) return true;
+        const std::int32_t count = gRateCount.fetch_add(1, std::memory_order_relaxed) + 1;
+        KeldStatusLimit(start, static_cast<std::uint32_t>(count), kRateEventsMax);
+        if (count <= kRateEventsMax) return true;
         KeldLog("Event rate limit reached. Dropping pling: %s%.*s\n", prefix,
                 static_cast<int>(remainder.size()), remainder.data());
         return false;
     }
     gRateCount.store(1, std::memory_order_relaxed);
     gRateWindowStart.store(now, std::memory_order_relaxed);
+    KeldStatusLimit(now, 1, kRateEventsMax);
     return true;
 }
 
@@ -312,6 +318,7 @@ int KeldPlingSend(const void *record, std::size_t length)
     if (KltRunDir_Path("carad-pling.sock", address.sun_path, sizeof address.sun_path) != 0) return -1;
     const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (fd.Get() < 0) return -1;
+    const KeldStatusScope waits(KeldStanding::Receiver);
     while (connect(fd.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         if (!AwaitReceiver(fd.Get(), errno)) return -1;
     for (std::size_t sent = 0; sent < length;) {
@@ -351,6 +358,7 @@ try {
     TellDelivery(event, JournalDelivery::Waiting, tries); // before the alarm thread can have delivered it
     KeldLock lock(retries.retryListMutex);
     retries.list.splice(retries.list.end(), entry);
+    KeldStatusEventsWaiting(retries.list.size());
     if (retries.alarmArmed) return; // an armed alarm is not moved
     retries.alarmArmed = true;
     (void)KeldAlarmSet(gRetryAlarm, kKeldAlarmOneShot, kRetrySeconds);
@@ -368,6 +376,7 @@ std::size_t KeldPlingWaiting()
 
 void KeldPlingAlarmHandler()
 {
+    const KeldStatusScope retrying(KeldStanding::Retries);
     KeldLock lock(retries.retryListMutex);
     for (auto entry = retries.list.begin(); entry != retries.list.end() && !KeldStopping();) {
         const char *id = PlingRecord_TypeId(entry->record.data());
@@ -391,6 +400,7 @@ void KeldPlingAlarmHandler()
         }
         entry = keep ? std::next(entry) : retries.list.erase(entry);
     }
+    KeldStatusEventsWaiting(retries.list.size());
     retries.alarmArmed = !retries.list.empty();
     if (retries.alarmArmed) (void)KeldAlarmSet(gRetryAlarm, kKeldAlarmOneShot, kRetrySeconds);
 }

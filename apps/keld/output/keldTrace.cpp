@@ -13,6 +13,7 @@
 #include "keldLog.h"
 #include "keldMutex.h"
 #include "keldOwn.h"
+#include "keldStatus.h"
 #include "keldStore.h"
 
 #include <kltlibs/kelrecord.h>
@@ -296,6 +297,7 @@ void ReadUntilEnd(int descriptor)
 std::list<Client>::iterator Enter(int descriptor)
 {
     const KeldLock lock(state.traceMutex);
+    KeldStatusTraceClients(state.clients.size() + 1);
     return state.clients.emplace(state.clients.end(), state.lines,
                                  descriptor); // misses no line from here on
 }
@@ -304,6 +306,7 @@ void Leave(std::list<Client>::iterator client)
 {
     const KeldLock lock(state.traceMutex);
     state.clients.erase(client);
+    KeldStatusTraceClients(state.clients.size());
 }
 
 void *KeldTraceServeMain(void *argument)

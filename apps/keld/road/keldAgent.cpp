@@ -9,6 +9,7 @@
 #include "keldLog.h"
 #include "keldMutex.h"
 #include "keldSignal.h"
+#include "keldStatus.h"
 
 #include <kltlibs/kthread.h>
 
@@ -53,6 +54,7 @@ thread_local bool tArrived = false;
 
 void KeldAgentStart(KeldAgentEntry entry)
 {
+    KeldStatusAgentStarts();
     if (gThreadCount == kKeldAgentsMax) {
         KeldLog("Failed to start agent. Already reached max limit of %u agents.\n", kKeldAgentsMax);
         return;
@@ -77,6 +79,7 @@ void KeldAgentAwaitAll()
 void KeldAgentStopAll()
 {
     KeldSetStopping();
+    KeldStatusStands(KeldStanding::Stops);
     while (gThreadCount > 0) {
         const unsigned slot = --gThreadCount;
         int error = pthread_cancel(gThreads[slot]);
@@ -105,6 +108,7 @@ int KeldAgentInit(const std::string &name, const std::vector<std::string> &domai
             if (code == 0) code = KeldSubscriptionAddExactId(&made->subscription, id);
         if (code == 0) code = KeldStreamRegister(made->name, made->subscription, &made->stream);
         if (code == 0) {
+            KeldStatusAgentBegins(made->stream->number, name.c_str());
             made->fd = made->stream->readFd.Get();
             *agent = made.release();
             ReportArrival();
@@ -139,6 +143,7 @@ void KeldAgentRun(const std::string &name, const std::vector<std::string> &domai
 void KeldAgentCleanup(KeldAgent **agent)
 {
     if (*agent == nullptr) return;
+    KeldStatusStands(KeldStanding::Leaves);
     (void)KeldStreamUnregister((*agent)->stream);
     delete *agent;
     *agent = nullptr;
@@ -178,11 +183,12 @@ bool KeldAgentGoesOn(const KeldAgent *agent)
 int KeldAgentPoll(pollfd *fds, nfds_t count)
 {
     KeldLookOut *lookOut = KeldGetLookOut();
-    if (lookOut == nullptr) return CancellablePoll(fds, count);
-    lookOut->Waits(fds, count);
+    if (lookOut != nullptr) lookOut->Waits(fds, count);
+    KeldStatusStands(KeldStanding::Idle);
     const int ready = CancellablePoll(fds, count);
     const int error = errno;
-    lookOut->Left();
+    KeldStatusStands(KeldStanding::Works);
+    if (lookOut != nullptr) lookOut->Left();
     errno = error;
     return ready;
 }
@@ -213,6 +219,7 @@ void *AgentTrampoline(void *argument)
     KeldLookOut *lookOut = KeldGetLookOut();
     if (lookOut != nullptr) lookOut->AgentBegins();
     RunEntry(entry);
+    KeldStatusStands(KeldStanding::Ended);
     if (lookOut != nullptr) lookOut->AgentEnds();
     ReportArrival();
     return nullptr;

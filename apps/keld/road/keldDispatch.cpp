@@ -6,6 +6,7 @@
 #include "keldMutex.h"
 #include "keldPling.h"
 #include "keldSignal.h"
+#include "keldStatus.h"
 #include "keldTrace.h"
 
 #include <kltlibs/kelrecord.h>
@@ -111,6 +112,7 @@ int KeldDispatch(std::int32_t channel, const std::byte *buffer, std::size_t byte
         KeldTraceIn(buffer + at);
         initials |= KeldInitial(IdOf(buffer + at));
         ++streams.observations;
+        KeldStatusObservation(static_cast<std::size_t>(channel), KelRecord_TotalLength(buffer + at));
     }
     bool someAreFull = false;
     for (const auto &stream : streams.list) {
@@ -239,7 +241,7 @@ void CountWritten(KeldStream &stream, const Batch &batch, std::size_t bytes)
             }
             bytes -= left;
             stream.begun = 0;
-            ++stream.queued;
+            KeldStatusQueued(stream.number, ++stream.queued);
         }
         stream.place += length;
     }
@@ -264,6 +266,7 @@ int WriteRest(KeldStream &stream, Batch batch)
     for (;;) {
         const int error = WriteWanted(stream, batch);
         if (error != EAGAIN) return error;
+        const KeldStatusScope waits = KeldStatusScope::Pipe(stream.number);
         pollfd full{.fd = stream.writeFd.Get(), .events = POLLOUT, .revents = 0};
         if (!KeldExitRequested()) {
             if (KeldPoll(&full, 1) < 0 && errno != EINTR) return errno;
@@ -353,6 +356,7 @@ int KeldStreamReadKel(KeldStream *stream, Kel **kel, bool *complete)
     (void)record.release();
     ahead.Take(total);
     stream->taken.store(stream->taken.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    KeldStatusTaken();
     *complete = true;
     return 0;
 }

@@ -74,9 +74,10 @@ int KeldStreamUnregister(KeldStream *stream);
 
 // Writes the records of the buffer to the matching streams: to each with one write, unless its pipe is
 // full. First to all of them without waiting, then to those whose pipe was full, in order of registration.
-// 0, also when the exit flag ended it, or the errno of a write that failed: what is left of the batch is
-// then given to nobody, but never is half a record. channel is where they came from: a context's number.
-// Main thread.
+//
+// 0, also when the exit flag ended it: what was not begun is then given to nobody, and no record stays half
+// written. Otherwise the errno of a write that failed, which ends it at once. channel is where they came
+// from: a context's number. Main thread.
 int KeldDispatch(std::int32_t channel, const std::byte *buffer, std::size_t byteCount);
 
 // How many observations have come in. Main thread.

@@ -34,9 +34,15 @@ struct Log {
 Log &log = *new Log; // threads log while the process leaves
 
 std::atomic<void (*)(const char *, std::size_t)> sink{nullptr};
+std::atomic<void (*)(KSyslogMoment)> observer{nullptr};
 std::atomic<bool> waits{true};
 std::atomic<std::uint64_t> lost{0}; // since the process began
 std::atomic<std::uint64_t> told{0}; // of them
+
+void Tell(KSyslogMoment moment)
+{
+    if (const auto to = observer.load(std::memory_order_relaxed); to != nullptr) to(moment);
+}
 
 int SendOnce(int fd, const char *line, std::size_t length);
 int OpenLog(int failedFd);
@@ -183,7 +189,9 @@ bool AwaitRoom(int fd)
         if (reserved == 0) return false;
         const std::int64_t began = Patience::Milliseconds();
         pollfd room{.fd = fd, .events = POLLOUT, .revents = 0};
+        Tell(KSyslogMoment::Waits);
         const bool ready = poll(&room, 1, reserved) > 0;
+        Tell(KSyslogMoment::GoesOn);
         const std::int64_t took = Patience::Milliseconds() - began;
         if (took < reserved) patience.GiveBack(reserved - static_cast<int>(took));
         if (ready) return true;
@@ -282,6 +290,7 @@ void KSyslogLine::Send()
     if (lost.load(std::memory_order_relaxed) == told.load(std::memory_order_relaxed) || TellLost(mNow))
         if (mWhole && SendLine(mText, mLength)) return;
     lost.fetch_add(1, std::memory_order_relaxed);
+    Tell(KSyslogMoment::LosesLine);
 }
 
 // Room for so many bytes more.
@@ -305,5 +314,7 @@ void KSyslog_Open()
 void KSyslog_StopWaiting() { waits.store(false, std::memory_order_relaxed); }
 
 std::uint64_t KSyslog_LostLines() { return lost.load(std::memory_order_relaxed); }
+
+void KSyslog_SetObserver(void (*newObserver)(KSyslogMoment)) { observer.store(newObserver); }
 
 void KSyslog_SetSink(void (*newSink)(const char *, std::size_t)) { sink.store(newSink); }

@@ -58,6 +58,11 @@ void KSyslog_StopWaiting();
 // How many lines were lost since the process began, those that were told of included.
 std::uint64_t KSyslog_LostLines();
 
+// What happens to a thread that logs: told on that thread, which may then neither log nor fail. Null for
+// nobody; set before the first thread starts.
+enum class KSyslogMoment { Waits, GoesOn, LosesLine };
+void KSyslog_SetObserver(void (*observer)(KSyslogMoment));
+
 // Every later line goes to sink, without its header, instead of to the log; null goes back. For tests and
 // simulators, before the first thread starts. sink is called on the thread that logs.
 void KSyslog_SetSink(void (*sink)(const char *message, std::size_t length));
