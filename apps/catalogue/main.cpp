@@ -171,6 +171,7 @@ private:
                               {"text", event.Text()},
                               {"arguments", ArgumentList(event.shape, event.names)}};
         AddObject(&entry, event.names);
+        if (event.pairing.remembered) entry["remembered"] = true;
         const auto same = Find(type);
         if (same == mEvents.end()) {
             mEvents.push_back(std::move(entry));

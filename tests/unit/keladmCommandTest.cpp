@@ -113,6 +113,14 @@ TEST_F(KeladmCommandTest, NoTextReachesATerminalAsACommand)
                 StartsWith("2 keladm host get: vms/12/\\x1b]0;x\\x07"));
 }
 
+TEST_F(KeladmCommandTest, ACommandOfAnotherPackageIsAProgramOfItsOwn)
+{
+    EXPECT_EQ("1 keladm: why is in the package keld-record, which is not installed\n",
+              Run("mkdir -p bin libexec/keld && cp $KELADM bin && bin/keladm why"));
+    EXPECT_EQ("5 2 --json a b\n", Run("P=libexec/keld/keladm-why; echo '#!/bin/sh' >$P; chmod +x $P\n"
+                                      "echo 'echo $# $*; exit 5' >>$P; bin/keladm why --json 'a b'"));
+}
+
 TEST_F(KeladmCommandTest, ADifferenceIsShownWithWhatCameInstead)
 {
     WriteFile("link.scenario", "observe kel.net.vmnic.linkstate.down vmnic0\n"

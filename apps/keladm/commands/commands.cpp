@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "console.h"
+#include "external.h"
 #include "text.h"
 
 #include <CLI/CLI.hpp>
@@ -144,8 +145,10 @@ int RunKeladm(int argc, char **argv)
     AddHostCommand(app, &chosen);
     AddStatusCommand(app, &chosen);
     AddCompletionCommand(app, &chosen);
+    AddExternalCommands(app);
 
     try {
+        RunExternalCommand(argc, argv);
         return Run(app, argc, argv, chosen);
     } catch (const Failure &failure) {
         return Report(app, failure.status, failure.what());

@@ -29,6 +29,7 @@ void AddExplainCommand(CLI::App &app, Command *chosen);
 void AddHostCommand(CLI::App &app, Command *chosen);
 void AddStatusCommand(CLI::App &app, Command *chosen);
 void AddCompletionCommand(CLI::App &app, Command *chosen);
+void AddExternalCommands(CLI::App &app); // for help and completion: RunExternalCommand carries them out
 
 // Options that several subcommands have, in one form.
 void AddCountOption(CLI::App &command, std::uint64_t *count, const std::string &what); // at least 1

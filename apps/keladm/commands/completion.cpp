@@ -1,5 +1,6 @@
 #include "commands.h"
 #include "console.h"
+#include "external.h"
 #include "hostEntries.h"
 
 #include <CLI/CLI.hpp>
@@ -21,10 +22,21 @@ std::string NextWords(const CLI::App &app)
     return words;
 }
 
+// The external commands as one pattern of the script.
+std::string ExternalPattern()
+{
+    std::string pattern;
+    for (const ExternalCommand &command : ExternalCommands())
+        pattern += (pattern.empty() ? "" : "|") + std::string(command.name);
+    return pattern;
+}
+
 // One case of the script for each subcommand, its name being the words that lead to it.
 std::string Cases(const CLI::App &app, const std::string &name)
 {
-    std::string cases = fmt::format("    \"{}\") words=\"{}\" ;;\n", name, NextWords(app));
+    std::string words = NextWords(app);
+    if (words.empty()) return ""; // an external command answers for itself
+    std::string cases = fmt::format("    \"{}\") words=\"{}\" ;;\n", name, words);
     for (const CLI::App *sub : app.get_subcommands(nullptr))
         cases += Cases(*sub, name.empty() ? sub->get_name() : name + " " + sub->get_name());
     return cases;
@@ -67,6 +79,12 @@ _keladm()
     esac
     case "$command" in
 {}    esac
+    case "$command" in
+        {}) # which know their words themselves
+            mapfile -t COMPREPLY < <(keladm "$command" --complete "$prev" "$cur" 2>/dev/null)
+            COMPREPLY=("${{COMPREPLY[@]#"$colons"}}")
+            return ;;
+    esac
     [[ $prev == --match ]] && words=""
     case "$command $cur" in
         *" -"*) ;;
@@ -105,7 +123,7 @@ Example:
     completion->callback([shell, chosen, &app] {
         *chosen = [shell, &app] {
             Output out(STDOUT_FILENO);
-            out.Text(fmt::format(kScript, Cases(app, ""), KnownPaths()));
+            out.Text(fmt::format(kScript, Cases(app, ""), ExternalPattern(), KnownPaths()));
             out.Flush();
             return kExitOk;
         };

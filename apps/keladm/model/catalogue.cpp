@@ -43,6 +43,7 @@ CatalogueEvent ReadEvent(const json &entry)
     event.clears = entry.value("clears", Texts{});
     event.clearedBy = entry.value("clearedBy", Texts{});
     event.pairedOn = entry.value("pairedOn", Texts{});
+    event.remembered = entry.value("remembered", false);
     const json explanation = entry.value("explanation", json::object());
     event.explanation = {explanation.value("meaning", ""), explanation.value("impact", ""),
                          explanation.value("action", "")};
@@ -153,6 +154,6 @@ Catalogue NeededCatalogue(const std::string &file)
 std::vector<std::string> CataloguePlaces()
 {
     std::string folder = ExecutableFolder();
-    return {folder + "/../share/keld/events.json", folder + "/../catalogue/events.json",
-            folder + "/../../catalogue/events.json"};
+    return {folder + "/../share/keld/events.json", folder + "/../../share/keld/events.json",
+            folder + "/../catalogue/events.json", folder + "/../../catalogue/events.json"};
 }

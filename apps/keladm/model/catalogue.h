@@ -7,7 +7,7 @@
 //                  "arguments": [{"name": "nic", "type": "string"}], "object": "nic",
 //                  "clearedBy": ["nox.clear..."], "pairedOn": ["nic"],
 //                  "explanation": {"meaning": "...", "impact": "...", "action": "..."}},
-//                 {"type": "nox.clear.net...", ..., "clears": ["nox.problem..."]}],
+//                 {"type": "nox.clear.net...", ..., "clears": ["nox.problem..."], "remembered": true}],
 //      "observations": [{"id": "kel.net...", "domain": "net", "agent": "NetCorrelator", "arguments": [...],
 //                        "object": "nic", "becomes": ["nox..."], "note": "..."}]}
 //
@@ -15,8 +15,8 @@
 // as nine numbers (%08x-%08x-%04hx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx). The object is the argument that
 // it is about. A problem's pairedOn names the arguments by which it and its clears are matched; when it is
 // empty, a clear ends every problem of the type. The agents, an agent's otherwiseBecomes and emitters, an
-// object, an event's clears, clearedBy, pairedOn and explanation and an observation's agent, becomes and
-// note may be absent; other keys are passed over.
+// object, an event's clears, clearedBy, pairedOn, remembered and explanation and an observation's agent,
+// becomes and note may be absent; other keys are passed over.
 #ifndef KELADM_CATALOGUE_H
 #define KELADM_CATALOGUE_H
 
@@ -46,6 +46,7 @@ struct CatalogueEvent {
     std::vector<std::string> clears;
     std::vector<std::string> clearedBy;
     std::vector<std::string> pairedOn; // of a problem with its clears
+    bool remembered = false;           // a clear that only the daemon posts that posted the problem
     CatalogueExplanation explanation;
 };
 

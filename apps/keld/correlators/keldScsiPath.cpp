@@ -38,10 +38,10 @@ constexpr EventText kRedundancyDegraded{
     {.on = "device, path", .clearedBy = "nox.clear.storage.redundancy.restored, nox.clear.storage.connectivity.restored"}};
 constexpr EventText kConnectivityRestored{
     "@&!*@*@(nox.clear.storage.connectivity.restored)Connectivity to storage device %s (Datastores: %s) restored. Path %s is active again.",
-    "*device, datastores, path", {"nox.problem.storage.connectivity.lost", "device"}};
+    "*device, datastores, path", {.clears = "nox.problem.storage.connectivity.lost", .on = "device", .remembered = true}};
 constexpr EventText kRedundancyRestored{
     "@&!*@*@(nox.clear.storage.redundancy.restored)Path redundancy to storage device %s (Datastores: %s) restored. Path %s is active again.",
-    "*device, datastores, path", {"nox.problem.storage.redundancy.lost, nox.problem.storage.connectivity.lost", "device"}};
+    "*device, datastores, path", {.clears = "nox.problem.storage.redundancy.lost, nox.problem.storage.connectivity.lost", .on = "device", .remembered = true}};
 constexpr EventText kPathStateChanges{
     "@&!*@*@(nox.problem.storage.connectivity.pathstatechanges)Frequent path state changes are occurring for path %s. This may indicate a storage problem. Affected device: %s. Affected datastores: %s.",
     "*path, device, datastores"};

@@ -171,6 +171,7 @@ struct KeldPairing {
     KeldNames clears{};    // event type IDs
     KeldNames on{};        // names of arguments of both; none: by type alone
     KeldNames clearedBy{}; // event type IDs
+    bool remembered = false; // of a clear: only the daemon that has posted the problem posts it
 };
 
 // A marked text. Its class is read from its own type ID, so the two cannot disagree.

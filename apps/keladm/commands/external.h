@@ -1,0 +1,26 @@
+// Subcommands that are programs of their own, because they need more than the tools' own package does.
+#ifndef KELADM_EXTERNAL_H
+#define KELADM_EXTERNAL_H
+
+#include <span>
+#include <string>
+#include <vector>
+
+struct ExternalCommand {
+    const char *name; // its program is keladm-<name>
+    const char *package;
+    const char *description;
+};
+
+// All that there are, installed or not: help and completion show every one.
+std::span<const ExternalCommand> ExternalCommands();
+
+// Becomes the program keladm-<name>, beside this one in a build, in ../libexec/keld when installed.
+// Returns only by a Failure that names the package in which the program is.
+[[noreturn]] void BecomeProgram(const std::string &name, const std::string &package,
+                                const std::vector<std::string> &arguments);
+
+// Becomes the program of the external command that the first argument names; returns when it names none.
+void RunExternalCommand(int argc, char **argv);
+
+#endif

@@ -1,0 +1,244 @@
+// The recorder: one thread, which reads the journal, and writes what it has heard twice a second.
+//
+// The daemon's journal never waits for it. What it is too slow for, and the time in which it does not run,
+// is a gap of the recording; the daemon may come and go.
+
+#include "commands.h"
+#include "console.h"
+#include "inventoryWatch.h"
+#include "keeper.h"
+#include "runDirectory.h"
+#include "text.h"
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kWriteAfter = 500ms;
+constexpr size_t kWriteRows = 20'000;
+constexpr auto kHeartbeat = 10s; // how often an idle recorder writes that it still listens
+constexpr auto kConnectAgain = 1s;
+constexpr int kTrimsAtOnce = 4;
+
+struct RecordOptions {
+    std::string file;
+    std::string catalogue;
+    std::string journal; // instead of the daemon's
+    double megabytes = 2048;
+    double days = 30;
+};
+
+class Recorder {
+public:
+    explicit Recorder(const RecordOptions &options)
+        : mFile(RecordingFile(options.file)), mRecording(mFile),
+          mKnowledge(FindCatalogue(options.catalogue)),
+          mStore(&mRecording, mFile,
+                 {static_cast<std::uint64_t>(options.megabytes * 1024 * 1024),
+                  static_cast<std::uint64_t>(options.days * 24 * 3600 * 1'000'000)}),
+          mKeeper(&mStore, &mKnowledge)
+    {
+        fmt::print(stderr, "keladm record: recording into {}\n", mFile);
+    }
+
+    void Listen(const StopSignal &stop);                           // until the stop
+    void Play(const std::string &journal, const StopSignal &stop); // a journal that was saved
+
+private:
+    void Connect();
+    void Disconnect(CoverageEnd why, const std::string &message);
+    void Read();
+    void HearAll();
+    void LookAtInventory();
+    // Whether there is something to write. A change of the inventory is told with the daemon's time, which
+    // nobody knows before its first word.
+    bool Waits() const { return mKeeper.Waiting() > 0 || (mInventoryStale && mKeeper.Now() != 0); }
+    void Write();
+
+    std::string mFile;
+    Recording mRecording;
+    Knowledge mKnowledge;
+    Store mStore;
+    Keeper mKeeper;
+    InventoryWatch mInventory;
+    bool mInventoryStale = true;
+    bool mPlays = false; // a saved journal, which ends where it was cut
+    UniqueFd mJournal;
+    JournalStream mStream;
+    Clock::time_point mHeard = Clock::now();   // the last entry
+    Clock::time_point mWritten = Clock::now(); // the last batch
+};
+
+void Recorder::Listen(const StopSignal &stop)
+{
+    bool toldAbsence = false;
+    for (;;) {
+        if (!mJournal) Connect();
+        if (!mJournal && !std::exchange(toldAbsence, true))
+            fmt::print(stderr, "keladm record: {}; waiting for it\n", NoDaemonText());
+        if (mJournal) toldAbsence = false;
+
+        auto until = Waits()    ? mWritten + kWriteAfter
+                     : mJournal ? mWritten + kHeartbeat
+                                : Clock::now() + kConnectAgain;
+        pollfd fds[] = {
+            {stop.Get(), POLLIN, 0}, {mInventory.Get(), POLLIN, 0}, {mJournal.Get(), POLLIN, 0}};
+        PollUntil(fds, until);
+        if (fds[1].revents != 0) mInventoryStale = true;
+        if (fds[2].revents != 0) Read();
+        bool stopping = fds[0].revents != 0;
+        if (stopping) mKeeper.Ended(CoverageEnd::RecorderStopped);
+        if (stopping || mKeeper.Waiting() >= kWriteRows ||
+            Clock::now() >= mWritten + (Waits() ? Clock::duration(kWriteAfter) : kHeartbeat))
+            Write();
+        if (stopping) return;
+    }
+}
+
+void Recorder::Play(const std::string &journal, const StopSignal &stop)
+{
+    mJournal = journal == "-" ? UniqueFd(dup(STDIN_FILENO))
+                              : UniqueFd(open(journal.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!mJournal) throw Failure(kExitFailed, fmt::format("{}: {}", journal, std::strerror(errno)));
+    mPlays = true;
+    mInventoryStale = false; // of another time
+    while (mJournal) {
+        pollfd fds[] = {{stop.Get(), POLLIN, 0}, {mJournal.Get(), POLLIN, 0}};
+        PollUntil(fds, mWritten + kWriteAfter);
+        if (fds[0].revents != 0) break;
+        if (fds[1].revents != 0) Read();
+        if (mKeeper.Waiting() >= kWriteRows || Clock::now() >= mWritten + kWriteAfter) Write();
+    }
+    mKeeper.Ended(CoverageEnd::RecorderStopped);
+    Write();
+}
+
+void Recorder::Connect()
+{
+    sockaddr_un address = SocketAddress(RunDirectoryPath("keld-journal.sock"));
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd) throw Failure(kExitFailed, fmt::format("cannot listen: {}", std::strerror(errno)));
+    if (connect(fd.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        if (errno != ENOENT && errno != ECONNREFUSED && errno != EAGAIN)
+            throw Failure(kExitFailed, fmt::format("keld-journal.sock: {}", std::strerror(errno)));
+        return;
+    }
+    int bytes = 4 << 20; // as much as the system allows: time to write in
+    setsockopt(fd.Get(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+    mJournal = std::move(fd);
+    mStream = JournalStream();
+}
+
+void Recorder::Disconnect(CoverageEnd why, const std::string &message)
+{
+    fmt::print(stderr, "keladm record: {}\n", message);
+    mJournal.Reset();
+    mKeeper.Ended(why);
+}
+
+void Recorder::Read()
+{
+    static char buffer[1 << 20];
+    ssize_t count = read(mJournal.Get(), buffer, sizeof buffer);
+    if (count < 0 && (errno == EINTR || errno == EAGAIN)) return;
+    if (count > 0) {
+        mStream.Add({buffer, static_cast<size_t>(count)});
+        HearAll();
+        if (!mStream.Error().empty())
+            Disconnect(CoverageEnd::TooSlow,
+                       fmt::format("the journal cannot be read: {}", mStream.Error()));
+    } else {
+        Disconnect(mPlays ? CoverageEnd::RecorderStopped : CoverageEnd::DaemonGone,
+                   "the journal has ended");
+    }
+}
+
+void Recorder::HearAll()
+{
+    while (auto entry = mStream.Take()) {
+        if (auto hello = std::get_if<JournalHello>(&entry->body)) {
+            if (hello->format != kJournalFormat)
+                throw Failure(kExitFailed,
+                              fmt::format("the daemon writes its journal in format {}, and this "
+                                          "recorder reads format {}",
+                                          hello->format, std::uint32_t{kJournalFormat}));
+            fmt::print(stderr, "keladm record: listening to keld {}, process {}, running since {}\n",
+                       hello->version, hello->process, LocalTime(hello->since).substr(0, 19));
+        }
+        if (mKeeper.Waiting() == 0) mWritten = Clock::now();
+        mKeeper.Hear(*entry);
+        mHeard = Clock::now();
+        bool listens = std::holds_alternative<JournalHello>(entry->body); // which is written at once
+        if (listens || mKeeper.Waiting() >= kWriteRows) Write();
+    }
+}
+
+void Recorder::LookAtInventory()
+{
+    if (!mInventoryStale || mKeeper.Now() == 0) return;
+    mInventoryStale = false;
+    mInventory.Look([this](const std::string &path, const std::string &value, int change) {
+        mKeeper.Inventory(path, value, change);
+    });
+}
+
+void Recorder::Write()
+{
+    LookAtInventory();
+    mWritten = Clock::now();
+    auto silent = std::chrono::duration_cast<std::chrono::microseconds>(mWritten - mHeard);
+    mKeeper.Flush(static_cast<std::uint64_t>(silent.count()));
+    for (int i = 0; i < kTrimsAtOnce && mStore.Trim(mKeeper.Now()); i++) {
+    }
+}
+
+int Record(const RecordOptions &options)
+{
+    StopSignal stop;
+    Recorder recorder(options);
+    if (options.journal.empty())
+        recorder.Listen(stop);
+    else
+        recorder.Play(options.journal, stop);
+    return kExitOk;
+}
+
+} // namespace
+
+void AddRecordCommand(CLI::App &app, Command *chosen)
+{
+    auto options = std::make_shared<RecordOptions>();
+    AddFileOption(app, &options->file);
+    app.add_option("--size", options->megabytes, "Keep no more than so many megabytes; 2048 when not named")
+        ->type_name("MB")
+        ->check(CLI::Range(8.0, 1e9));
+    app.add_option("--age", options->days,
+                   "Keep nothing that is older than so many days; 30 when not named")
+        ->type_name("DAYS")
+        ->check(CLI::Range(0.001, 36500.0));
+    app.add_option("--journal", options->journal, "Record a journal that was saved, - being standard input")
+        ->type_name("FILE");
+    AddCatalogueOption(app, &options->catalogue);
+    app.footer(R"(
+Listens to the daemon's journal, for as long as it runs and whichever daemon comes, and
+watches the host inventory. What is older or more than it may keep goes, the oldest
+first, but never what belongs to a problem that is open. Killed, it loses at most the
+last second, and the time until it runs again is a gap that every answer names.
+
+Exit status: 0 on SIGINT, SIGTERM and SIGHUP; 1 when the recording cannot be written,
+is no recording or of a newer version, or has a recorder already.
+
+Examples:
+  keladm record
+  keladm record --file /tmp/night.db --size 100)");
+    app.callback([options, chosen] { *chosen = [options] { return Record(*options); }; });
+}
