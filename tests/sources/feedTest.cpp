@@ -3,6 +3,7 @@
 #include "kelproducer.h"
 #include "outbox.h"
 #include "sourcesTest.h"
+#include "unixSocket.h"
 #include "waitFor.h"
 
 #include <atomic>
@@ -157,7 +158,7 @@ TEST_F(FeedTest, EventsGoToTheJournalAndToAProgramWhereNoAgentIs)
                           " --exec " + script,
                       "");
     });
-    ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(host.Path("carad-pling.sock")); }));
+    ASSERT_TRUE(WaitUntil([&] { return IsListening(host.Path("carad-pling.sock")); }));
     KelProducer *producer = nullptr;
     ASSERT_EQ(0, KelProducer_Open(KELPRODUCER_USER_CONTEXT, &producer));
     for (const char *device : {"naa.1", "naa.2"})

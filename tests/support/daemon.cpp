@@ -58,18 +58,6 @@ std::vector<char *> Pointers(std::vector<std::string> &texts)
     return pointers;
 }
 
-// True when somebody listens on the socket, and has not only bound it or left it behind. Asked of the
-// system's list, so that whoever listens is not disturbed.
-bool IsListening(const char *name)
-{
-    const std::string end = " " + RunPath(name);
-    // Address, references, protocol, flags, type, state, inode, path.
-    std::ifstream sockets("/proc/net/unix");
-    for (std::string line; std::getline(sockets, line);)
-        if (line.ends_with(end) && line.find(" 00010000 ") != line.npos) return true;
-    return false;
-}
-
 } // namespace
 
 Daemon::Daemon(const DaemonProgram &program, const std::vector<std::string> &arguments,
@@ -118,7 +106,7 @@ Daemon::~Daemon()
 bool Daemon::WaitUntilReady()
 {
     bool listening = false;
-    WaitUntil([&] { return (listening = IsListening("keld-trace.sock")) || !IsRunning(); });
+    WaitUntil([&] { return (listening = IsListening(RunPath("keld-trace.sock"))) || !IsRunning(); });
     return listening;
 }
 

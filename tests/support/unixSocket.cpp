@@ -1,6 +1,7 @@
 #include "unixSocket.h"
 
 #include <cerrno>
+#include <fstream>
 #include <kltlibs/rundir.h>
 #include <stdexcept>
 #include <sys/un.h>
@@ -56,4 +57,14 @@ UniqueFd BindDatagramSocket(const std::string &path)
     UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const bool good = bind(fd.Get(), address.Get(), sizeof(sockaddr_un)) == 0;
     return Require(good, std::move(fd), path);
+}
+
+bool IsListening(const std::string &path)
+{
+    const std::string end = " " + path;
+    // Address, references, protocol, flags, type, state, inode, path.
+    std::ifstream sockets("/proc/net/unix");
+    for (std::string line; std::getline(sockets, line);)
+        if (line.ends_with(end) && line.find(" 00010000 ") != line.npos) return true;
+    return false;
 }

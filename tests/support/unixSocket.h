@@ -15,4 +15,8 @@ UniqueFd ConnectTo(const std::string &path, int type = SOCK_STREAM);
 UniqueFd ListenAt(const std::string &path, int backlog);
 UniqueFd BindDatagramSocket(const std::string &path);
 
+// True when somebody listens on the socket, and has not only bound it or left it behind. Asked of the
+// system's list, so that whoever listens is not disturbed.
+bool IsListening(const std::string &path);
+
 #endif
