@@ -196,12 +196,12 @@ int Refuse(const char *what, int error)
 int RefuseChannel(const KeldChannel &channel, int error)
 {
     char path[KLT_RUN_PATH_BYTES] = "";
-    const char *remedy = "";
+    const char *remedy;
     const bool isUser = channel.context == KELLIB_USER_CONTEXT;
     const std::string name = isUser ? "user" : "async-" + std::to_string(channel.context);
     if (KltRunDir_Path(("kel/" + name + ".sock").c_str(), path, sizeof path) != 0)
-        remedy = "KALTOR_RUN_DIR must be an absolute path of at most 80 bytes";
-    else if (error == EBUSY)
+        return Refuse("KALTOR_RUN_DIR must be an absolute path of at most 80 bytes", error);
+    if (error == EBUSY)
         remedy = "another keld serves this run directory; stop it, or set KALTOR_RUN_DIR to another one";
     else if (error == EACCES || error == EPERM || error == EROFS)
         remedy = "run it as root, or set KALTOR_RUN_DIR to a directory of your own";
