@@ -102,7 +102,7 @@ void ReadBody(Reader &reader, std::uint16_t kind, std::variant<JournalUnknown, E
         if (reader.At() != end) throw Malformed{"bytes behind the last field", reader.At()};
         return true;
     };
-    if (!(readAs(std::in_place_type<Entries>) || ...)) body->template emplace<JournalUnknown>(kind);
+    if (!(readAs(std::in_place_type<Entries>) || ...)) *body = JournalUnknown{kind};
 }
 
 } // namespace
