@@ -1,5 +1,7 @@
 #include "keldStatus.h"
 
+#include "keldProcess.h"
+
 #include <kltlibs/ksyslog.h>
 #include <kltlibs/rundir.h>
 #include <kltlibs/uniquefd.h>
@@ -66,30 +68,6 @@ void Take(std::size_t place, const char *name)
 
 // ---- The file ---------------------------------------------------------------------------------------
 
-// The first line of a file, without its newline; empty when it cannot be read.
-template <std::size_t Size> std::string_view FirstLine(const char *path, char (&text)[Size])
-{
-    const UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
-    const ssize_t length = fd ? read(fd.Get(), text, Size) : -1;
-    const std::string_view all(text, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
-    return all.substr(0, all.find('\n'));
-}
-
-// When this process began, as nobody else's under the same ID could have.
-std::uint64_t ProcessStart()
-{
-    char text[1024];
-    std::string_view line = FirstLine("/proc/self/stat", text);
-    line.remove_prefix(std::min(line.rfind(')'), line.size())); // behind a name that may hold anything
-    for (int field = 2; field < 22 && !line.empty(); ++field)
-        line.remove_prefix(std::min(line.find(' '), line.size() - 1) + 1);
-    const std::size_t end = std::min(line.find(' '), line.size());
-    std::uint64_t ticks = 0;
-    for (const char digit : line.substr(0, end))
-        ticks = ticks * 10 + static_cast<std::uint64_t>(digit - '0');
-    return ticks;
-}
-
 // A new file, as large as it will ever be, with what was counted so far; none when it cannot be made.
 UniqueFd MakeFile(const char *path)
 {
@@ -139,10 +117,9 @@ void KeldStatusOpen(const char *version)
     status.version = kKeldStatusVersion;
     status.size = sizeof status;
     status.process = static_cast<std::uint64_t>(getpid());
-    status.processStart = ProcessStart();
+    status.processStart = KeldProcessStart();
     status.startedAt = Microseconds(CLOCK_REALTIME);
-    char boot[64];
-    PutText(status.boot, sizeof status.boot, FirstLine("/proc/sys/kernel/random/boot_id", boot));
+    PutText(status.boot, sizeof status.boot, KeldBootId());
     PutText(status.daemonVersion, sizeof status.daemonVersion, version);
     KeldStatusThread &alarm = status.threads[kKeldStatusAlarmThread]; // runs already, and does nothing yet
     PutText(alarm.name, sizeof alarm.name, "KeldAlarm");

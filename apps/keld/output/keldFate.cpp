@@ -86,11 +86,13 @@ KeldHandling::KeldHandling(KeldOrigin origin)
 KeldHandling::~KeldHandling()
 {
     Present &present = tPresent;
-    if (present.said != Said::Not) KeldStatusFate(present.fate);
-    if (present.said == Said::Not)
+    if (present.said == Said::Not) {
         gMissing.fetch_add(1, std::memory_order_relaxed);
-    else if (present.origin.count != 0)
-        KeldJournalTell([&] { return JournalFateEntry{present.origin, present.fate, present.text}; });
+    } else {
+        KeldStatusFate(present.fate);
+        if (present.origin.count != 0)
+            KeldJournalTell([&] { return JournalFateEntry{present.origin, present.fate, present.text}; });
+    }
     present.origin = {};
     present.handling = false;
 }

@@ -10,6 +10,7 @@
 
 #include "keldMutex.h"
 #include "keldOwn.h"
+#include "keldProcess.h"
 #include "keldStore.h"
 
 #include <kltlibs/ktime.h>
@@ -18,8 +19,6 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
-#include <fstream>
 #include <iterator>
 #include <list>
 #include <poll.h>
@@ -78,23 +77,6 @@ struct State {
 };
 State &state = *new State; // its threads outlive main
 
-std::string FirstLine(const char *path)
-{
-    std::string line;
-    std::getline(std::ifstream(path), line);
-    return line;
-}
-
-// The 22nd field. The second one, in parentheses, may hold anything.
-std::uint64_t StartTicks()
-{
-    const std::string stat = FirstLine("/proc/self/stat");
-    std::size_t at = stat.rfind(')');
-    for (int field = 2; field < 22 && at != stat.npos; ++field)
-        at = stat.find(' ', at + 1);
-    return at == stat.npos ? 0 : std::strtoull(stat.c_str() + at, nullptr, 10);
-}
-
 // ---- One listener ---------------------------------------------------------------------------------------
 
 std::string Hello() REQUIRES(state.journalMutex)
@@ -151,19 +133,6 @@ void Take(Listener &listener, std::string *bytes)
     listener.next = listener.entries.Next();
 }
 
-// 0, or -1 when the listener has ended.
-int WriteFully(int connection, std::string_view bytes)
-{
-    while (!bytes.empty()) {
-        const ssize_t count = send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (count >= 0)
-            bytes.remove_prefix(static_cast<std::size_t>(count));
-        else if (errno != EINTR)
-            return -1;
-    }
-    return 0;
-}
-
 bool Ending()
 {
     const KeldLock lock(state.journalMutex);
@@ -178,7 +147,7 @@ void *KeldJournalWriter(void *argument)
             if (!Ending()) poll(nullptr, 0, kGatherMilliseconds);
             bytes.clear();
             Take(listener, &bytes);
-            if (WriteFully(listener.connection.Get(), bytes) != 0) break;
+            if (KeldSendAll(listener.connection.Get(), bytes) != 0) break;
         }
     } catch (const std::bad_alloc &) {
     }
@@ -186,8 +155,7 @@ void *KeldJournalWriter(void *argument)
     return nullptr;
 }
 
-// ---- The accepting thread
-// ---------------------------------------------------------------------------------
+// ---- The accepting thread ---------------------------------------------------------------------------
 
 void Enter(UniqueFd connection)
 try {
@@ -256,8 +224,7 @@ void *KeldJournalMain(void *)
 
 } // namespace
 
-// ---- What is told
-// -----------------------------------------------------------------------------------------
+// ---- What is told -----------------------------------------------------------------------------------
 
 std::string &KeldJournalRoom()
 {
@@ -312,8 +279,7 @@ void KeldJournalAgentEnds(std::uint16_t number)
         if (agent.number == number) agent.ended = 1;
 }
 
-// ---- Its life
-// -----------------------------------------------------------------------------------------------
+// ---- Its life ---------------------------------------------------------------------------------------
 
 int KeldJournalOpen(const char *version)
 {
@@ -323,8 +289,8 @@ int KeldJournalOpen(const char *version)
         error != 0)
         return error;
     state.version = version;
-    state.boot = FirstLine("/proc/sys/kernel/random/boot_id");
-    state.startTicks = StartTicks();
+    state.boot = KeldBootId();
+    state.startTicks = KeldProcessStart();
     state.since = KeldJournalNow();
     unlink(address.sun_path);
     state.socket = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));

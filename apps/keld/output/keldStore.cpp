@@ -1,8 +1,10 @@
 #include "keldStore.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <sys/socket.h>
 
 namespace {
 
@@ -115,4 +117,16 @@ void KeldStore::Reader::Read(std::string *text, std::size_t bytesMax, std::uint6
         throw;
     }
     mStore.DropUnwanted();
+}
+
+int KeldSendAll(int descriptor, std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t sent = send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (sent >= 0)
+            bytes.remove_prefix(static_cast<std::size_t>(sent));
+        else if (errno != EINTR)
+            return -1;
+    }
+    return 0;
 }

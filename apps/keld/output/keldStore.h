@@ -82,4 +82,7 @@ private:
     std::list<Reader *> mReaders;
 };
 
+// Sends all of it to a client, for as long as it takes: 0, or -1 with errno. Any thread.
+int KeldSendAll(int descriptor, std::string_view bytes);
+
 #endif

@@ -223,19 +223,6 @@ try {
 
 // ---- One client -----------------------------------------------------------------------------------
 
-// 0, or -1 with errno.
-int WriteFully(int descriptor, std::string_view text)
-{
-    while (!text.empty()) {
-        const ssize_t written = send(descriptor, text.data(), text.size(), MSG_NOSIGNAL);
-        if (written >= 0)
-            text.remove_prefix(static_cast<std::size_t>(written));
-        else if (errno != EINTR)
-            return -1;
-    }
-    return 0;
-}
-
 // Waits until the client has lines, and takes some of them; none when it is to be left.
 void TakeLines(Client &client, std::string *text)
 {
@@ -262,7 +249,7 @@ try {
     for (std::string text;;) {
         TakeLines(client, &text);
         if (text.empty()) break;
-        if (WriteFully(client.descriptor, text) == 0) continue;
+        if (KeldSendAll(client.descriptor, text) == 0) continue;
         if (errno != EPIPE) KeldLog("Unexpected write error %s", std::strerror(errno));
         break;
     }
