@@ -20,6 +20,7 @@
 #include "keldJournal.h"
 #include "keldLog.h"
 #include "keldPling.h"
+#include "keldPlingDelivery.h"
 #include "keldSignal.h"
 #include "keldStarter.h"
 #include "keldStatus.h"
