@@ -1,11 +1,11 @@
 // Whole, valid records out of the channels.
 //
-// A datagram that does not fit the caller's buffer has to wait, but once received it cannot be put
-// back, and to look at it before costs as much again. So asynchronous contexts, which carry nearly
-// everything, are received into memory of the library's own, and looked at before only where one like
-// the last would not fit. What does not fit all the same is kept, and an empty datagram from the channel
-// to itself, its bell, goes on telling poll that something waits. A connection cannot send to itself:
-// there the library always looks first.
+// A datagram that does not fit the caller's buffer has to wait. Once received it cannot be put back, and to
+// look at each one first would cost as much again as receiving it. So datagrams of asynchronous contexts,
+// which carry nearly everything, are received into memory of the library's own; the library looks first
+// only when one as large as the last would not fit. A datagram that does not fit all the same is kept, and
+// the channel sends itself an empty one, its bell, so that poll goes on reporting that something waits. A
+// connection cannot send to itself: there the library always looks first.
 #include "kltlibs/kel.h"
 
 #include "diagnostic.h"
@@ -26,9 +26,9 @@
 
 namespace {
 
-// A producer that sends nothing but rubbish must not keep the caller from its other channels. What one has
-// left behind that has ended is finite, and is read to its end: a caller closes what gave nothing and has
-// hung up.
+// How many datagrams one read drops at most: a producer that sends nothing but rubbish must not keep the
+// caller from its other channels. Only what a producer that has ended has left behind is read to its end,
+// which is finite: the caller closes a connection that has hung up and gave nothing.
 constexpr int kDropsPerReadMax = 4096;
 
 // The diagnostic lines of one channel: ten in a window that opens with its first line, the number of
