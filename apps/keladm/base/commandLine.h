@@ -1,5 +1,4 @@
-// What all programs with command lines of the tools' kind have in common: a command that options lead to,
-// help, and how they end.
+// What keladm and the recorder have in common on their command lines: commands, help, and how they end.
 #ifndef KELADM_COMMANDLINE_H
 #define KELADM_COMMANDLINE_H
 

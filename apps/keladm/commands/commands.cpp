@@ -51,7 +51,7 @@ int ReportUsage(const CLI::App &app, const std::string &message)
     return Report(app, kExitUsage, fmt::format("{}\nTry \"{} --help\".", message, CommandName(app)));
 }
 
-// Of a word that nothing was made of.
+// For a word that is neither an option nor a subcommand.
 int ReportUnknown(const CLI::App &app, const std::string &word)
 {
     return ReportUsage(

@@ -14,10 +14,10 @@ constexpr std::uint64_t kStuck = 5 * kSecond; // and for so long is no work any 
 constexpr std::uint64_t kLogLossRecent = 60 * kSecond;
 constexpr std::uint64_t kMinute = 60;
 
-// What two words tell was written at slightly different times.
+// 0 where it would be negative: two words of the file are written at slightly different times.
 std::uint64_t Difference(std::uint64_t more, std::uint64_t less) { return more > less ? more - less : 0; }
 
-// A daemon that may not look at it does not know its boot.
+// True also when the file has no boot ID: the daemon may not be allowed to read it.
 bool IsSameBoot(const KeldStatusFile &file, const StatusOutside &outside)
 {
     return file.boot[0] == '\0' || outside.boot == file.boot;

@@ -223,7 +223,8 @@ private:
 
     // ---- What was expected
 
-    // The earliest of any agent's events that meets it; none but the first of each, as they have an order.
+    // Takes the first event of any agent that meets it. Later events of an agent are not looked at, since
+    // an agent's events keep their order.
     void Expect(const ScenarioStep &step, const ExpectAction &expect)
     {
         if (expect.none) { // of what is left
@@ -299,7 +300,7 @@ private:
             if (fatesMatter) trouble.came.push_back("fate " + Printable(fate));
     }
 
-    // What keeps the event from being one of those that are missing.
+    // Why the event is none of those that are missing.
     std::string WhyNot(const CameEvent &came) const
     {
         for (const ScenarioStep *step : mUnmet) {

@@ -16,7 +16,7 @@ struct StoryTrouble {
     std::string source;
     std::string what;                  // why it could not go on; empty where the two lists tell
     std::vector<std::string> expected; // and not met
-    std::vector<std::string> came;     // and not expected, with what keeps it from being what was
+    std::vector<std::string> came;     // and not expected, with why it is not what was
 };
 
 struct StoryResult {

@@ -207,7 +207,8 @@ void Log::Summary()
     SummaryOf(Noise::EventObject, "objects of events", true);
 }
 
-// The limit counts by minutes of its own, which begin with an event: shares are of calendar minutes.
+// The shares are of calendar minutes. The limit itself counts by minutes of its own, which begin with an
+// event.
 void Log::SummaryOf(Noise kind, const char *title, bool events)
 {
     Statement noisy(mDatabase,
