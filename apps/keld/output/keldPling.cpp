@@ -52,7 +52,7 @@ std::atomic<std::int32_t> gRateCount{0};
 
 std::atomic<std::uint64_t> gEvents{0}; // so far
 
-// What the journal is told of one event, which it gives its number.
+// Gives one event its number, and tells the journal of it.
 class EventJournal {
 public:
     EventJournal(const char *prefix, std::string_view remainder) : mPrefix(prefix), mRemainder(remainder) {}
@@ -68,7 +68,7 @@ private:
     const std::string_view mRemainder;
 };
 
-// What a record is built in: memory that each thread keeps from one event to the next, at its first size.
+// The buffer in which a record is built. A thread keeps it for its next event, unless it had to grow.
 class EventBuffer {
 public:
     EventBuffer();
@@ -231,7 +231,8 @@ bool WithinRate(const char *prefix, std::string_view remainder)
 {
     const std::uint64_t now = KeldNowSeconds();
     const std::uint64_t start = gRateWindowStart.load(std::memory_order_relaxed);
-    if (start != 0 && now - start < kRateWindowSeconds) { // unsigned: set back counts as a long time
+    if (start != 0 &&
+        now - start < kRateWindowSeconds) { // unsigned: a clock set back counts as a long time
         const std::int32_t count = gRateCount.fetch_add(1, std::memory_order_relaxed) + 1;
         KeldStatusLimit(start, static_cast<std::uint32_t>(count), kRateEventsMax);
         if (count <= kRateEventsMax) return true;
@@ -248,7 +249,8 @@ bool WithinRate(const char *prefix, std::string_view remainder)
 // Packs behind the header, in a buffer that doubles as needed: 0, or an errno value when the event is to be
 // dropped.
 //
-// KEPT: five attempts, the fifth in 18736 bytes; the buffer is doubled once more and never tried.
+// KEPT: five attempts, the fifth in 18736 bytes; the buffer is then doubled and not tried again. A sixth
+// attempt would send larger records than a receiver has ever got.
 int PackArguments(EventBuffer &buffer, std::size_t total, const char *format, va_list args,
                   std::size_t *used, std::uint32_t *count)
 {
