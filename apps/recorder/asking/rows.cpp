@@ -264,7 +264,7 @@ std::string Rows::DeliveryText(const RecordedEvent &event) const
     if (event.tries > 1 || event.delivery == static_cast<int>(JournalDelivery::Waiting))
         text += fmt::format(", try {} of 6", event.tries);
     if (event.delivered > event.time + 1'000'000)
-        text += fmt::format(", {} later", AgeText(event.delivered - event.time));
+        text += fmt::format(", {} later", ShortAge(event.delivered - event.time));
     return text;
 }
 
