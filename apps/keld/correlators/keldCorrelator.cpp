@@ -93,7 +93,8 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
         for (;;) {
             for (std::size_t i = 0; i < used; ++i)
                 set[i] = {.fd = i == 0 ? agent->fd : fds[i - 1], .events = POLLIN, .revents = 0};
-            // While more observations are at hand, the other descriptors are polled without waiting, once a tick.
+            // While more observations are at hand, the other descriptors are polled without waiting, once a
+            // tick.
             const bool goesOn = KeldAgentGoesOn(agent);
             if (goesOn) set[0].revents = POLLIN;
             const int ready = !goesOn       ? KeldAgentPoll(set.data(), used)
