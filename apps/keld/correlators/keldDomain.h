@@ -19,7 +19,7 @@ struct KeldObservation {
     std::array<const EventText *, 8> posts{}; // what it can lead to
 };
 
-// The rows of one translation table with their handlers: KeldTranslations<kNetTranslations>.
+// The rows of one translation table with their handlers: KeldTranslations<kRows>.
 struct KeldTranslationTable {
     std::span<const Translation> rows;
     const KeldHandler *handlers = nullptr;
