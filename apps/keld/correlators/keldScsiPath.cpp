@@ -108,12 +108,9 @@ private:
     std::uint64_t mLastDecay = 0;
 };
 
-struct State {
-    std::set<std::string> problemsPosted; // path and device, one behind the other
-    FrequencyCounter pathStateChanges{"state changes"};
-    FrequencyCounter powerOnResets{"resets"};
-};
-State &state = *new State;
+std::set<std::string> &problemsPosted = *new std::set<std::string>; // path and device, one behind the other
+FrequencyCounter &pathStateChanges = *new FrequencyCounter("state changes");
+FrequencyCounter &powerOnResets = *new FrequencyCounter("resets");
 
 // Asks the host about its storage: its answer, or nothing when it cannot give one. The observation's fate
 // is then that the look-up failed, unless an event is posted without the answer.
@@ -170,7 +167,7 @@ std::string Datastores(const std::string &device)
 
 void CountPathStateChange(const char *path, Change change, const char *previousState = "")
 {
-    if (!state.pathStateChanges.Count(path, change, previousState, KeldNowSeconds())) return;
+    if (!pathStateChanges.Count(path, change, previousState, KeldNowSeconds())) return;
     const std::optional<std::string> device = DeviceOfPath(path);
     if (!device) return;
     const std::optional<std::uint32_t> redundancy = PathRedundancy(*device);
@@ -205,7 +202,7 @@ void KeldScsiCorrelatorPathDown(Kel *kel)
     default:
         break;
     }
-    state.problemsPosted.insert(path + *device);
+    problemsPosted.insert(path + *device);
 }
 
 // Posts a clear only for the very path and device that a problem was posted for.
@@ -219,7 +216,7 @@ void KeldScsiCorrelatorPathUp(Kel *kel)
     if (previous != "off" && previous != "dead") return;
     const std::optional<std::string> device = DeviceOfPath(path);
     if (!device) return;
-    if (state.problemsPosted.erase(path + *device) == 0)
+    if (problemsPosted.erase(path + *device) == 0)
         return KeldSay(KeldFate::Counted, "nothing to clear: no loss of %s to %s was posted", path,
                        device->c_str());
     const std::uint32_t redundancy = KnownRedundancy(*device);
@@ -255,7 +252,7 @@ void KeldScsiCorrelatorPowerOnReset(Kel *kel)
 {
     const char *path = nullptr;
     if (KeldRead<kPath>(kel, &path) != 0) return;
-    if (!state.powerOnResets.Count(path, Change::Happened, "", KeldNowSeconds())) return;
+    if (!powerOnResets.Count(path, Change::Happened, "", KeldNowSeconds())) return;
 
     const std::string device = DeviceOfPath(path).value_or(path); // a device's own name arrives here, too
     const std::optional<std::uint32_t> redundancy = PathRedundancy(device);
