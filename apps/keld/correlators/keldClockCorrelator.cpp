@@ -59,7 +59,7 @@ static_assert(DistinctUnder(kRows, "kel.clock."), "a row stands twice, or outsid
 
 constexpr auto kObservations = KeldObservationsOf<kRows>([](const Translation &row) {
     const char *note = std::string_view(row.id) == kSynchronized
-                           ? "posted at most once in {holdOff}, and at once after a loss"
+                           ? "posted at most once in {holdOff}, and at once after a loss that was posted"
                            : "posted at most once in {holdOff}";
     return KeldObservation{row.id, row.arguments, row.handler, {note, kClockHoldOff}, {&row.event}};
 });
