@@ -121,6 +121,29 @@ TEST_F(NightTest, WhyIsAnsweredWithBecause)
     EXPECT_THAT(Run("$KELADM why 7"), StartsWith("1 keladm why: 7 is not in the recording"));
 }
 
+TEST_F(NightTest, AnExplanationSaysWhenItCameLast)
+{
+    PlayNight();
+    End();
+    Record();
+    auto explain = [this](const std::string &name) {
+        return Run("$KELADM explain " + name + " | tr -s ' \\n' ' '");
+    };
+    EXPECT_THAT(
+        explain(kFull),
+        HasSubstr(" recorded 2 times since 2026-03-01 03:12:00; the last at 2026-03-01 03:12:02, o4. "
+                  "VfatCorrelator held it back, because the same was reported shortly before: within"));
+    EXPECT_THAT(explain(kLost),
+                HasSubstr(" recorded 1 time since 2026-03-01 03:12:00; the last at 2026-03-01 "
+                          "03:12:02, e1. It was handed over to the receiver (try 3 of 6), at"));
+    EXPECT_THAT(explain(kRestored), HasSubstr(" recorded not once since 2026-03-01 03:12:00 "));
+    EXPECT_THAT(explain(std::string("--json ") + kFull),
+                HasSubstr("\"recorded\":{\"since\":\"2026-03-01T03:12:00"));
+    EXPECT_EQ(0, std::remove(File().c_str()));
+    EXPECT_THAT(explain(kLost), Not(HasSubstr("recorded")));
+    EXPECT_THAT(explain(std::string("--json ") + kLost), HasSubstr("\"recorded\":null"));
+}
+
 TEST_F(NightTest, TheLedgerBalancesAndSaysWhatDoesNot)
 {
     PlayNight();

@@ -116,6 +116,13 @@ Evidence FindEvidence(Database &database, const TimeSpan &span, bool beingRecord
     return evidence;
 }
 
+std::uint64_t RecordingBegin(Database &database, std::uint64_t now)
+{
+    Statement find(database,
+                   "SELECT max(ifnull(min(time), ?), ifnull((SELECT since FROM kept), 0)) FROM coverage");
+    return find.With(now).Step() ? find.Unsigned(0) : now;
+}
+
 std::string Grouped(std::uint64_t number)
 {
     std::string text = std::to_string(number);

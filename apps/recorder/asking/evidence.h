@@ -29,6 +29,9 @@ struct Evidence {
 // beingRecorded: what the recorder heard last it may have heard until now.
 Evidence FindEvidence(Database &database, const TimeSpan &span, bool beingRecorded);
 
+// From when on it is kept; now when nothing has been heard yet.
+std::uint64_t RecordingBegin(Database &database, std::uint64_t now);
+
 // "18,201"
 std::string Grouped(std::uint64_t number);
 

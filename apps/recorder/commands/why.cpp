@@ -31,8 +31,7 @@ public:
           mSpan(ParseTimeSpan(options.since.empty() ? "1970-01-02" : options.since, options.until,
                               WallMicroseconds()))
     {
-        if (options.since.empty()) // all that is recorded
-            mSpan.since = static_cast<std::uint64_t>(mDatabase.Number("SELECT min(time) FROM coverage"));
+        if (options.since.empty()) mSpan.since = RecordingBegin(mDatabase, mSpan.until);
     }
 
     int Run();
@@ -57,7 +56,7 @@ private:
     Rows mRows;
     Output mOut;
     TimeSpan mSpan;
-    std::uint64_t mTimes = 0;
+    std::uint64_t mTimes = 0; // the name that was asked; 0 of a number
 };
 
 int Why::Run()
@@ -146,6 +145,7 @@ void Why::Explain(const RecordedObservation &row)
         if (auto event = mRows.Event(key))
             Say(2, fmt::format("It led to {} {}: {} ({})", mRows.Label('e', key), Printable(event->type),
                                mRows.Detail(*event), mRows.DeliveryText(*event)));
+    if (mTimes > 0) line["times"] = mTimes;
     if (mOptions.asJson) mOut.Line(JsonLine(line));
 }
 
@@ -177,6 +177,7 @@ void Why::Explain(const RecordedEvent &row)
     }
     if (size_t all = row.causes.size() + row.unnamed; !row.causes.empty() && shown < all)
         Say(4, fmt::format("and {} more", all - shown));
+    if (mTimes > 0) line["times"] = mTimes;
     if (mOptions.asJson) mOut.Line(JsonLine(line));
 }
 
