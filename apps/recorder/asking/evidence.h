@@ -35,4 +35,7 @@ std::uint64_t RecordingBegin(Database &database, std::uint64_t now);
 // "18,201"
 std::string Grouped(std::uint64_t number);
 
+// "1 observation"
+std::string Observations(std::uint64_t number);
+
 #endif

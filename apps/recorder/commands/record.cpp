@@ -62,6 +62,12 @@ private:
     // Whether there is something to write. A change of the inventory is told with the daemon's time, which
     // nobody knows before its first word.
     bool Waits() const { return mKeeper.Waiting() > 0 || (mInventoryStale && mKeeper.Now() != 0); }
+    // Since the last entry, in microseconds.
+    std::uint64_t Silent() const
+    {
+        return static_cast<std::uint64_t>(
+            std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - mHeard).count());
+    }
     void Write();
 
     std::string mFile;
@@ -130,6 +136,7 @@ void Recorder::Connect()
     if (connect(fd.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         if (errno != ENOENT && errno != ECONNREFUSED && errno != EAGAIN)
             throw Failure(kExitFailed, fmt::format("keld-journal.sock: {}", std::strerror(errno)));
+        if (errno != EAGAIN) mKeeper.NoDaemon(Silent(), WallMicroseconds());
         return;
     }
     int bytes = 4 << 20; // as much as the system allows: time to write in
@@ -165,20 +172,20 @@ void Recorder::Read()
 void Recorder::HearAll()
 {
     while (auto entry = mStream.Take()) {
-        if (auto hello = std::get_if<JournalHello>(&entry->body)) {
-            if (hello->format != kJournalFormat)
-                throw Failure(kExitFailed,
-                              fmt::format("the daemon writes its journal in format {}, and this "
-                                          "recorder reads format {}",
-                                          hello->format, std::uint32_t{kJournalFormat}));
-            fmt::print(stderr, "keladm record: listening to keld {}, process {}, running since {}\n",
-                       hello->version, hello->process, LocalTime(hello->since).substr(0, 19));
-        }
+        auto hello = std::get_if<JournalHello>(&entry->body);
+        if (hello != nullptr && hello->format != kJournalFormat)
+            throw Failure(kExitFailed, fmt::format("the daemon writes its journal in format {}, and this "
+                                                   "recorder reads format {}",
+                                                   hello->format, std::uint32_t{kJournalFormat}));
         if (mKeeper.Waiting() == 0) mWritten = Clock::now();
         mKeeper.Hear(*entry);
         mHeard = Clock::now();
-        bool listens = std::holds_alternative<JournalHello>(entry->body); // which is written at once
-        if (listens || mKeeper.Waiting() >= kWriteRows) Write();
+        if (hello != nullptr || mKeeper.Waiting() >= kWriteRows) Write();
+        // Said once it is true: the gap has ended in the recording, and the inventory has been looked at,
+        // so that what changes from now on is told as a change.
+        if (hello != nullptr)
+            fmt::print(stderr, "keladm record: listening to keld {}, process {}, running since {}\n",
+                       hello->version, hello->process, LocalTime(hello->since).substr(0, 19));
     }
 }
 
@@ -187,7 +194,7 @@ void Recorder::LookAtInventory()
     if (!mInventoryStale || mKeeper.Now() == 0) return;
     mInventoryStale = false;
     mInventory.Look([this](const std::string &path, const std::string &value, int change) {
-        mKeeper.Inventory(path, value, change);
+        mKeeper.Inventory(path, value, change, Silent());
     });
 }
 
@@ -195,8 +202,7 @@ void Recorder::Write()
 {
     LookAtInventory();
     mWritten = Clock::now();
-    auto silent = std::chrono::duration_cast<std::chrono::microseconds>(mWritten - mHeard);
-    mKeeper.Flush(static_cast<std::uint64_t>(silent.count()));
+    mKeeper.Flush(Silent());
     for (int i = 0; i < kTrimsAtOnce && mStore.Trim(mKeeper.Now()); i++) {
     }
 }

@@ -229,8 +229,8 @@ void Store::DeleteBefore(std::int64_t time)
     run("DELETE FROM notice WHERE time < ?1 AND until < ?1 AND until > 0");
     run("DELETE FROM inventory WHERE time < ?");
     run("DELETE FROM coverage WHERE until < ?");
-    run(fmt::format("DELETE FROM sum WHERE minute < ? / {}", kMinute));
-    run(fmt::format("DELETE FROM noise WHERE minute < ? / {}", kMinute));
+    run(fmt::format("DELETE FROM sum WHERE kind IN {} AND minute < ? / {}", kEverySum, kMinute));
+    run(fmt::format("DELETE FROM noise WHERE kind IN {} AND minute < ? / {}", kEveryNoise, kMinute));
     Data().Run("DELETE FROM kept");
     Statement(Data(), "INSERT INTO kept VALUES(?)").With(time).Run();
     transaction.Commit();
