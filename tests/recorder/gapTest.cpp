@@ -172,7 +172,7 @@ TEST_F(GapTest, AFullDiskLosesTheOldestAndSaysSo)
     Kill();
     EXPECT_EQ(200, Number("SELECT count(*) FROM observation WHERE key > (1 << 40) + 3000"));
     EXPECT_THAT(Ask("log --lines 100000"),
-                HasSubstr("limit          the disk is full: the oldest tenth of the recording"));
+                HasSubstr("limit          the disk was full or nearly so: what was oldest went"));
 }
 
 TEST_F(GapTest, OnlyARecordingIsRecordedInto)

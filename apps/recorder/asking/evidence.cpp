@@ -83,13 +83,14 @@ void FindGap(const Listening &before, const Listening &after, std::vector<Eviden
 }
 
 // Exact for any period: whole minutes from their sums, the rest from the rows.
-std::uint64_t CountObservations(Database &database, const TimeSpan &span)
+std::uint64_t CountBetween(Database &database, std::uint64_t from, std::uint64_t to)
 {
-    auto since = static_cast<std::int64_t>(span.since), until = static_cast<std::int64_t>(span.until);
+    if (from >= to) return 0;
+    auto since = static_cast<std::int64_t>(from), until = static_cast<std::int64_t>(to);
     std::int64_t first = (since + kMinute - 1) / kMinute, last = until / kMinute; // minutes [first, last)
     Statement rows(database, "SELECT count(*) FROM observation WHERE time >= ? AND time < ?");
-    auto count = [&](std::int64_t from, std::int64_t to) {
-        return rows.With(from, to).Step() ? rows.Unsigned(0) : 0;
+    auto count = [&](std::int64_t begin, std::int64_t end) {
+        return rows.With(begin, end).Step() ? rows.Unsigned(0) : 0;
     };
     if (first >= last) return count(since, until);
     Statement sums(database, "SELECT total(count) FROM sum WHERE minute >= ? AND minute < ? AND kind = ?");
@@ -97,14 +98,31 @@ std::uint64_t CountObservations(Database &database, const TimeSpan &span)
     return sums.Unsigned(0) + count(since, first * kMinute) + count(last * kMinute, until);
 }
 
+// What was heard from beginning to end has its number in itself: a month is not added up minute by minute.
+std::uint64_t CountObservations(Database &database, const TimeSpan &span,
+                                const std::vector<Listening> &rows)
+{
+    std::uint64_t count = 0;
+    for (const Listening &row : rows) {
+        if (!row.before) continue;
+        if (row.time >= span.since && row.until < span.until)
+            count += row.last - std::min(row.last, *row.before);
+        else
+            count +=
+                CountBetween(database, std::max(span.since, row.time), std::min(span.until, row.until + 1));
+    }
+    return count;
+}
+
 } // namespace
 
 Evidence FindEvidence(Database &database, const TimeSpan &span, bool beingRecorded)
 {
-    Evidence evidence{span, CountObservations(database, span), {}};
     std::vector<EvidenceGap> gaps;
     std::vector<Listening> rows = ReadListening(database);
     std::uint64_t kept = static_cast<std::uint64_t>(database.Number("SELECT since FROM kept"));
+    Evidence evidence{
+        span, CountObservations(database, {std::max(span.since, kept), span.until}, rows), {}};
     std::uint64_t begin = rows.empty() ? span.until : std::max(rows.front().time, kept);
     if (span.since < begin)
         gaps.push_back({span.since,
@@ -157,7 +175,7 @@ std::string Evidence::ToText() const
             "\n  {}  {} missing: {}",
             gap.from == gap.until ? fmt::format("at {}", ShortTime(gap.from))
                                   : fmt::format("{} to {}", ShortTime(gap.from), ShortTime(gap.until)),
-            gap.observations ? Observations(*gap.observations) : "an unknown number is", gap.why);
+            gap.observations ? Observations(*gap.observations) : "it is not known how many are", gap.why);
     return text;
 }
 

@@ -39,8 +39,8 @@ struct RecordOptions {
 
 class Recorder {
 public:
-    explicit Recorder(const RecordOptions &options)
-        : mFile(RecordingFile(options.file)), mRecording(mFile),
+    Recorder(const RecordOptions &options, const StopSignal &stop)
+        : mStop(stop), mFile(RecordingFile(options.file)), mRecording(mFile),
           mKnowledge(FindCatalogue(options.catalogue)),
           mStore(&mRecording, mFile,
                  {static_cast<std::uint64_t>(options.megabytes * 1024 * 1024),
@@ -50,8 +50,8 @@ public:
         fmt::print(stderr, "keladm record: recording into {}\n", mFile);
     }
 
-    void Listen(const StopSignal &stop);                           // until the stop
-    void Play(const std::string &journal, const StopSignal &stop); // a journal that was saved
+    void Listen();                         // until the stop
+    void Play(const std::string &journal); // one that was saved
 
 private:
     void Connect();
@@ -69,7 +69,9 @@ private:
             std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - mHeard).count());
     }
     void Write();
+    void FlushOnceThereIsRoom();
 
+    const StopSignal &mStop;
     std::string mFile;
     Recording mRecording;
     Knowledge mKnowledge;
@@ -84,7 +86,7 @@ private:
     Clock::time_point mWritten = Clock::now(); // the last batch
 };
 
-void Recorder::Listen(const StopSignal &stop)
+void Recorder::Listen()
 {
     bool toldAbsence = false;
     for (;;) {
@@ -97,7 +99,7 @@ void Recorder::Listen(const StopSignal &stop)
                      : mJournal ? mWritten + kHeartbeat
                                 : Clock::now() + kConnectAgain;
         pollfd fds[] = {
-            {stop.Get(), POLLIN, 0}, {mInventory.Get(), POLLIN, 0}, {mJournal.Get(), POLLIN, 0}};
+            {mStop.Get(), POLLIN, 0}, {mInventory.Get(), POLLIN, 0}, {mJournal.Get(), POLLIN, 0}};
         PollUntil(fds, until);
         if (fds[1].revents != 0) mInventoryStale = true;
         if (fds[2].revents != 0) Read();
@@ -110,7 +112,7 @@ void Recorder::Listen(const StopSignal &stop)
     }
 }
 
-void Recorder::Play(const std::string &journal, const StopSignal &stop)
+void Recorder::Play(const std::string &journal)
 {
     mJournal = journal == "-" ? UniqueFd(dup(STDIN_FILENO))
                               : UniqueFd(open(journal.c_str(), O_RDONLY | O_CLOEXEC));
@@ -118,7 +120,7 @@ void Recorder::Play(const std::string &journal, const StopSignal &stop)
     mPlays = true;
     mInventoryStale = false; // of another time
     while (mJournal) {
-        pollfd fds[] = {{stop.Get(), POLLIN, 0}, {mJournal.Get(), POLLIN, 0}};
+        pollfd fds[] = {{mStop.Get(), POLLIN, 0}, {mJournal.Get(), POLLIN, 0}};
         PollUntil(fds, mWritten + kWriteAfter);
         if (fds[0].revents != 0) break;
         if (fds[1].revents != 0) Read();
@@ -198,11 +200,30 @@ void Recorder::LookAtInventory()
     });
 }
 
+// Where even what is oldest makes no room, as others fill the disk: the journal is not read until there is
+// some, and the daemon names what it could not keep so long.
+void Recorder::FlushOnceThereIsRoom()
+{
+    for (bool told = false;; told = true) {
+        try {
+            return mKeeper.Flush(Silent());
+        } catch (const DatabaseError &error) {
+            if (error.code != SQLITE_FULL || mPlays) throw;
+        }
+        if (!told)
+            fmt::print(stderr,
+                       "keladm record: the disk is full; nothing is recorded until there is room\n");
+        pollfd fds[] = {{mStop.Get(), POLLIN, 0}};
+        PollUntil(fds, Clock::now() + kConnectAgain);
+        if (fds[0].revents != 0) throw Failure(kExitFailed, "the disk is full: the last batch is lost");
+    }
+}
+
 void Recorder::Write()
 {
     LookAtInventory();
     mWritten = Clock::now();
-    mKeeper.Flush(Silent());
+    FlushOnceThereIsRoom();
     for (int i = 0; i < kTrimsAtOnce && mStore.Trim(mKeeper.Now()); i++) {
     }
 }
@@ -210,11 +231,11 @@ void Recorder::Write()
 int Record(const RecordOptions &options)
 {
     StopSignal stop;
-    Recorder recorder(options);
+    Recorder recorder(options, stop);
     if (options.journal.empty())
-        recorder.Listen(stop);
+        recorder.Listen();
     else
-        recorder.Play(options.journal, stop);
+        recorder.Play(options.journal);
     return kExitOk;
 }
 
