@@ -198,6 +198,28 @@ TEST_F(NightTest, AProblemIsOpenUntilItsClear)
     EXPECT_THAT(Run("$KELADM open"), HasSubstr("no problem waits for its clear\n"));
 }
 
+TEST_F(NightTest, WhatADaemonTakesWithItIsSaid)
+{
+    mJournal.Hello(100).Begin();
+    JournalOrigin full = mJournal.In(2, kFull, {"boot", "4b3f-12aa"});
+    mJournal.Deliver(mJournal.Out({full}, kFullEvent, {"boot", "4b3f-12aa"}), JournalDelivery::Waiting);
+    mJournal.Fate(full, JournalFate::Posted);
+    Record();
+    mKeeper->Inventory("net/portgroups/web", "vSwitch0", 1, 300'000'000); // long after the last entry
+    mKeeper->Inventory("net/portgroups/web", "vSwitch0", 2, 300'000'000);
+    EXPECT_THAT(Run("$KELADM why e1"), HasSubstr("It waits for the next try"));
+    mKeeper->Ended(CoverageEnd::DaemonGone);
+    mJournal.time += 600'000'000;
+    mJournal.NewRun(101).Begin();
+    Record();
+    EXPECT_THAT(Ask("log"),
+                AllOf(HasSubstr("-> waiting, try 1 of 6, then lost with the daemon\n"),
+                      HasSubstr("03:17:00.000000  host           net/portgroups/web = vSwitch0\n"
+                                "2026-03-01 03:17:00.000000  host           net/portgroups/web removed")));
+    EXPECT_THAT(Run("$KELADM why r1:e1"), HasSubstr("It was lost, because the daemon was gone"));
+    EXPECT_THAT(Run("$KELADM why e1"), HasSubstr("started anew since: there is r1:e1\n"));
+}
+
 TEST_F(NightTest, WhenItIsWrittenMakesNoDifference)
 {
     constexpr const char *kDump =

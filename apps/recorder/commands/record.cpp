@@ -258,8 +258,9 @@ void AddRecordCommand(CLI::App &app, Command *chosen)
     app.footer(R"(
 Listens to the daemon's journal, for as long as it runs and whichever daemon comes, and
 watches the host inventory. What is older or more than it may keep goes, the oldest
-first, but never what belongs to a problem that is open. Killed, it loses at most the
-last second, and the time until it runs again is a gap that every answer names.
+first, but never what belongs to a problem that is open; so it does when less than 32 MB
+of the disk are left. Killed, it loses at most the last second, and the time until it
+runs again is a gap that every answer names.
 
 Exit status: 0 on SIGINT, SIGTERM and SIGHUP; 1 when the recording cannot be written,
 is no recording or of a newer version, or has a recorder already.
