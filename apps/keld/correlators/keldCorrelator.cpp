@@ -40,7 +40,7 @@ private:
     timespec mLast{};
 };
 
-// The observation that the agent has just taken.
+// Correlates the observation that the agent has just taken out of its pipe.
 void Correlate(KeldHandler defaultHandler, const KeldCorrelatorTable &table, const KeldAgent &agent,
                Kel *kel)
 {
@@ -48,7 +48,7 @@ void Correlate(KeldHandler defaultHandler, const KeldCorrelatorTable &table, con
     KeldCorrelate(defaultHandler, table, kel, {agent.stream->number, agent.stream->taken});
 }
 
-// As KeldCorrelate, within the scope of the observation.
+// KeldCorrelate's look-up and call, while the observation is the thread's present one.
 void Handle(KeldHandler defaultHandler, const KeldCorrelatorTable &table, Kel *kel)
 {
     const char *id = nullptr;
@@ -93,7 +93,8 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
         for (;;) {
             for (std::size_t i = 0; i < used; ++i)
                 set[i] = {.fd = i == 0 ? agent->fd : fds[i - 1], .events = POLLIN, .revents = 0};
-            // Between two observations that are there the others are looked at, not waited for.
+            // While more observations are at hand, the other descriptors are polled without waiting, once a
+            // tick.
             const bool goesOn = KeldAgentGoesOn(agent);
             if (goesOn) set[0].revents = POLLIN;
             const int ready = !goesOn       ? KeldAgentPoll(set.data(), used)

@@ -30,9 +30,9 @@ struct KeldStream {
     std::size_t begun = 0; // bytes of that one that are
     // Whole records: written by the main thread, taken by the agent for its handler.
     std::uint64_t queued = 0;
-    std::atomic<std::uint64_t> taken = 0; // read at the exit, when an agent may not have obeyed
-    // By the main thread to the journal: the last one that goes to the agent, also when it was given up
-    // since.
+    std::atomic<std::uint64_t> taken = 0; // read at the exit, when an agent may still run
+    // The last record that the journal was told goes to this agent, also when it was given up since. Main
+    // thread only.
     std::uint64_t told = 0;
 };
 

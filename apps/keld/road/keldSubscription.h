@@ -14,7 +14,7 @@ struct KeldSubscription {
     std::int32_t exactIdCount = 0;
     std::array<std::string, kKeldSubscriptionMax> prefixes; // "kel.net"
     std::array<std::string, kKeldSubscriptionMax> exactIds;
-    std::uint32_t initials = 0; // of what may match: most observations are told apart by them
+    std::uint32_t initials = 0; // of what may match: they rule most observations out
 };
 
 // 0, or 1 when there are 10 already.

@@ -26,7 +26,7 @@ struct Evidence {
     nlohmann::ordered_json ToJson() const;
 };
 
-// beingRecorded: what the recorder heard last it may have heard until now.
+// beingRecorded: a recorder runs, so that its last time of listening goes on until now.
 Evidence FindEvidence(Database &database, const TimeSpan &span, bool beingRecorded);
 
 // From when on it is kept; now when nothing has been heard yet.

@@ -20,7 +20,7 @@ public:
 
     void Hear(const JournalEntry &entry);
 
-    // The stream, or the wait for one, has ended, for the reason that its last entry has not told.
+    // The stream, or the wait for one, has ended, for this reason unless its last entry has told another.
     void Ended(CoverageEnd why);
 
     // Nothing comes, as no daemon is there; now is the wall clock's, for one that has heard nothing yet.
