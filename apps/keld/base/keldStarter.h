@@ -15,9 +15,6 @@ void KeldTell(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // The bytes as they are. Any thread.
 void KeldTellBytes(const char *bytes, std::size_t length);
 
-// Tells the service manager, where one waits for it (sd_notify's protocol): "READY=1". Main thread.
-void KeldNotify(const char *state);
-
 // Standard descriptors that are closed would become sockets, into which a stray message is then written:
 // they are opened on nothing. Main thread, first of all.
 void KeldOpenStandardDescriptors();
