@@ -1,11 +1,13 @@
 #include "child.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <kltlibs/rundir.h>
 #include <stdexcept>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -59,13 +61,14 @@ bool IsBound(const char *name)
 
 } // namespace
 
-Child::Child(const std::string &program, const char *argument)
+Child::Child(const std::string &program, const char *argument) : mSaid(memfd_create("said", MFD_CLOEXEC))
 {
     const pid_t parent = getpid();
     mPid = fork();
     if (mPid < 0) throw std::runtime_error("fork failed");
     if (mPid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        dup2(mSaid, STDERR_FILENO);
         if (getppid() == parent) execl(program.c_str(), program.c_str(), argument, nullptr);
         _exit(127);
     }
@@ -75,6 +78,7 @@ Child::~Child()
 {
     kill(mPid, SIGTERM);
     waitpid(mPid, nullptr, 0);
+    close(mSaid);
 }
 
 void Child::WaitUntilReady() const
@@ -82,7 +86,7 @@ void Child::WaitUntilReady() const
     const auto limit = std::chrono::steady_clock::now() + kLimit;
     while (!IsBound("keld-trace.sock")) {
         if (waitpid(mPid, nullptr, WNOHANG) != 0 || std::chrono::steady_clock::now() > limit)
-            throw std::runtime_error("the child has not become ready");
+            throw std::runtime_error("the child has not become ready: " + Said());
         Pause(std::chrono::microseconds(50));
     }
 }
@@ -117,6 +121,14 @@ std::uint64_t Child::Wakeups() const
     for (const auto &task : std::filesystem::directory_iterator(Proc(mPid) / "task"))
         sum += StatusNumber(task.path() / "status", "voluntary_ctxt_switches:");
     return sum;
+}
+
+std::string Child::Said() const
+{
+    std::string text(4096, '\0');
+    const ssize_t length = pread(mSaid, text.data(), text.size(), 0);
+    text.resize(static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+    return text;
 }
 
 std::uint64_t Child::ResidentKiB() const { return StatusNumber(Proc(mPid) / "status", "VmRSS:"); }

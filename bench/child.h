@@ -28,6 +28,9 @@ public:
     std::uint64_t ResidentKiB() const;
 
 private:
+    std::string Said() const;
+
+    int mSaid; // a file in memory with what it says on standard error: told when it does not become ready
     pid_t mPid;
 };
 

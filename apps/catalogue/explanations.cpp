@@ -89,7 +89,8 @@ bool Names(const ordered_json &list, const std::string &name)
     return std::find(list.begin(), list.end(), name) != list.end();
 }
 
-// What a reader could take for the same text: its words, without what differs between any two events.
+// The words by which a reader tells one explanation from another: without names and IDs, which differ
+// between any two events.
 std::multiset<std::string> WordsOf(const Entry &entry)
 {
     static const std::regex word("[A-Za-z]+");
@@ -161,7 +162,7 @@ private:
         return found->second;
     }
 
-    // What holds for every text.
+    // What must hold for every text.
     void Prove(const Entry &entry, const std::string &label, const std::string &text) const
     {
         static const std::regex sentenceEnd("[.?!]( |$)"), command("`([^ `]+)[^`]*`");
@@ -194,7 +195,7 @@ private:
                });
     }
 
-    // The text with its limits; the names of arguments stay.
+    // The text with its limits filled in; the names of arguments stay as they are.
     std::string Composed(const Entry &entry, const ordered_json &event, const std::string &text) const
     {
         static const std::regex reference("\\{([^}]*)\\}");

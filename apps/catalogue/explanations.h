@@ -8,7 +8,7 @@
 
 // Gives every event of the catalogue its "explanation", and every agent the "emitters" of its domains.
 //
-// A folder holds one file for each agent that posts, "net.txt" for NetCorrelator, and commands.txt. A file:
+// The folder holds one file for each agent, "net.txt" for NetCorrelator, and commands.txt. A file:
 //
 //     # What this is about, for the reader
 //
@@ -25,8 +25,9 @@
 // leads to it and has such, {kel.net.vmnic.linkstate.down/delay} where several have, and is replaced. What
 // stands in backquotes is a command: one of keladm's, or one whose first word is in commands.txt.
 //
-// Throws, with file and heading, when a text is missing or too much, names what does not exist or not the
-// event's object, is longer than three sentences, or is another's but for a few words.
+// Throws, with file and heading, when a text is missing or has no place in the catalogue, when it names
+// something that does not exist, does not name the event's object, is longer than three sentences, or
+// differs from another one in too few words.
 void AddExplanations(nlohmann::ordered_json *catalogue, const std::filesystem::path &folder);
 
 #endif

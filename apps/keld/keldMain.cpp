@@ -20,6 +20,7 @@
 #include "keldJournal.h"
 #include "keldLog.h"
 #include "keldPling.h"
+#include "keldPlingDelivery.h"
 #include "keldSignal.h"
 #include "keldStarter.h"
 #include "keldStatus.h"
@@ -121,8 +122,9 @@ int KeldMain(int argc, char **argv, bool optionalAgents)
 
 namespace {
 
-// True when observations of asynchronous contexts are to be switched on. KEPT: every other option,
-// known or not, prints the usage and ends well.
+// True when observations of asynchronous contexts are to be switched on.
+//
+// KEPT: every other option, known or not, prints the usage and ends with status 0.
 bool ParseOptions(int argc, char **argv)
 {
     static constexpr option kOptions[] = {{"enablekels", no_argument, nullptr, 'e'},

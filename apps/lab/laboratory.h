@@ -15,16 +15,15 @@
 #include <thread>
 #include <vector>
 
-// Make it on the main thread before KeldMain, and for good. Settle and what moves the clock belong to one
-// more thread, which alone of all may do so.
+// Make it on the main thread before KeldMain, and never destroy it. Settle and what moves the clock may be
+// called by one other thread only.
 class Laboratory : public KeldLookOut {
 public:
     explicit Laboratory(HandClock &clock);
 
-    // Returns when every thread waits and nothing waits for any of them, and who listens to the journal has
-    // all of it: "". When threads sleep elsewhere,
-    // so that it will not come about until somebody outside does his part, who they are: "SCSICorrelator
-    // posts". After a minute it says the same of those that still run.
+    // Returns "" once every thread waits, nothing waits for any of them, and every listener to the journal
+    // has all of it. When this cannot come about because threads wait for somebody outside, returns who
+    // they are: "SCSICorrelator posts". After a minute it says the same of those that still run.
     std::string Settle();
 
     // Moves the clock to the next second at which something falls due, at most to target, and settles.

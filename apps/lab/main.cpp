@@ -1,5 +1,5 @@
 // keld-lab: the daemon with a clock that is moved by hand, for playing stories and for tests. Never a
-// service: it obeys whoever started it, and ends with him.
+// service: it obeys the program that started it, and ends with it.
 //
 // KELD_LAB_FD names its end of a socket pair, on which it is told, one line each,
 //

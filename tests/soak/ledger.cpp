@@ -70,6 +70,7 @@ void Ledger::TakeLine(const std::string &line)
     }
     if (const auto type = Between(line, "An event (", ") could not be sent")) {
         const auto posted = mUnderway.find(Book(*type, -1, mTotal.queued).last);
+        mTotal.waitedMost = std::max(mTotal.waitedMost, mTotal.queued - mTotal.resent - mTotal.abandoned);
         if (posted != mUnderway.end()) posted->second = true;
     }
     if (const auto type = Between(line, "Successfully sent event (", ")")) Book(*type, 1, mTotal.resent);

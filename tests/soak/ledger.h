@@ -43,6 +43,7 @@ public:
     struct Counts {
         std::uint64_t takenIn = 0, posted = 0, dropped = 0; // dropped by the rate limit
         std::uint64_t delivered = 0, queued = 0, resent = 0, abandoned = 0;
+        std::uint64_t waitedMost = 0;   // events, at one time
         std::uint64_t disconnected = 0; // trace clients that did not read
     };
     const Counts &Total() const { return mTotal; }

@@ -85,7 +85,7 @@ TEST_F(BlockTest, PathsThatDeviceMapperCallsFailedAreAllDownInTheEnd)
     };
     EXPECT_THAT(set("8:0", false), ElementsAre("kel.scsi.scsipath.pathstate.dead(2:0:0:1, on)"));
     EXPECT_THAT(set("8:0", false), IsEmpty());
-    EXPECT_THAT(set("9:9", false), IsEmpty()); // of nobody
+    EXPECT_THAT(set("9:9", false), IsEmpty()); // of no path
     EXPECT_THAT(set("8:16", false), ElementsAre("kel.scsi.scsipath.pathstate.dead(3:0:0:1, on)",
                                                 "kel.storage.apd.start(naa.60003ff44dc75adc)"));
     EXPECT_EQ("1", Redundancy());

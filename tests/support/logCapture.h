@@ -25,8 +25,8 @@ private:
     int mFd;
 };
 
-// Lines of the diagnostic log. What this process gives to the system log arrives
-// at the capture that was made last, and nowhere when there is none. Any thread may log.
+// Lines of the diagnostic log. What this process gives to the system log arrives at the capture that was made
+// last, and nowhere when there is none. Any thread may log.
 class LogCapture {
 public:
     // For this process; or for a child process, to which the caller hands Fd() in KELD_LOG_FD.

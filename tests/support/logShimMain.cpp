@@ -62,7 +62,7 @@ int pthread_setname_np(pthread_t, const char *name)
     const char *directory = std::getenv("KELD_THREAD_GATES");
     if (directory != nullptr && std::snprintf(gate, sizeof gate, "%s/%s", directory, name) > 0)
         if (const int fd = open(gate, O_RDONLY | O_CLOEXEC); fd >= 0) close(fd);
-    return prctl(PR_SET_NAME, name); // who names another thread is nobody here
+    return prctl(PR_SET_NAME, name); // here, no thread names another
 }
 
 } // extern "C"

@@ -3,6 +3,8 @@
 
 #include <atomic>
 #include <csignal>
+#include <journalReader.h>
+#include <unixSocket.h>
 #include <sys/socket.h>
 #include <thread>
 
@@ -50,6 +52,28 @@ TEST_F(ChannelTest, LargestBatchIsDeliveredWholeAndWhatIsLargerIsLostAlone)
         }
     }
     EXPECT_EQ(1U, daemon->Log().LinesWith("user: dropped 131072 bytes").size());
+}
+
+TEST_F(ChannelTest, WhatAChannelRefusesIsToldToTheJournal)
+{
+    ASSERT_TRUE(WaitUntil([&] { return IsListening(host.Path("keld-journal.sock")); }));
+    JournalReader journal;
+    Texts told;
+    bool heard = false;
+    journal.seen = [&](const JournalEntry &entry) {
+        heard = true;
+        if (const auto *dropped = std::get_if<JournalDropped>(&entry.body))
+            told.push_back(std::to_string(dropped->channel) + " " + std::string(dropped->why));
+    };
+    EXPECT_TRUE(journal.ReadUntil([&] { return heard; }));
+    RecordBytes malformed = Report("malformed");
+    malformed[8] = std::byte{'X'};
+    for (const int context : {3, kUser}) {
+        EXPECT_EQ(0, RawProducer(context).Send(malformed));
+        EXPECT_TRUE(journal.ReadUntil([&] { return told.size() == (context == kUser ? 2 : 1); }));
+    }
+    const std::string what = " record at byte 0: wrong magic";
+    EXPECT_EQ((Texts{"3" + what, "22" + what}), told);
 }
 
 TEST_F(ChannelTest, AFloodOnOneChannelDelaysNoOther)

@@ -35,7 +35,7 @@ TEST_F(StatusTest, CountsWhatTheDaemonDoesUntilItIsKilled)
     EXPECT_TRUE(WaitForStatus("", "0 well: nothing stands still"));
     SendReport(3, "battery low");
     Send(3, "kel.nobody.wants.this", "%d", 1);
-    EXPECT_EQ(0, RawProducer(3).Send(RecordBytes(40))); // is none
+    EXPECT_EQ(0, RawProducer(3).Send(RecordBytes(40))); // no valid record
     EXPECT_TRUE(WaitForStatus("--prometheus", "channel_dropped_total{channel=\"async-3\"} 1\n"));
     EXPECT_TRUE(WaitForStatus("--prometheus", "keld_events_total{delivery=\"delivered\"} 1\n"));
     EXPECT_THAT(Status("--json"), HasSubstr(R"({"name":"async-3","observations":2,)"));

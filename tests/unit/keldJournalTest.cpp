@@ -69,7 +69,7 @@ class JournalTest : public testing::Test {
 protected:
     JournalTest() { EXPECT_EQ(0, KeldJournalOpen("test")); }
 
-    // Behind this, it misses nothing.
+    // From here on it misses nothing.
     static void AwaitHello(JournalReader &reader)
     {
         bool come = false;

@@ -54,7 +54,7 @@ protected:
         return client;
     }
 
-    // Behind this, the client's serve thread runs and it misses no line.
+    // From here on the client's serve thread runs, and the client misses no line.
     TraceClient ConnectAndSkipHistory()
     {
         TraceClient client = Connect();

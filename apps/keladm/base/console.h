@@ -40,8 +40,9 @@ public:
     bool Colour() const; // a terminal, and NO_COLOR is not set
     void Text(std::string_view text);
     void Line(std::string_view text);
-    void ColouredLine(std::string_view text); // as it is: its maker has made Printable what is not his own
-    void Flush();                             // throws OutputClosed, Stopped, Failure
+    void
+    ColouredLine(std::string_view text); // as it is: the caller has made Printable what came from elsewhere
+    void Flush();                        // throws OutputClosed, Stopped, Failure
 
     // For a poll: ready once the reader has gone.
     pollfd Watch() const { return {mFd, 0, 0}; }
@@ -68,8 +69,8 @@ void PollUntil(std::span<pollfd> fds, Clock::time_point until);
 // A line for standard error, behind "keladm SUBCOMMAND: ", as PrintableLines.
 void Tell(std::string_view subcommand, std::string_view message);
 
-// Standard descriptors that are closed would become sockets and files that a stray line is written into:
-// they are opened on nothing. First of all.
+// Opens standard descriptors that are closed on /dev/null. A socket or a file would else get their number,
+// and a stray line would be written into it. To be called first of all.
 void OpenStandardDescriptors();
 
 // The folder of this program's executable file.

@@ -52,7 +52,7 @@ Character FirstCharacter(std::string_view text)
 }
 
 // Control characters beyond ASCII, line ends, and what turns the direction of writing: a terminal obeys
-// them, and who reads the screen is deceived.
+// them, and its reader is deceived.
 bool IsTreacherous(std::uint32_t code)
 {
     return (code >= 0x80 && code <= 0x9F) || code == 0x061C || code == 0x200E || code == 0x200F ||

@@ -8,8 +8,6 @@
 #include <charconv>
 #include <csignal>
 #include <fmt/format.h>
-#include <sstream>
-#include <unistd.h>
 
 namespace {
 
@@ -53,7 +51,7 @@ int ReportUsage(const CLI::App &app, const std::string &message)
     return Report(app, kExitUsage, fmt::format("{}\nTry \"{} --help\".", message, CommandName(app)));
 }
 
-// Of a word that nothing was made of.
+// For a word that is neither an option nor a subcommand.
 int ReportUnknown(const CLI::App &app, const std::string &word)
 {
     return ReportUsage(
@@ -68,12 +66,7 @@ int Run(CLI::App &app, int argc, char **argv, const Command &chosen)
     } catch (const CLI::Success &help) {
         if (auto unknown = app.remaining(true); !unknown.empty())
             return ReportUnknown(app, unknown.front());
-        std::ostringstream text;
-        int status = app.exit(help, text);
-        Output out(STDOUT_FILENO);
-        out.Text(text.str());
-        out.Flush();
-        return status;
+        return ShowHelp(app, help);
     } catch (const CLI::RequiredError &error) {
         auto unknown = app.remaining(true);
         if (unknown.empty()) return ReportUsage(app, error.what());
@@ -113,13 +106,6 @@ void AddTimeoutOption(CLI::App &command, std::optional<std::chrono::milliseconds
         ->type_name("TIME");
 }
 
-void AddCatalogueOption(CLI::App &command, std::string *file)
-{
-    command
-        .add_option("--catalogue", *file, "The catalogue, instead of KELD_CATALOGUE or the installed one")
-        ->type_name("FILE");
-}
-
 int RunKeladm(int argc, char **argv)
 {
     OpenStandardDescriptors();
@@ -147,16 +133,10 @@ int RunKeladm(int argc, char **argv)
     AddCompletionCommand(app, &chosen);
     AddExternalCommands(app);
 
-    try {
-        RunExternalCommand(argc, argv);
-        return Run(app, argc, argv, chosen);
-    } catch (const Failure &failure) {
-        return Report(app, failure.status, failure.what());
-    } catch (const OutputClosed &) {
-        return kExitOk;
-    } catch (const Stopped &) {
-        return kExitOk;
-    } catch (const std::exception &error) {
-        return Report(app, kExitFailed, error.what());
-    }
+    return CarryOut(
+        [&] {
+            RunExternalCommand(argc, argv);
+            return Run(app, argc, argv, chosen);
+        },
+        [&](int status, const std::string &why) { return Report(app, status, why); });
 }

@@ -1,21 +1,18 @@
-// What the subcommands share: how they are added, how they fail, how they end.
+// What the subcommands share: how they are added, and their common options.
 #ifndef KELADM_COMMANDS_H
 #define KELADM_COMMANDS_H
 
+#include "commandLine.h"
 #include "failure.h"
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 
 namespace CLI {
 class App;
 }
-
-// Carries out a subcommand whose options have been read; gives the exit status, or throws Failure.
-using Command = std::function<int()>;
 
 // Each adds its subcommand to app; when the user names it, *chosen becomes what carries it out.
 void AddSendCommand(CLI::App &app, Command *chosen);
@@ -34,7 +31,6 @@ void AddExternalCommands(CLI::App &app); // for help and completion: RunExternal
 // Options that several subcommands have, in one form.
 void AddCountOption(CLI::App &command, std::uint64_t *count, const std::string &what); // at least 1
 void AddTimeoutOption(CLI::App &command, std::optional<std::chrono::milliseconds> *timeout);
-void AddCatalogueOption(CLI::App &command, std::string *file);
 
 // The whole program.
 int RunKeladm(int argc, char **argv);

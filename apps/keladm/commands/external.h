@@ -16,7 +16,7 @@ struct ExternalCommand {
 std::span<const ExternalCommand> ExternalCommands();
 
 // Becomes the program keladm-<name>, beside this one in a build, in ../libexec/keld when installed.
-// Returns only by a Failure that names the package in which the program is.
+// Throws Failure, naming the package that has it, when the program is not there.
 [[noreturn]] void BecomeProgram(const std::string &name, const std::string &package,
                                 const std::vector<std::string> &arguments);
 

@@ -40,11 +40,11 @@ public:
     // Waits until a record has come, one of others (whose revents it fills in) is ready, or until is
     // reached, and gives the records that have come, in the order of their ends.
     //
-    // A connection that brings nothing at all is nobody's record.
+    // A connection that brings nothing at all is no record.
     std::vector<ReceivedRecord> Wait(Clock::time_point until, std::span<pollfd> others);
 
-    // A receiver that hangs: whoever connects waits, and what is on its way stays there, until it hears
-    // again. Throws Failure.
+    // Makes the receiver hang, or go on. While it hangs, whoever connects waits, and what was sent stays
+    // unread. Throws Failure.
     void SetDeaf(bool deaf);
 
     const std::string &Path() const { return mPath; }

@@ -15,7 +15,7 @@ struct PlainEvent {
     std::string type;
     std::vector<std::string> arguments;
 
-    std::string ToText() const; // as it would be expected
+    std::string ToText() const; // as a scenario would expect it
 };
 PlainEvent ToPlainEvent(const ReceivedRecord &record);
 

@@ -20,7 +20,7 @@ constexpr HostEntry kHostEntries[] = {
     {"kernel/builddate",                              HostValue::Text,      20,   "the running kernel's build date; absent: unknown"},
     {"kernel/options/Misc/KelAsyncEnable",            HostValue::Unsigned,  1,    "asynchronous observations; absent: 0; keld -e sets it"},
     {"kernel/options/Net/LinkFlappingThreshold",      HostValue::Unsigned,  0xFFFFFFFF, "link losses a minute that take a NIC down, 0 for never; absent: 60"},
-    {"kernel/options/PageRetire/ThresholdInterval",   HostValue::Unsigned,  100,  "percent of the retired pages between two events; absent: 10"},
+    {"kernel/options/PageRetire/ThresholdInterval",   HostValue::Unsigned,  100,  "percent of the threshold between two events; absent: 10"},
     {"kernel/options/PageRetire/ApeiLoggingEnabled",  HostValue::Unsigned,  1,    "events for the platform's page retirement requests; absent: 1"},
     {"kernel/options/<group>/<name>",                 HostValue::Signed,    0,    "an advanced option"},
     {"kernel/nodes/system/systemUuid",                HostValue::Uuid,      36,   "the host's identity in event records"},

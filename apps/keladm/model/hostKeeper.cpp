@@ -37,8 +37,8 @@ void HostKeeper::PutBack() const
     }
 }
 
-// With the directories above it that were not there either, as far as nobody else has put anything into
-// them.
+// Removes what was not there before, and the directories above it that were not there either, unless
+// somebody else has put something into them.
 void HostKeeper::TakeAway(HostInventory::Path path) const
 {
     int error = HostInventory::Remove(path);

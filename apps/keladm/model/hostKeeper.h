@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-// What steps will change and what the daemon writes in answer is as it was once this ends, however it ends.
-// What others change meanwhile stays.
+// Puts back, when it ends, what the steps change and what the daemon writes in answer. What others change
+// meanwhile stays.
 class HostKeeper {
 public:
     // Throws Failure.

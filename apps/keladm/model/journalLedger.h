@@ -15,7 +15,8 @@ public:
     // One entry after the other, from the hello on.
     void Take(const JournalEntry &entry);
 
-    // What cannot be, in the order in which it came: empty in a journal that is right. At most ten lines.
+    // Entries that contradict the books, in their order: none in a journal that is right. At most ten
+    // lines.
     const std::vector<std::string> &Faults() const { return mFaults; }
 
     // What has not ended yet, one line each: nothing at a quiet moment, but for events that wait, and at

@@ -17,8 +17,8 @@ public:
     // outcomes, "then posted". Throws Failure when it is no journal.
     std::vector<std::string> TakeFates();
 
-    // Throws Failure when the books are wrong, or not even at a quiet moment. Behind the daemon's end, what
-    // is left has to be taken first.
+    // Throws Failure when the books are wrong or do not balance, as they must at a quiet moment. After the
+    // daemon's end, what is left has to be taken first.
     void CheckBooks() const;
 
     // For a poll: readable when there is something to take; nothing behind the end.

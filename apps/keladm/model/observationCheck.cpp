@@ -44,7 +44,7 @@ std::string KindsOf(const std::string &format)
     return kinds;
 }
 
-// How many characters must be put in, taken away or exchanged to make one of the other.
+// The edit distance: how many characters must be inserted, removed or replaced to make one of the other.
 size_t Distance(const std::string &one, const std::string &other)
 {
     std::vector<size_t> row(other.size() + 1);
@@ -65,7 +65,7 @@ Failure Wrong(const std::string &what)
     return Failure(kExitUsage, what + "\nNothing was sent; --force sends it all the same.");
 }
 
-// An event is posted by the daemon: what leads to it may be meant.
+// For an event's type in the place of an observation's ID: what leads to the event may be meant.
 Failure EventInPlace(const Catalogue &catalogue, const CatalogueEvent &event)
 {
     std::string leading;
@@ -76,7 +76,7 @@ Failure EventInPlace(const Catalogue &catalogue, const CatalogueEvent &event)
         fmt::format("{} is an event, not an observation; what leads to it:{}", event.type, leading));
 }
 
-// Null for one that nobody lists and an agent makes something of.
+// Null for an ID that is not listed but belongs to an agent that posts something for any ID of its domain.
 const CatalogueObservation *Known(const Catalogue &catalogue, const std::string &id)
 {
     if (auto observation = catalogue.FindObservation(id)) return observation;

@@ -25,7 +25,7 @@ private:
     std::optional<std::string> mBefore;
 };
 
-// What a child process has beside what every one has.
+// What a child process gets beside the ordinary: variables and descriptors.
 struct Inheritance {
     std::vector<std::pair<std::string, std::string>> variables; // of the environment
     std::vector<int> fds;                                       // under the same numbers
@@ -52,7 +52,7 @@ public:
     // Asks it to end, waits, and tells what went wrong: nothing for an orderly end with status 0.
     std::optional<std::string> Stop();
 
-    // Tells how it ended of itself, which it is about to do.
+    // Waits for a daemon that is about to end by itself, and tells how it ended.
     std::string AwaitEnd();
 
 private:
@@ -68,7 +68,7 @@ private:
 // The daemon to start: named, or KELD_DAEMON, or found beside this program, or in PATH. Throws Failure.
 std::string FindDaemon(const std::string &named);
 
-// The one whose clock is moved by hand: named, or found beside this program or where it is installed.
+// The keld-lab to start: named, or found beside this program or where it is installed.
 // Throws Failure.
 std::string FindLab(const std::string &named);
 

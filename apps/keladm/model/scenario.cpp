@@ -75,7 +75,8 @@ private:
     std::vector<ScenarioStep> mOpen;
 };
 
-// What time means differs: in a story nobody waits for it, elsewhere somebody must say how long.
+// In a story no time passes by itself: nothing can pause. Elsewhere, an expectation must say how long it
+// waits.
 void CheckTimes(std::span<const ScenarioStep> steps, bool handClock)
 {
     for (const ScenarioStep &step : steps) {

@@ -79,7 +79,7 @@ std::string Label(const std::string &value)
 
 class Metrics {
 public:
-    // What follows belongs to this one; all of a name stand together.
+    // Begins a metric: the samples that follow are its own. All samples of one name must stand together.
     void Name(std::string name, const char *type, const char *help)
     {
         mName = "keld_" + std::move(name);

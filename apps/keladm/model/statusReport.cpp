@@ -1,6 +1,7 @@
 #include "statusReport.h"
 
 #include "journalEntry.h"
+#include "statusStanding.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -13,10 +14,10 @@ constexpr std::uint64_t kStuck = 5 * kSecond; // and for so long is no work any 
 constexpr std::uint64_t kLogLossRecent = 60 * kSecond;
 constexpr std::uint64_t kMinute = 60;
 
-// What two words tell was written at slightly different times.
+// 0 where it would be negative: two words of the file are written at slightly different times.
 std::uint64_t Difference(std::uint64_t more, std::uint64_t less) { return more > less ? more - less : 0; }
 
-// A daemon that may not look at it does not know its boot.
+// True also when the file has no boot ID: the daemon may not be allowed to read it.
 bool IsSameBoot(const KeldStatusFile &file, const StatusOutside &outside)
 {
     return file.boot[0] == '\0' || outside.boot == file.boot;
@@ -25,48 +26,6 @@ bool IsSameBoot(const KeldStatusFile &file, const StatusOutside &outside)
 std::string Plural(std::uint64_t count, const char *what)
 {
     return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
-}
-
-KeldStanding Standing(const KeldStatusThread &thread)
-{
-    return static_cast<KeldStanding>(StandingCode(thread));
-}
-
-// The place of the agent whose pipe a thread waits for; kKeldStatusThreads when it waits for none.
-std::size_t AwaitedPipe(const KeldStatusThread &thread)
-{
-    const auto pipe = static_cast<unsigned>(KeldStanding::Pipe);
-    return StandingCode(thread) < pipe ? kKeldStatusThreads : StandingCode(thread) - pipe;
-}
-
-std::string StandsText(const KeldStatusFile &file, std::size_t place)
-{
-    const KeldStatusThread &thread = file.threads[place];
-    const std::size_t awaited = AwaitedPipe(thread);
-    if (awaited < kKeldStatusThreads) return fmt::format("waits for {}'s pipe", file.threads[awaited].name);
-    const bool isAgent = place >= kKeldStatusFirstAgent;
-    switch (Standing(thread)) {
-    case KeldStanding::Begins:
-        return "begins";
-    case KeldStanding::Idle:
-        return place == kKeldStatusAlarmThread ? "waits for an alarm" : "waits for observations";
-    case KeldStanding::Works:
-        return isAgent ? "works on an observation" : "works";
-    case KeldStanding::Receiver:
-        return "posting, waits for the receiver";
-    case KeldStanding::Log:
-        return "waits for the system log";
-    case KeldStanding::Retries:
-        return "sends again what could not be sent";
-    case KeldStanding::Leaves:
-        return "gives up its pipe";
-    case KeldStanding::Ended:
-        return "has ended";
-    case KeldStanding::Stops:
-        return "waits for the agents to end";
-    default:
-        return "is not there";
-    }
 }
 
 template <class Code, std::size_t Size>

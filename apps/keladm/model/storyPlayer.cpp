@@ -223,7 +223,8 @@ private:
 
     // ---- What was expected
 
-    // The earliest of any agent's events that meets it; none but the first of each, as they have an order.
+    // Takes the first event of any agent that meets it. Later events of an agent are not looked at, since
+    // an agent's events keep their order.
     void Expect(const ScenarioStep &step, const ExpectAction &expect)
     {
         if (expect.none) { // of what is left
@@ -299,7 +300,7 @@ private:
             if (fatesMatter) trouble.came.push_back("fate " + Printable(fate));
     }
 
-    // What keeps the event from being one of those that are missing.
+    // Why the event is none of those that are missing.
     std::string WhyNot(const CameEvent &came) const
     {
         for (const ScenarioStep *step : mUnmet) {
@@ -338,37 +339,6 @@ private:
 };
 
 } // namespace
-
-std::vector<Story> StoriesOf(std::span<const ScenarioStep> steps)
-{
-    auto isHeading = [](const ScenarioStep &step) {
-        return std::holds_alternative<StoryAction>(step.action);
-    };
-    auto takeHost = [&steps](std::vector<HostChange> &host) {
-        for (; !steps.empty() && std::holds_alternative<HostChange>(steps.front().action);
-             steps = steps.subspan(1))
-            host.push_back(std::get<HostChange>(steps.front().action));
-    };
-    std::vector<Story> stories;
-    std::vector<HostChange> common;
-    if (steps.empty()) return stories;
-    size_t firstLine = steps.front().line;
-    takeHost(common);
-    if (std::ranges::none_of(steps, isHeading)) return {{firstLine, SIZE_MAX, "", common, steps}};
-    while (!steps.empty()) {
-        Story &story = stories.emplace_back();
-        story.line = steps.front().line;
-        story.heading = std::get<StoryAction>(steps.front().action).heading;
-        story.host = common;
-        steps = steps.subspan(1);
-        takeHost(story.host);
-        auto end = std::ranges::find_if(steps, isHeading);
-        story.lastLine = end == steps.end() ? SIZE_MAX : end->line - 1;
-        story.steps = steps.first(static_cast<size_t>(end - steps.begin()));
-        steps = steps.subspan(story.steps.size());
-    }
-    return stories;
-}
 
 StoryResult PlayStory(const Story &story, const std::string &program, const StopSignal &stop)
 {

@@ -1,27 +1,14 @@
-// Stories: scenarios on a clock moved by hand, where whatever is due has happened before the next line.
+// Playing a story: on a clock moved by hand, where whatever is due has happened before the next line.
 #ifndef KELADM_STORYPLAYER_H
 #define KELADM_STORYPLAYER_H
 
 #include "console.h"
-#include "scenario.h"
+#include "story.h"
 
 #include <cstddef>
 #include <optional>
-#include <span>
 #include <string>
 #include <vector>
-
-// One story of a file. It borrows the file's steps.
-struct Story {
-    size_t line = 0;                     // of its heading, or of the first step of a file without headings
-    size_t lastLine = 0;                 // the last that still belongs to it
-    std::string heading;                 // empty in a file without
-    std::vector<HostChange> host;        // as its daemon finds it; what all of a file have in common first
-    std::span<const ScenarioStep> steps; // the others
-};
-
-// In their order; none of an empty file.
-std::vector<Story> StoriesOf(std::span<const ScenarioStep> steps);
 
 // One step, or the start, after which not all was as expected.
 struct StoryTrouble {
@@ -29,7 +16,7 @@ struct StoryTrouble {
     std::string source;
     std::string what;                  // why it could not go on; empty where the two lists tell
     std::vector<std::string> expected; // and not met
-    std::vector<std::string> came;     // and not expected, with what keeps it from being what was
+    std::vector<std::string> came;     // and not expected, with why it is not what was
 };
 
 struct StoryResult {

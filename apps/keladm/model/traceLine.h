@@ -37,7 +37,7 @@ class TraceSplitter {
 public:
     void Append(std::string_view bytes);
 
-    // The next whole line. One that does not end within lineBytesMax comes cut, so that a stray quote
+    // The next whole line. One that does not end within kLineBytesMax comes cut, so that a stray quote
     // cannot swallow all that follows.
     std::optional<std::string> Next();
 

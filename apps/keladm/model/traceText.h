@@ -11,7 +11,7 @@
 #include <vector>
 
 // The line's arguments as they are shown, each with its name: empty where the catalogue has none for it. A
-// uuid, which travels as nine numbers, is one.
+// uuid travels as nine numbers, and is one argument here.
 std::vector<std::pair<std::string, std::string>> NamedArguments(const TraceLine &line,
                                                                 const std::optional<Catalogue> &catalogue);
 

@@ -25,7 +25,7 @@ Alarms &alarms = *new Alarms; // outlives main, as its thread does
 
 bool gStarted = false; // main thread only
 
-// The wall clock in whole seconds, with the alarms following it.
+// The wall clock in whole seconds. When it was set back, the alarms have been moved with it.
 std::uint64_t Now() REQUIRES(alarms.keldAlarmMutex)
 {
     timeval wall{};

@@ -1,7 +1,7 @@
 // The grammar of a printf-style conversion: %, one flag, width, precision, length, letter.
 //
-// Here alone, for all that looks into a format: rows while they compile, and messages of producers that
-// are read by at run time. What a letter means, and which are accepted, is the caller's.
+// The one place for all that looks into a format: rows while they compile, and producers' message texts by
+// which arguments are read at run time. What a letter means, and which are accepted, the caller decides.
 #ifndef KELD_CONVERSION_H
 #define KELD_CONVERSION_H
 

@@ -23,7 +23,9 @@ constexpr char kPanicPrefix[] = "Keld - Panic: ";
 constexpr std::size_t kPanicBytesMax = 1024; // on standard error; the log takes all
 
 // "2026-03-01T12:00:00.123Z: ", with what stands before the point rendered anew once a second for each
-// thread. KEPT: local time under a literal Z; whoever reads this host's logs is used to it.
+// thread.
+//
+// KEPT: local time under a literal Z; whoever reads this host's logs is used to it.
 std::size_t Prefix(const timeval &now, bool milliseconds, char *buffer, std::size_t size)
 {
     thread_local struct {

@@ -15,16 +15,16 @@ void KeldTell(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // The bytes as they are. Any thread.
 void KeldTellBytes(const char *bytes, std::size_t length);
 
-// Standard descriptors that are closed would become sockets, into which a stray message is then written:
-// they are opened on nothing. Main thread, first of all.
+// Opens standard descriptors that are closed on /dev/null. A socket would else get their number, and a
+// stray message would be written into it. Main thread, first of all.
 void KeldOpenStandardDescriptors();
 
 // ---- Losses -----------------------------------------------------------------------------------------
 
 enum class KeldLoss { Producers, LogLines };
 
-// Tells of howMany that were lost, and of those that were not yet told of: at most one line a minute for
-// each kind. Main thread.
+// Tells that howMany more were lost, together with those that were not told of yet: at most one line a
+// minute for each kind. Main thread.
 void KeldTellLoss(KeldLoss what, std::uint64_t howMany);
 
 // Tells of the lines that the system log has not taken, if there were any. Main thread, now and then.

@@ -79,7 +79,8 @@ UniqueFd MakeFile(const char *path)
     return UniqueFd();
 }
 
-// Nothing can run out behind a mapped page: it was allocated before.
+// Maps the file over the memory. A write to a mapped page cannot fail for want of disk space: all of the
+// file's space was allocated before.
 void LayFileUnder()
 {
     char path[KLT_RUN_PATH_BYTES];

@@ -36,7 +36,8 @@ void KeldStatusAgentBegins(std::size_t number, const char *name);
 // What the calling thread stands in from now on.
 void KeldStatusStands(KeldStanding standing);
 
-// The same to the end of a scope; what it stood in before goes on from when it began.
+// The same until the end of a scope. The thread then stands in what it stood in before, since when that
+// began.
 class KeldStatusScope {
 public:
     explicit KeldStatusScope(KeldStanding standing) : KeldStatusScope(static_cast<unsigned>(standing)) {}

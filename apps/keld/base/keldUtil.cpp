@@ -21,7 +21,7 @@ bool GoesBy(const KnxCtl::Storage::FileSystem &fileSystem, std::string_view name
 {
     try {
         return fileSystem.GetUuid() == name || fileSystem.GetName() == name;
-    } catch (...) { // a handler cannot be cancelled: nothing else comes this way
+    } catch (...) { // never a cancellation: a handler cannot be cancelled
         return false;
     }
 }

@@ -7,8 +7,8 @@
 //            lets the next "synchronized" through at once.
 // Time       the hour, which a failed read does not start.
 //
-// The clock that is watched is also the one that is asked: when it is set back, an ID stays silent
-// until the clock has passed its last posting by an hour.
+// The hour is measured with the same clock that is observed: when it is set back, an ID stays silent
+// until the clock is an hour past that ID's last event.
 
 #include "keldDomains.h"
 
@@ -78,8 +78,9 @@ template <KeldHandler kHandler> const char *PostUnlessHeldOff(Kel *kel)
     return id;
 }
 
-// A loss lets the next "synchronized" through at once, so that nobody is left believing in a loss that
-// is over. Not the other way round: a clock that comes and goes would post every time.
+// A loss lets the next "synchronized" through at once, so that nobody goes on believing in a loss that
+// is over. A "synchronized" does not let the next loss through: a clock that keeps losing and finding its
+// servers would post every time.
 void KeldClockCorrelator_Sync(Kel *kel)
 {
     const char *posted = PostUnlessHeldOff<KeldClockCorrelator_Sync>(kel);

@@ -36,7 +36,8 @@ void KeldCorrelatorRunWithFds(const char *domainName, const char *domain, KeldHa
 void KeldCorrelate(KeldHandler defaultHandler, const KeldCorrelatorTable &table, Kel *kel,
                    KeldOrigin origin = {});
 
-// The three kinds of default handler: nothing; a trace line; "No correlator for %s \n".
+// The three kinds of default handler: they do nothing, write a trace line, or log
+// "No correlator for %s \n".
 void KeldCorrelatorIgnore(Kel *kel);
 void KeldCorrelatorLogKel(Kel *kel);
 void KeldCorrelatorLogUnknown(Kel *kel);

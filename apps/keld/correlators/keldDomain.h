@@ -19,7 +19,7 @@ struct KeldObservation {
     std::array<const EventText *, 8> posts{}; // what it can lead to
 };
 
-// The rows of one translation table with their handlers: KeldTranslations<kNetTranslations>.
+// The rows of one translation table with their handlers: KeldTranslations<kRows>.
 struct KeldTranslationTable {
     std::span<const Translation> rows;
     const KeldHandler *handlers = nullptr;
@@ -27,7 +27,7 @@ struct KeldTranslationTable {
 template <const auto &kRows>
 inline constexpr KeldTranslationTable KeldTranslations{{kRows}, KeldRow::kHandlers<kRows>.data()};
 
-// Rows whose handlers do more than translate them, as observations: of(row) for each.
+// Makes an observation of each row of a table, by of(row): for rows whose handlers do more than translate.
 template <const auto &kRows, class Of> consteval auto KeldObservationsOf(Of of)
 {
     return [&]<std::size_t... kIndex>(std::index_sequence<kIndex...>)

@@ -65,7 +65,7 @@ void KeldDsfsCorrelatorDoVolumeNameAndLabel(Kel *kel);
 void KeldDsfsCorrelatorDoNFSVolume(Kel *kel);
 
 constexpr KeldArguments kLabel = Args("%U %p", "*volumeUuid, volumeLabel");
-// What the three texts of a server mean is the producer's; they are passed on in its order.
+// The producer decides what the three texts of a server mean; they are passed on in its order.
 constexpr KeldArguments kNfs = Args("%p %p %U %p", "first, second, *volumeUuid, last");
 
 constexpr KeldRowOptions kByLabel{.handler = KeldDsfsCorrelatorDoVolumeNameAndLabel};

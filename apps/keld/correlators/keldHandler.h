@@ -132,7 +132,7 @@ template <const auto &kRows, std::size_t kIndex> bool Translate(const Kel *kel)
 }
 template <const auto &kRows, std::size_t kIndex> void Handle(Kel *kel) { Translate<kRows, kIndex>(kel); }
 
-// Of all rows of a table, in its order: the translation itself, and the handler that does no more.
+// For each row of a table, in its order: its Translate, and the handler that only calls it.
 template <const auto &kRows>
 inline constexpr auto kTranslations = []<std::size_t... kIndex>(std::index_sequence<kIndex...>)
 {

@@ -1,4 +1,4 @@
-// Repeats that are held off: for how long, and what is remembered of each key for it.
+// Hold-offs: for how long repeats of an event are not posted, and what is remembered of each key for that.
 #ifndef KELD_HOLDOFF_H
 #define KELD_HOLDOFF_H
 
@@ -10,24 +10,24 @@
 
 enum class KeldRepeat : std::uint8_t { Silent, Posts };
 
-// What becomes of an observation that finds its key held off.
+// How long repeats about one key are held off, and what becomes of those on the edges.
 struct KeldHoldOffRule {
     std::uint32_t seconds;
-    KeldRepeat atItsEnd;         // exactly so many seconds after the beginning
-    KeldRepeat whenClockSetBack; // to before the beginning; silent: until the clock has caught up
-    bool renewed;                // whether it begins anew although nothing is posted
+    KeldRepeat atItsEnd;         // of one that comes exactly so many seconds after the beginning
+    KeldRepeat whenClockSetBack; // to before the beginning; Silent: until the clock has caught up
+    bool renewed;                // whether a repeat that is not posted begins it anew
 
-    // Whether an event about key, whose hold-off began then, is to be posted at this second. When it is
-    // not, the present observation's fate is said: held back, and until when.
+    // Whether an event about key, whose hold-off began at begunSeconds, is to be posted at nowSeconds. When
+    // it is not, the present observation's fate is said: held back, and until when.
     bool IsOver(const std::string &key, std::uint64_t begunSeconds, std::uint64_t nowSeconds) const;
 
     constexpr operator KeldLimit() const { return {"holdOff", seconds, "seconds"}; }
 };
 
-// KEPT: each as its receivers know it. What fails on a file system at least once every 300 seconds is
-// reported once and never again; posting it again would flood the receiver with a condition that nobody
-// has looked after yet. The first crash after the clock was set back is reported; a crashing application
-// would otherwise be quiet for as long as the clock went back.
+// KEPT: the rules differ, each is as its receivers know it. What fails on a file system at least once every
+// 300 seconds is reported once and never again; posting it again would flood the receiver with a condition
+// that nobody has looked after yet. The first crash after the clock was set back is reported; a crashing
+// application would otherwise be quiet for as long as the clock went back.
 //
 // clang-format off
 //                                                 seconds  at its end          clock set back      renewed
@@ -44,7 +44,7 @@ class KeldHoldOff {
 public:
     explicit KeldHoldOff(const KeldHoldOffRule &rule) : mRule(rule) {}
 
-    // Whether an event about key is to be posted at this second; then its hold-off begins.
+    // True when an event about key is to be posted at nowSeconds; its hold-off then begins.
     bool Observe(const std::string &key, std::uint64_t nowSeconds)
     {
         const bool over = IsOver(key, nowSeconds);
@@ -60,7 +60,7 @@ public:
     }
     void Begin(const std::string &key, std::uint64_t nowSeconds) { mBegun[key] = nowSeconds; }
 
-    // The next one is posted.
+    // Ends the key's hold-off: its next event is posted.
     void End(const std::string &key) { mBegun.erase(key); }
 
 private:

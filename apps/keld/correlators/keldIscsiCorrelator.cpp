@@ -45,7 +45,7 @@ void KeldIscsiCorrelatorLoginError(Kel *kel)
     const char *peer = nullptr, *adapter = nullptr;
     std::uint32_t loginStatus = 0;
     if (KeldRead<kArguments>(kel, &peer, &adapter, &loginStatus) != 0) return;
-    // KEPT: what is more than four digits loses its last ones, not its first; receivers match on four.
+    // KEPT: a status of more than four digits loses its last ones, not its first; receivers match on four.
     char text[5];
     (void)std::snprintf(text, sizeof text, "%04x", loginStatus);
     KeldPost<kText>(peer, adapter, text);

@@ -71,7 +71,7 @@ struct State {
 };
 State &state = *new State;
 
-// Panics on a failure, in the name of the given line.
+// Panics on a failure, with panicLine in the message: the line is a part of the message, not of this file.
 std::uint64_t ReadOption(const char *name, int panicLine)
 {
     const KifParamListPtr option(KIF_ParamListCreate());
@@ -90,12 +90,12 @@ void KeldPageRetireCorrelatorNotRetired(Kel *kel)
     if (state.notRetiredPosted)
         return KeldSay(KeldFate::HeldBack, "posted before; again when the daemon has been restarted");
     KeldPost<kNotRetiredHigh>(count);
-    state.notRetiredPosted =
-        true; // KEPT: once for a run of the daemon, also when the count falls and rises again
+    // KEPT: once for a run of the daemon, also when the count falls and rises again.
+    state.notRetiredPosted = true;
 }
 
-// KEPT: unsigned throughout. An interval above 100 percent can take more than there is, and then every
-// count above the threshold posts.
+// KEPT: unsigned throughout. With an interval above 100 percent, count - step can wrap around, and then
+// every count above the threshold is posted.
 void KeldPageRetireCorrelatorThreshold(Kel *kel)
 {
     std::uint64_t count = 0;
@@ -122,7 +122,7 @@ void ForgetOldInjections(std::uint64_t now)
     std::erase_if(state.virtualMachines, [](const auto &entry) { return entry.second.injections.empty(); });
 }
 
-// A virtual machine that is not there, or no longer, is left alone.
+// A virtual machine that the host does not know, or no longer knows, is left alone.
 void Kill(std::uint32_t worldId, VirtualMachineRecord *machine, std::int32_t injections, std::uint32_t page)
 {
     try {
@@ -136,7 +136,8 @@ void Kill(std::uint32_t worldId, VirtualMachineRecord *machine, std::int32_t inj
     }
 }
 
-// Tests after every injection of the walk, so that the event shows at which one the rule was met.
+// Goes through the injections page by page and tests after each, so that the event shows at which injection
+// the rule was met.
 void KillIfPageKeptInUse(std::uint32_t worldId, VirtualMachineRecord *machine)
 {
     std::int32_t count = 0;
@@ -154,7 +155,7 @@ void KillIfPageKeptInUse(std::uint32_t worldId, VirtualMachineRecord *machine)
         greatest = std::max(greatest, time);
         if (machine->killed || count < kInjectionsToKill || greatest - least < kSpreadToKillSeconds)
             continue;
-        // One attempt for each walk, however many injections are behind it: each asks the host.
+        // One attempt for each call, however many injections are left: every attempt asks the host.
         return Kill(worldId, machine, count, page);
     }
 }

@@ -65,7 +65,7 @@ constexpr const char *kDatastoresUnknown = "Unknown";
 
 enum class Change { Happened, Added, Removed };
 
-// How often each path was heard of lately.
+// How often each path has changed, or was reset, lately.
 class FrequencyCounter {
 public:
     explicit FrequencyCounter(const char *what) : mWhat(what) {}
@@ -108,19 +108,12 @@ private:
     std::uint64_t mLastDecay = 0;
 };
 
-struct State {
-    std::set<std::string> problemsPosted; // path and device, one behind the other
-    FrequencyCounter pathStateChanges{"state changes"};
-    FrequencyCounter powerOnResets{"resets"};
-};
-State &TheState()
-{
-    static State &state = *new State;
-    return state;
-}
+std::set<std::string> &problemsPosted = *new std::set<std::string>; // path and device, one behind the other
+FrequencyCounter &pathStateChanges = *new FrequencyCounter("state changes");
+FrequencyCounter &powerOnResets = *new FrequencyCounter("resets");
 
-// What the host answers about its storage; nothing when it cannot, or no longer can, which is the fate then
-// unless an event is posted without the answer.
+// Asks the host about its storage: its answer, or nothing when it cannot give one. The observation's fate
+// is then that the look-up failed, unless an event is posted without the answer.
 template <class Ask>
 auto AskHost(const char *what, const std::string &of, Ask ask)
     -> std::optional<decltype(ask(std::declval<const NodeAdm::Storage::StorageInfo &>()))>
@@ -144,7 +137,7 @@ std::optional<std::uint32_t> PathRedundancy(const std::string &device)
                    [&](const auto &storage) { return storage.GetLun(device)->GetPathRedundancy(); });
 }
 
-// The same for an event that is chosen by it.
+// The path redundancy by which an event is chosen; kUnknown, with the fate said, when it tells nothing.
 std::uint32_t KnownRedundancy(const std::string &device)
 {
     const std::optional<std::uint32_t> redundancy = PathRedundancy(device);
@@ -174,7 +167,7 @@ std::string Datastores(const std::string &device)
 
 void CountPathStateChange(const char *path, Change change, const char *previousState = "")
 {
-    if (!TheState().pathStateChanges.Count(path, change, previousState, KeldNowSeconds())) return;
+    if (!pathStateChanges.Count(path, change, previousState, KeldNowSeconds())) return;
     const std::optional<std::string> device = DeviceOfPath(path);
     if (!device) return;
     const std::optional<std::uint32_t> redundancy = PathRedundancy(*device);
@@ -209,7 +202,7 @@ void KeldScsiCorrelatorPathDown(Kel *kel)
     default:
         break;
     }
-    TheState().problemsPosted.insert(path + *device);
+    problemsPosted.insert(path + *device);
 }
 
 // Posts a clear only for the very path and device that a problem was posted for.
@@ -223,7 +216,7 @@ void KeldScsiCorrelatorPathUp(Kel *kel)
     if (previous != "off" && previous != "dead") return;
     const std::optional<std::string> device = DeviceOfPath(path);
     if (!device) return;
-    if (TheState().problemsPosted.erase(path + *device) == 0)
+    if (problemsPosted.erase(path + *device) == 0)
         return KeldSay(KeldFate::Counted, "nothing to clear: no loss of %s to %s was posted", path,
                        device->c_str());
     const std::uint32_t redundancy = KnownRedundancy(*device);
@@ -259,7 +252,7 @@ void KeldScsiCorrelatorPowerOnReset(Kel *kel)
 {
     const char *path = nullptr;
     if (KeldRead<kPath>(kel, &path) != 0) return;
-    if (!TheState().powerOnResets.Count(path, Change::Happened, "", KeldNowSeconds())) return;
+    if (!powerOnResets.Count(path, Change::Happened, "", KeldNowSeconds())) return;
 
     const std::string device = DeviceOfPath(path).value_or(path); // a device's own name arrives here, too
     const std::optional<std::uint32_t> redundancy = PathRedundancy(device);

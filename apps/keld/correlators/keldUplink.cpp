@@ -40,8 +40,7 @@ constexpr EventText kWatchdogReset(
 
 // ---- State bits -----------------------------------------------------------------------------------
 
-// Of VmnicStateType, by the NIC's name, byte for byte as received; one without bits has no entry. For the
-// life of the process.
+// Bits of VmnicStateType, by the NIC's name, byte for byte as received; a NIC without bits has no entry.
 auto &nicStates = *new std::map<std::string, std::uint32_t>;
 
 // Whether the NIC has one of these bits.
@@ -98,7 +97,8 @@ void JoinBatch(VmnicStateType state, const std::string &nic, const std::string &
 
 // ---- What comes due -------------------------------------------------------------------------------
 
-// Of a link state or a watchdog timeout that was gathered: what became of it, or an event about its NIC.
+// For a link state or a watchdog timeout that was gathered: Tell says what has become of it, PostOf posts
+// an event about its NIC.
 void Tell(KeldOrigin origin, KeldOutcome outcome, const char *why, const std::string &nic)
 {
     KeldOrigins origins;
@@ -118,7 +118,8 @@ void Report(VmnicStateType state, const std::string &nic)
     ReportBatch(BatchesOf(state), nic);
 }
 
-// Of what waits, that which is reported of a NIC that went down and did not come up.
+// Reports, of what waits, the first that there is: port groups, DVPorts, the link. For a NIC that went down
+// and did not come up.
 void ReportDown(const std::string &nic, KeldOrigin watchdog)
 {
     if (HasState(nic, PgUplinkDown))
@@ -131,8 +132,8 @@ void ReportDown(const std::string &nic, KeldOrigin watchdog)
         Panic("Unknown state: %x\n", nicStates[nic]);
 }
 
-// A driver that resets its NIC takes the link down and up: when both wait, it was a transient failure and
-// they are not reported.
+// A driver that resets its NIC takes the link down and up again. When a down and an up both wait, it was a
+// transient failure, and neither is reported.
 //
 // KEPT: only that outcome clears WatchdogTimeout. After the others the NIC's later batches and link
 // states are held, until another watchdog timeout of it is resolved: a NIC whose watchdog has fired and
@@ -184,7 +185,7 @@ void HandleDue(const std::string &nic, VmnicStateType state, KeldOrigin origin)
     case LinkUp:
         ClearState(nic, LinkUp);
         return ReportLinkState<kLinkStateUp>(nic, origin, PgUplinkUp | DvPortUplinkUp);
-    default: // batches wait with their bits while a watchdog timeout stands
+    default: // a batch keeps its bit and waits on while a watchdog timeout is open
         if (HasState(nic, WatchdogTimeout))
             HoldBatch(BatchesOf(state), nic, "held by its watchdog");
         else

@@ -51,7 +51,7 @@ void ForgetLost(Loss loss, const std::string &nic, const std::string &item)
     std::erase_if(dvPorts.lost[loss], [&](const auto &lost) { return lost.nic == nic; });
 }
 
-// One that is lost, of either kind; null when nothing is.
+// Any item that is still lost, of either kind; null when none is.
 const LostItem *StillLost(Loss loss)
 {
     for (const UplinkKind *kind : {&portGroups, &dvPorts})
@@ -59,7 +59,7 @@ const LostItem *StillLost(Loss loss)
     return nullptr;
 }
 
-// "redundancy is still lost: Backup, vmnic1".
+// Says the outcome of the items: "redundancy is still lost: Backup, vmnic1".
 void Tell(const UplinkBatch &items, KeldOutcome outcome, const char *why, const std::string &name,
           const std::string &nic)
 {
@@ -69,7 +69,8 @@ void Tell(const UplinkBatch &items, KeldOutcome outcome, const char *why, const 
     origins.Became(outcome, "%s: %s, %s", why, name.c_str(), nic.c_str());
 }
 
-// Of a batch's items, by Loss, what is to be posted now. What has to come back is kept in mind.
+// Sorts the items of a batch that went down by Loss; all of them are to be posted now. What has to come
+// back is kept in mind.
 ItemsByLoss SortLost(UplinkKind &kind, const std::string &nic, const UplinkBatch &batch)
 {
     ItemsByLoss items;
@@ -86,10 +87,11 @@ ItemsByLoss SortLost(UplinkKind &kind, const std::string &nic, const UplinkBatch
     return items;
 }
 
-// The same of a batch that came up. What comes back is forgotten.
+// The same for a batch that came up: by Loss, the items that are to be posted as restored now. What has
+// come back is no longer kept in mind.
 //
-// KEPT: items whose connectivity is back are named now or never, those whose redundancy is back are named
-// when nothing is lost any more on any NIC, under the switch of the batch that brings that about.
+// KEPT: items whose connectivity is back are named now or never. Those whose redundancy is back are named
+// when no redundancy is lost any more on any NIC, under the switch of the batch that brings that about.
 ItemsByLoss SortRestored(UplinkKind &kind, const std::string &nic, const UplinkBatch &batch)
 {
     ItemsByLoss items;
@@ -119,7 +121,7 @@ ItemsByLoss SortRestored(UplinkKind &kind, const std::string &nic, const UplinkB
     return items;
 }
 
-// Posts one text; each has its words in an order of its own.
+// Posts one text, which has the three words in an order of its own.
 enum Word { Switch, Nic, Items };
 template <const EventText &kText, Word... kOrder> void Post(const std::array<const char *, 3> &words)
 {

@@ -21,8 +21,8 @@ struct VmnicAlarmInfo {
     KeldOrigin origin;       // of a link state or watchdog timeout; what a batch holds has its own
 };
 
-// For the life of the process, keyed by the NIC's name.
-auto &pendingTimeouts = *new std::multimap<std::string, VmnicAlarmInfo>; // a NIC's in order of arrival
+// By the NIC's name; those of one NIC in the order in which they were scheduled.
+auto &pendingTimeouts = *new std::multimap<std::string, VmnicAlarmInfo>;
 
 int wakePipe[2] = {-1, -1}; // fixed before the alarm is first armed
 int wakeAlarm = -1;         // likewise
@@ -42,9 +42,9 @@ void ArmAlarm(std::uint32_t seconds, std::uint64_t now)
 std::uint64_t ScheduleUplinkTimeout(std::uint32_t delay, const std::string &nic, VmnicStateType state)
 {
     const std::uint64_t now = KeldNowSeconds();
-    // KEPT: reckoned from when the alarm was armed, but armed from now, in 32 unsigned bits. The pass takes
-    // all that is due by then, so that a record is reported late by as long as the alarm has been running,
-    // and never lost; an exact remainder would move events to other seconds.
+    // KEPT: the candidate counts from when the alarm was armed, in 32 unsigned bits, but the alarm is armed
+    // with it from now. A timeout can so come late, by as long as the alarm had been running, but is never
+    // lost: one pass handles all that is due. An exact remainder would move events to other seconds.
     const auto candidate = static_cast<std::uint32_t>(delay - armedAt + now);
     if (pendingTimeouts.empty())
         ArmAlarm(delay, now);
@@ -69,7 +69,7 @@ void HandleUplinkTimeouts(void (*handle)(const std::string &nic, VmnicStateType 
     std::optional<std::uint32_t> remaining;
     for (auto it = pendingTimeouts.begin(); it != pendingTimeouts.end();) {
         const auto &[nic, record] = *it;
-        // Unsigned: what was scheduled before the clock stepped back is due at once.
+        // Unsigned: what was scheduled before the clock was set back is due at once.
         if (record.delay <= now - record.timeStamp) {
             handle(nic, record.state, record.origin);
             it = pendingTimeouts.erase(it);
@@ -84,7 +84,7 @@ void HandleUplinkTimeouts(void (*handle)(const std::string &nic, VmnicStateType 
 
 int KeldUplinkInit()
 {
-    // On the alarm thread; sent with its NUL, and what it says does not matter.
+    // On the alarm thread. What is written, NUL included, does not matter: only that the pipe is readable.
     wakeAlarm = KeldAlarmRegister([] { (void)!write(wakePipe[1], "foo", sizeof "foo"); });
     if (wakeAlarm == -1) return -1;
     if (pipe2(wakePipe, O_CLOEXEC) != 0)

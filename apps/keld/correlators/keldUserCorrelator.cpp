@@ -168,24 +168,20 @@ constexpr EventText kLogDirectoryInvalid{
 struct State {
     KeldHoldOff leases{kLeaseHoldOff}, logDirectories{kLogDirectoryHoldOff};
 };
-State &Remembered()
-{
-    static State &state = *new State;
-    return state;
-}
+State &state = *new State;
 
 void KeldUserCorrelatorLeaseNoExpiry(Kel *kel)
 {
     const char *server = nullptr;
     if (KeldRead<kLease>(kel, &server) != 0) return;
-    if (Remembered().leases.Observe(server, KeldNowSeconds())) KeldPost<kNoExpiry>(server);
+    if (state.leases.Observe(server, KeldNowSeconds())) KeldPost<kNoExpiry>(server);
 }
 
 void KeldUserCorrelatorLogDirectoryInvalid(Kel *kel)
 {
     const char *configured = nullptr, *standard = nullptr;
     if (KeldRead<kLogDirectory>(kel, &configured, &standard) != 0) return;
-    if (Remembered().logDirectories.Observe(configured, KeldNowSeconds()))
+    if (state.logDirectories.Observe(configured, KeldNowSeconds()))
         KeldPost<kLogDirectoryInvalid>(configured, standard);
 }
 

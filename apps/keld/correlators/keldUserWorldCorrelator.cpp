@@ -57,30 +57,27 @@ using CrashRecords = std::map<std::string, CrashRecord>; // by application name
 struct State {
     CrashRecords dumped, dumpFailed;
 };
-State &Remembered()
-{
-    static State &state = *new State;
-    return state;
-}
+State &state = *new State;
 
 // Counts one crash: how many there were so far, or 0 when the application was reported not long ago.
 std::int32_t CountCrash(CrashRecords &records, const char *application)
 {
     const std::uint64_t now = KeldNowSeconds();
     CrashRecord &record = records[application];
-    const bool first = ++record.count == 1; // is reported whatever the clock says
+    const bool first = ++record.count == 1; // reported whatever the clock says
     if (!first && !kCrashHoldOff.IsOver(application, record.reported, now)) return 0;
     record.reported = now;
     return record.count;
 }
 
-// Matched anywhere in the name: what carries the agent's name is taken for a part of it.
+// The names are looked for anywhere in the application's: what carries "carad" or "zuma" in its name is
+// taken for a part of it.
 void KeldUserWorldCorrelatorCoreDumped(Kel *kel)
 {
     const char *application = nullptr, *coreFile = nullptr;
     std::int32_t process = 0;
     if (KeldRead<kDumped>(kel, &application, &process, &coreFile) != 0) return;
-    const std::int32_t crashes = CountCrash(Remembered().dumped, application);
+    const std::int32_t crashes = CountCrash(state.dumped, application);
     if (crashes == 0) return;
     const std::string_view name = application;
     if (name.find("carad") != name.npos)
@@ -96,7 +93,7 @@ void KeldUserWorldCorrelatorCoreDumpFailed(Kel *kel)
     const char *application = nullptr, *reason = nullptr;
     std::int32_t process = 0;
     if (KeldRead<kDumpFailed>(kel, &application, &process, &reason) != 0) return;
-    const std::int32_t crashes = CountCrash(Remembered().dumpFailed, application);
+    const std::int32_t crashes = CountCrash(state.dumpFailed, application);
     if (crashes != 0) KeldPost<kApplicationDumpFailed>(application, crashes);
 }
 

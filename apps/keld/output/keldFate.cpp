@@ -12,7 +12,7 @@
 
 namespace {
 
-// Who has said the fate: the later ones are not overruled by the earlier.
+// Who has said the fate, in ascending rank: a lower rank does not overrule a higher one.
 enum class Said { Not, ByFramework, ByHandler, ByEvent };
 
 struct Present {
@@ -48,7 +48,7 @@ void KeldSay(KeldFate fate, const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    // What is gathered, or has failed, is not done with when an event was posted.
+    // These two hold even when the handler has posted an event.
     const bool goesOn = fate == KeldFate::Gathered || fate == KeldFate::HandlerFailed;
     Say(goesOn ? Said::ByEvent : Said::ByHandler, fate, format, args);
     va_end(args);

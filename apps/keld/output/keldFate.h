@@ -7,12 +7,12 @@
 //     KeldSay(KeldFate::HeldBack, "within 90 s of the last one for %s; posts again after %s", directory,
 //             KeldTimeOfDay(begun + 90).text);
 //
-// Of several that a handler says the last one holds, and each before what the framework knows; an event
-// that is posted holds before all, unless the observation is gathered, too, or its handler fails. A handler
-// that returns without a fate has a fault, which is counted.
+// When a handler says several fates, the last one holds; whatever it says holds before what the framework
+// knows. A posted event holds before both, unless the observation is gathered, too, or its handler fails. A
+// handler that returns without a fate has a fault; these are counted.
 //
-// What is gathered keeps its KeldOrigin. Whoever deals with it later names the origins, so that events come
-// from these and not from the present observation, if there is one:
+// What is gathered keeps its KeldOrigin. Whoever handles it later names these origins, so that the events
+// are told as theirs and not as the present observation's:
 //
 //     KeldOrigins origins;
 //     for (const Item &item : batch) origins.Add(item.origin);
@@ -39,7 +39,7 @@ inline constexpr std::size_t kKeldFateCharsMax = 255; // what is longer is cut
 
 // ---- For handlers -----------------------------------------------------------------------------------
 
-// Says what becomes of the present observation. Without one, nothing.
+// Says what becomes of the present observation. Does nothing when there is none.
 void KeldSay(KeldFate fate, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 // The present observation, to be kept with what is gathered; none outside of a handler.
@@ -53,9 +53,9 @@ struct KeldTimeOfDay {
 
 inline constexpr std::size_t kKeldOriginsMax = 64; // named; the others are only counted
 
-// What is posted in its scope comes from these observations, which were gathered: from no observation at
-// all when none is added. Told at its end as their outcome: as Became says, or else posted when anything
-// was posted, discarded when not. Scopes do not nest.
+// A scope in which events come from the observations that were added, which had been gathered, and from no
+// observation when none was added. Its end tells their outcome: what Became said, or else posted when an
+// event was posted and discarded when none was. Scopes do not nest.
 class KeldOrigins {
 public:
     KeldOrigins();
@@ -83,13 +83,13 @@ private:
 // The scope in which one observation is the present one. Its end tells the fate, or counts the fault.
 class KeldHandling {
 public:
-    explicit KeldHandling(KeldOrigin origin); // of count 0: not an agent's, as in tests
+    explicit KeldHandling(KeldOrigin origin); // of count 0: no agent's observation, as in tests
     ~KeldHandling();
     KeldHandling(const KeldHandling &) = delete;
     KeldHandling &operator=(const KeldHandling &) = delete;
 };
 
-// A fate that holds unless the handler says one of its own, or another such comes behind it.
+// Says a fate for the framework. It holds unless the handler says one, or this is called again.
 void KeldSayByItself(KeldFate fate, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 // True when the present observation has a fate of either kind.

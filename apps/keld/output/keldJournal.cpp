@@ -36,7 +36,7 @@ constexpr std::size_t kListenersMax = 2;
 constexpr std::size_t kWaitingBytesMax = std::size_t{16} << 20; // of all listeners
 constexpr std::size_t kWriteBytes = 64 << 10;                   // at a time
 constexpr std::size_t kRoomBytesKept = 16 << 10;                // that a thread keeps for an entry
-constexpr int kGatherMilliseconds = 1; // what comes in such a time wakes a writer once
+constexpr int kGatherMilliseconds = 1; // entries that come within it wake a writer once
 constexpr int kAcceptPauseMilliseconds = 1000;
 constexpr std::chrono::milliseconds kEndWait{200};
 
@@ -107,7 +107,7 @@ bool IsWritten() REQUIRES(state.journalMutex)
     return true;
 }
 
-// Waits until there is something for the listener: false when it is to be left.
+// Waits until there is something for the listener: false when it has been cut off.
 bool Await(Listener &listener)
 {
     KeldLock lock(state.journalMutex);
@@ -119,7 +119,8 @@ bool Await(Listener &listener)
     return !listener.cut;
 }
 
-// Takes the hello, what is missing, and some of what there is.
+// Takes for the listener what is to be written next: the hello, a gap for what it has missed, and some of
+// the entries that wait.
 void Take(Listener &listener, std::string *bytes)
 {
     const KeldLock lock(state.journalMutex);

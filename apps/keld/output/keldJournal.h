@@ -21,7 +21,7 @@ inline std::atomic<bool> keldJournalHeard{false};
 // Whether somebody listens. Any thread; one relaxed load.
 inline bool KeldJournalHeard() { return keldJournalHeard.load(std::memory_order_relaxed); }
 
-// The calling thread's own room for one entry, empty.
+// The calling thread's own buffer for one entry, empty.
 std::string &KeldJournalRoom();
 
 // Wall-clock microseconds since the epoch.
@@ -30,7 +30,8 @@ std::uint64_t KeldJournalNow();
 // Gives the rendered entry the next number and hands it to the listeners.
 void KeldJournalStore(std::string *entry);
 
-// Without memory for an entry, all listeners are disconnected: a hole that has no name would be worse.
+// Disconnects all listeners, when there is no memory for an entry: a gap that nobody is told of would be
+// worse.
 void KeldJournalDisconnect();
 
 // Tells one entry, which make() gives, if somebody listens:

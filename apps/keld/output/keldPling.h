@@ -2,13 +2,12 @@
 #ifndef KELD_PLING_H
 #define KELD_PLING_H
 
-#include <cstddef>
 #include <cstdint>
 
 enum class KeldEventClass : int { Problem = 0, Audit = 1, Clear = 2 };
 
-// Registers the retry alarm and reads the host identity, which stays zero when it cannot be read.
-// Main thread, once, before any agent starts.
+// Registers the retry alarm (keldPlingDelivery) and reads the host identity, which stays zero when it
+// cannot be read. Main thread, once, before any agent starts.
 void KeldPlingInit();
 
 // Posts one event: packs the arguments, logs and traces the record, sends it to the management agent,
@@ -24,24 +23,7 @@ void KeldPostEvent(int defer, KeldEventClass cls, const char *format, ...)
 // Posts a problem whose type ID is "nox.problem." + suffix. Discouraged: kept for its old callers.
 void Keld_PostProblem(const char *suffix, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-// Sends one record over a connection of its own: 0, or -1. Any thread.
-int KeldPlingSend(const void *record, std::size_t length);
-
-// Puts a copy of the record on the retry list and arms the retry alarm. event is its number, tries how
-// often it was sent. Any thread.
-void KeldPlingQueue(std::uint64_t event, unsigned tries, const void *record, std::size_t length);
-
-// How many events wait on the retry list. Any thread.
-std::size_t KeldPlingWaiting();
-
 // How many events there were so far, whatever became of them. Any thread.
 std::uint64_t KeldPlingCount();
-
-// Tells the journal of the events that wait and will not be sent any more. Main thread, when no agent runs
-// any more.
-void KeldPlingTellLost();
-
-// One pass over the retry list. Alarm thread.
-void KeldPlingAlarmHandler();
 
 #endif

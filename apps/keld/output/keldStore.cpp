@@ -64,7 +64,7 @@ std::string_view KeldStore::EntryAt(std::uint64_t at) const
     return {from + sizeof length, length};
 }
 
-// Whoever still wanted something of the oldest chunk has missed it: true when somebody did.
+// Drops the oldest chunk. True when a reader still wanted some of it, and so has missed that.
 bool KeldStore::DropFront()
 {
     const Place next{mChunks.front().end, mChunks.front().first.number + mChunks.front().entries};

@@ -6,7 +6,8 @@
 // until the client ends its side. From then on the writer gives what waits until nothing does, or until the
 // connection has ended, whoever ended it. Then nothing of the client is left.
 //
-// A client that falls 16 MiB of lines behind is disconnected: it cannot exhaust the host.
+// When more than 16 MiB of lines wait for clients, those that are furthest behind are disconnected: they
+// cannot exhaust the host.
 
 #include "keldTrace.h"
 
@@ -190,7 +191,7 @@ char *Render(const TracedRecord &record, char *line)
     return to;
 }
 
-// Whoever did not read and has missed something by the last line is disconnected.
+// Disconnects the clients that have missed something for the last line, as they did not read.
 void DisconnectLaggards() REQUIRES(state.traceMutex)
 {
     for (Client &client : state.clients) {
@@ -257,7 +258,8 @@ try {
     shutdown(client.descriptor, SHUT_RDWR);
     return nullptr;
 } catch (const std::bad_alloc &) {
-    shutdown(static_cast<Client *>(argument)->descriptor, SHUT_RDWR); // a hole would be worse
+    // A gap that nobody is told of would be worse.
+    shutdown(static_cast<Client *>(argument)->descriptor, SHUT_RDWR);
     return nullptr;
 }
 

@@ -25,7 +25,8 @@
 #include <sanitizer/asan_interface.h>
 #endif
 
-// A cancellation is caught by a reference to no object at all.
+// A cancellation has no exception object: the reference that catches it is null, which a sanitizer would
+// report.
 #define KELD_CATCHES_CANCELLATION __attribute__((noinline, no_sanitize("null")))
 
 namespace {

@@ -31,7 +31,7 @@ int KeldReadChannel(int fd, std::int32_t channel, KeldRecordBuffer *buffer)
     }
     if (byteCount == 0 || byteCount > kKeldBatchBytesMax) return -1;
     status = KeldDispatch(channel, buffer->bytes.get(), byteCount);
-    // Of such datagrams several shall be one batch.
+    // Grows ahead of need: several datagrams as large as these are to fit one batch.
     if (byteCount > buffer->size / 2 && buffer->size < kKeldBufferBytesEnough) (void)Grow(buffer);
     return status;
 }

@@ -49,7 +49,7 @@ private:
     pthread_mutex_t mMutex;
 };
 
-// It guards the list, and the descriptors of every stream while a batch is dispatched.
+// The lock guards the list, and the descriptors of every stream while a batch is dispatched.
 struct Streams {
     StreamLock lock;
     std::list<std::unique_ptr<KeldStream>> list GUARDED_BY(lock); // in order of registration
@@ -107,7 +107,7 @@ int KeldDispatch(std::int32_t channel, const std::byte *buffer, std::size_t byte
     const StreamHold hold;
     const Batch batch{buffer, byteCount};
     if (KeldJournalHeard()) TellIn(channel, batch);
-    std::uint32_t initials = 0; // of the batch
+    std::uint32_t initials = 0; // of the batch's IDs
     for (std::size_t at = 0; at < byteCount; at += KelRecord_TotalLength(buffer + at)) {
         KeldTraceIn(buffer + at);
         initials |= KeldInitial(IdOf(buffer + at));
@@ -127,18 +127,6 @@ int KeldDispatch(std::int32_t channel, const std::byte *buffer, std::size_t byte
     for (const auto &stream : streams.list)
         if (const int error = WriteRest(*stream, batch); error != 0) return error;
     return 0;
-}
-
-bool KeldSubscriptionMatches(const KeldSubscription &subscription, std::string_view id)
-{
-    if ((subscription.initials & KeldInitial(id)) == 0) return false;
-    for (std::int32_t i = 0; i < subscription.prefixCount; ++i) {
-        const std::string &prefix = subscription.prefixes[static_cast<std::size_t>(i)];
-        if (id.size() > prefix.size() && id[prefix.size()] == '.' && id.starts_with(prefix)) return true;
-    }
-    for (std::int32_t i = 0; i < subscription.exactIdCount; ++i)
-        if (id == subscription.exactIds[static_cast<std::size_t>(i)]) return true;
-    return false;
 }
 
 std::size_t KeldDispatchStreamCount()
@@ -204,7 +192,8 @@ void TellLost(const KeldStream &stream, KeldFate fate)
     KeldJournalTell([&] { return JournalLost{stream.number, fate, stream.taken, last}; });
 }
 
-// What the stream wants of the batch and has not got, as far as there are pieces: how many.
+// Gathers what the stream wants of the batch and has not got yet, as far as there are pieces: gives how
+// many it took.
 int Gather(const KeldStream &stream, const Batch &batch, iovec *pieces)
 {
     int count = 0;
@@ -227,7 +216,7 @@ int Gather(const KeldStream &stream, const Batch &batch, iovec *pieces)
     return count;
 }
 
-// Goes on to the first record of which not all bytes were written.
+// Moves the stream's place to the first record that is not wholly written, and counts those before it.
 void CountWritten(KeldStream &stream, const Batch &batch, std::size_t bytes)
 {
     while (bytes > 0) {
@@ -259,8 +248,8 @@ int WriteWanted(KeldStream &stream, const Batch &batch)
     return 0;
 }
 
-// Waits for the pipe as often as it is full: 0 or an errno value. What the exit flag finds not yet begun is
-// given up.
+// Writes the rest of what the stream wants, and waits whenever the pipe is full: 0 or an errno value. Once
+// the exit was requested, records that are not begun are given up.
 int WriteRest(KeldStream &stream, Batch batch)
 {
     for (;;) {
@@ -273,8 +262,8 @@ int WriteRest(KeldStream &stream, Batch batch)
         } else if (stream.begun == 0) {
             return 0;
         } else {
-            // Half a record could leave its agent reading for ever; once nothing waits for the
-            // receiver any more, the agent is soon here.
+            // The record at hand is finished: half of one could leave its agent reading for ever. The agent
+            // soon reads on, since from here on nothing waits for the receiver.
             batch.size = stream.place + KelRecord_TotalLength(batch.bytes + stream.place);
             KeldSetStopping();
             (void)poll(&full, 1, -1);
@@ -285,23 +274,6 @@ int WriteRest(KeldStream &stream, Batch batch)
 } // namespace
 
 // ---- The agents' side -------------------------------------------------------------------------------
-
-int KeldSubscriptionAddDomain(KeldSubscription *subscription, const std::string &domain)
-{
-    if (subscription->prefixCount == kKeldSubscriptionMax) return 1;
-    std::string &prefix = subscription->prefixes[static_cast<std::size_t>(subscription->prefixCount++)];
-    prefix = "kel." + domain;
-    subscription->initials |= KeldInitial(prefix);
-    return 0;
-}
-
-int KeldSubscriptionAddExactId(KeldSubscription *subscription, const std::string &id)
-{
-    if (subscription->exactIdCount == kKeldSubscriptionMax) return 1;
-    subscription->exactIds[static_cast<std::size_t>(subscription->exactIdCount++)] = id;
-    subscription->initials |= KeldInitial(id);
-    return 0;
-}
 
 int KeldStreamRegister(KeldAgentName owner, const KeldSubscription &subscription, KeldStream **stream)
 try {
@@ -348,7 +320,8 @@ int KeldStreamReadKel(KeldStream *stream, Kel **kel, bool *complete)
         if (ahead.Lacking() > 0) return 0;
     }
     const std::uint32_t total = KelRecord_TotalLength(ahead.First());
-    if (total == KELRECORD_HEADER_BYTES) EndOfFile(stream, 0); // KEPT: the two are not told apart
+    // KEPT: a record without a body is taken for the end of file.
+    if (total == KELRECORD_HEADER_BYTES) EndOfFile(stream, 0);
     MallocPtr<std::byte> record(static_cast<std::byte *>(std::malloc(total)));
     if (record == nullptr) return 2;
     std::memcpy(record.get(), ahead.First(), total);

@@ -5,39 +5,14 @@
 
 #include "keldOwn.h"
 #include "keldReadAhead.h"
+#include "keldSubscription.h"
 
-#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
-
-inline constexpr int kKeldSubscriptionMax = 10; // prefixes, and exact IDs
-
-struct KeldSubscription {
-    std::int32_t prefixCount = 0;
-    std::int32_t exactIdCount = 0;
-    std::array<std::string, kKeldSubscriptionMax> prefixes; // "kel.net"
-    std::array<std::string, kKeldSubscriptionMax> exactIds;
-    std::uint32_t initials = 0; // of what may match: most observations are told apart by them
-};
-
-// 0, or 1 when there are 10 already.
-int KeldSubscriptionAddDomain(KeldSubscription *subscription, const std::string &domain);
-int KeldSubscriptionAddExactId(KeldSubscription *subscription, const std::string &id);
-
-// The bit of an ID's first letter behind "kel.", in a set of them; all bits for an ID that has none.
-constexpr std::uint32_t KeldInitial(std::string_view id)
-{
-    return id.size() > 4 ? 1U << (static_cast<unsigned char>(id[4]) % 32) : ~0U;
-}
-
-// True for an ID that lies below a prefix ("kel.net.x" for "kel.net", neither "kel.net" nor
-// "kel.network.x"), or is an exact ID.
-bool KeldSubscriptionMatches(const KeldSubscription &subscription, std::string_view id);
 
 using KeldAgentName = std::shared_ptr<const std::string>;
 
@@ -55,9 +30,9 @@ struct KeldStream {
     std::size_t begun = 0; // bytes of that one that are
     // Whole records: written by the main thread, taken by the agent for its handler.
     std::uint64_t queued = 0;
-    std::atomic<std::uint64_t> taken = 0; // read at the exit, when an agent may not have obeyed
-    // By the main thread to the journal: the last one that goes to the agent, also when it was given up
-    // since.
+    std::atomic<std::uint64_t> taken = 0; // read at the exit, when an agent may still run
+    // The last record that the journal was told goes to this agent, also when it was given up since. Main
+    // thread only.
     std::uint64_t told = 0;
 };
 

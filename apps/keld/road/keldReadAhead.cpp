@@ -10,7 +10,8 @@ bool KeldReadAhead::Make()
 {
     void *mapped = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (mapped == MAP_FAILED) return false;
-    (void)madvise(mapped, kBytes, MADV_NOHUGEPAGE); // all agents' together would fill one
+    // Side by side, the agents' mappings would fill a huge page, all of it resident.
+    (void)madvise(mapped, kBytes, MADV_NOHUGEPAGE);
     mBytes = static_cast<std::byte *>(mapped);
     return true;
 }

@@ -51,7 +51,8 @@ std::vector<Listening> ReadListening(Database &database)
     return rows;
 }
 
-// Between two times of listening: to the same daemon its numbers tell exactly what is missing.
+// Between two times of listening. When both were to the same run of the daemon, its numbers tell exactly
+// how much is missing.
 void FindGap(const Listening &before, const Listening &after, std::vector<EvidenceGap> *gaps)
 {
     if (before.run == after.run) {

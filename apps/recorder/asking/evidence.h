@@ -26,7 +26,7 @@ struct Evidence {
     nlohmann::ordered_json ToJson() const;
 };
 
-// beingRecorded: what the recorder heard last it may have heard until now.
+// beingRecorded: a recorder runs, so that its last time of listening goes on until now.
 Evidence FindEvidence(Database &database, const TimeSpan &span, bool beingRecorded);
 
 // "18,201"

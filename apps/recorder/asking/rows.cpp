@@ -123,8 +123,8 @@ void Rows::Read(Statement &row, RecordedEvent *event)
     event->delivered = row.Unsigned(9);
 }
 
-// One search by the index that fits; by one for each name when there are few, so that each ends at its
-// limit.
+// Searches by the index that fits. When there are few names, each is searched for by itself, so that each
+// search ends at the limit.
 template <class Row>
 std::vector<Row> Rows::Find(const std::string &table, const char *nameColumn, const char *flaw,
                             const RowFilter &filter)
@@ -264,7 +264,7 @@ std::string Rows::DeliveryText(const RecordedEvent &event) const
     if (event.tries > 1 || event.delivery == static_cast<int>(JournalDelivery::Waiting))
         text += fmt::format(", try {} of 6", event.tries);
     if (event.delivered > event.time + 1'000'000)
-        text += fmt::format(", {} later", AgeText(event.delivered - event.time));
+        text += fmt::format(", {} later", ShortAge(event.delivered - event.time));
     return text;
 }
 

@@ -103,7 +103,7 @@ TimeSpan ParseTimeSpan(const std::string &since, const std::string &until, std::
 
 std::string ShortTime(std::uint64_t microseconds) { return LocalTime(microseconds).substr(0, 19); }
 
-std::string AgeText(std::uint64_t microseconds)
+std::string ShortAge(std::uint64_t microseconds)
 {
     std::uint64_t seconds = microseconds / kSecond, minutes = seconds / 60, hours = minutes / 60;
     if (seconds < 60) return fmt::format("{} s", seconds);

@@ -25,6 +25,6 @@ TimeSpan ParseTimeSpan(const std::string &since, const std::string &until, std::
 std::string ShortTime(std::uint64_t microseconds);
 
 // "3 min", "2 h 5 min", "4 d 3 h".
-std::string AgeText(std::uint64_t microseconds);
+std::string ShortAge(std::uint64_t microseconds);
 
 #endif

@@ -1,8 +1,6 @@
 #include "commands.h"
 
-#include "console.h"
 #include "database.h"
-#include "text.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -10,8 +8,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fmt/format.h>
-#include <sstream>
-#include <unistd.h>
 
 namespace {
 
@@ -35,12 +31,7 @@ int Run(CLI::App &app, int argc, char **argv, const Command &chosen)
         app.parse(argc, argv);
         return chosen();
     } catch (const CLI::Success &help) {
-        std::ostringstream text;
-        int status = app.exit(help, text);
-        Output out(STDOUT_FILENO);
-        out.Text(text.str());
-        out.Flush();
-        return status;
+        return ShowHelp(app, help);
     } catch (const CLI::ParseError &error) {
         fmt::print(stderr, "{0}: {1}\nTry \"{0} --help\".\n", app.get_name(), error.what());
         return kExitUsage;
@@ -52,12 +43,6 @@ int Run(CLI::App &app, int argc, char **argv, const Command &chosen)
 void AddFileOption(CLI::App &app, std::string *file)
 {
     app.add_option("-f,--file", *file, "The recording, instead of KELD_RECORDING or the recorder's own")
-        ->type_name("FILE");
-}
-
-void AddCatalogueOption(CLI::App &app, std::string *file)
-{
-    app.add_option("--catalogue", *file, "The catalogue, instead of KELD_CATALOGUE or the installed one")
         ->type_name("FILE");
 }
 
@@ -97,22 +82,18 @@ int RunRecorder(int argc, char **argv)
     CLI::App app(entry->description, fmt::format("keladm {}", command));
     Command chosen;
     entry->add(app, &chosen);
-    auto fail = [&](int status, const char *message) {
-        fmt::print(stderr, "{}: {}\n", app.get_name(), message);
-        return status;
-    };
-    try {
-        if (argc == 4 && argv[1] == std::string_view("--complete")) return Complete(app, argv[2], argv[3]);
-        return Run(app, argc, argv, chosen);
-    } catch (const Failure &failure) {
-        return fail(failure.status, failure.what());
-    } catch (const OutputClosed &) {
-        return kExitOk;
-    } catch (const Stopped &) {
-        return kExitOk;
-    } catch (const DatabaseError &error) {
-        return fail(kExitFailed, fmt::format("the recording: {}", error.what()).c_str());
-    } catch (const std::exception &error) {
-        return fail(kExitFailed, error.what());
-    }
+    return CarryOut(
+        [&] {
+            try {
+                if (argc == 4 && argv[1] == std::string_view("--complete"))
+                    return Complete(app, argv[2], argv[3]);
+                return Run(app, argc, argv, chosen);
+            } catch (const DatabaseError &error) {
+                throw Failure(kExitFailed, fmt::format("the recording: {}", error.what()));
+            }
+        },
+        [&](int status, const std::string &why) {
+            fmt::print(stderr, "{}: {}\n", app.get_name(), why);
+            return status;
+        });
 }

@@ -2,18 +2,15 @@
 #ifndef RECORDER_COMMANDS_H
 #define RECORDER_COMMANDS_H
 
+#include "commandLine.h"
 #include "failure.h"
 
 #include <cstdint>
-#include <functional>
 #include <string>
 
 namespace CLI {
 class App;
 }
-
-// Carries out a command whose options have been read; gives the exit status, or throws Failure.
-using Command = std::function<int()>;
 
 // Each gives app its options; parsing makes *chosen what carries it out.
 void AddRecordCommand(CLI::App &app, Command *chosen);
@@ -24,7 +21,6 @@ void AddOpenCommand(CLI::App &app, Command *chosen);
 
 // Options that several commands have, in one form.
 void AddFileOption(CLI::App &app, std::string *file);
-void AddCatalogueOption(CLI::App &app, std::string *file);
 void AddTimeOptions(CLI::App &app, std::string *since, std::string *until);
 
 // What may follow in a shell: one word a line, options of app or values of the option before. Never fails.

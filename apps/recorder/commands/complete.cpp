@@ -17,7 +17,7 @@ constexpr size_t kWordsMax = 2000;
 void AddNames(const std::string &word, bool objects, std::set<std::string> *words)
 {
     Database database = OpenRecording(RecordingFile(""));
-    // Objects are what noise is counted by as such; both are few beside the rows.
+    // What is neither an ID, a type nor an agent is an object. Names are few beside the rows.
     Statement names(database,
                     fmt::format("SELECT text FROM name WHERE text >= ?1 AND text < ?1 || char(1114111) AND "
                                 "{} ORDER BY text LIMIT ?2",

@@ -129,7 +129,7 @@ void Log::AddNotices(std::vector<Line> *lines)
         std::string kind(notices.Text(3)), text(notices.Text(4));
         if (mOptions.lost && kind != NoticeKind::kLost && kind != NoticeKind::kRefused) continue;
         json body{{"text", text}};
-        if (until > time) text += fmt::format(" until {} ({})", ShortTime(until), AgeText(until - time));
+        if (until > time) text += fmt::format(" until {} ({})", ShortTime(until), ShortAge(until - time));
         if (until == 0) text += " and still is";
         if (kind == NoticeKind::kReceiver && !notices.IsNull(5))
             text += fmt::format(", {} {} failed", notices.Unsigned(5),
@@ -207,7 +207,8 @@ void Log::Summary()
     SummaryOf(Noise::EventObject, "objects of events", true);
 }
 
-// The limit counts by minutes of its own, which begin with an event: shares are of calendar minutes.
+// The shares are of calendar minutes. The limit itself counts by minutes of its own, which begin with an
+// event.
 void Log::SummaryOf(Noise kind, const char *title, bool events)
 {
     Statement noisy(mDatabase,

@@ -71,13 +71,13 @@ void Show(const std::vector<OpenProblem> &problems, std::uint64_t now, Rows &row
         if (!problem.clearable) continue;
         clearable++;
         auto event = rows.Event(problem.last);
-        out->Line(fmt::format("#{:<4} since {} ({}), {}  {}  {}{}", problem.number,
-                              ShortTime(problem.firstTime), AgeText(now - std::min(now, problem.firstTime)),
-                              TimesText(problem), Printable(problem.type), Printable(problem.object),
-                              problem.orphan
-                                  ? "  ORPHAN: the daemon was restarted and has forgotten it; its clear "
-                                    "cannot come"
-                                  : ""));
+        out->Line(fmt::format(
+            "#{:<4} since {} ({}), {}  {}  {}{}", problem.number, ShortTime(problem.firstTime),
+            ShortAge(now - std::min(now, problem.firstTime)), TimesText(problem), Printable(problem.type),
+            Printable(problem.object),
+            problem.orphan ? "  ORPHAN: the daemon was restarted and has forgotten it; its clear "
+                             "cannot come"
+                           : ""));
         if (event)
             out->Line(fmt::format("      {} {} ({})", rows.Label('e', event->key), rows.Detail(*event),
                                   rows.DeliveryText(*event)));
@@ -89,7 +89,7 @@ void Show(const std::vector<OpenProblem> &problems, std::uint64_t now, Rows &row
         if (!problem.clearable)
             out->Line(fmt::format("#{:<4} last at {} ({} ago), {}  {}  {}", problem.number,
                                   ShortTime(problem.lastTime),
-                                  AgeText(now - std::min(now, problem.lastTime)),
+                                  ShortAge(now - std::min(now, problem.lastTime)),
                                   problem.times == 1 ? "once" : fmt::format("{} times", problem.times),
                                   Printable(problem.type), Printable(problem.object)));
 }

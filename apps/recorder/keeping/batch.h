@@ -76,7 +76,7 @@ struct ProblemStep {
     std::uint64_t time = 0;
 };
 
-// One without a time ends the one of its kind that is open, which has no until.
+// A row without a time ends the open notice of its kind: the one that has no until.
 struct NoticeRow {
     std::uint64_t time = 0;
     std::uint64_t until = 0;

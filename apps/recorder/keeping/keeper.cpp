@@ -136,7 +136,8 @@ void Keeper::On(const JournalDropped &dropped)
 void Keeper::On(const JournalFateEntry &fate)
 {
     Agent &agent = mAgents[fate.origin.agent];
-    // An agent takes them in their order: the fates of those before it were told in a gap.
+    // An agent takes observations in their order. Those before this one that have no fate had theirs told
+    // in a gap.
     while (!agent.pending.empty() && agent.pending.front().count < fate.origin.count)
         agent.pending.pop_front();
     if (agent.pending.empty() || agent.pending.front().count != fate.origin.count) return;

@@ -20,7 +20,7 @@ public:
 
     void Hear(const JournalEntry &entry);
 
-    // The stream has ended, for the reason that its last entry has not told.
+    // The stream has ended, for this reason unless its last entry has told another.
     void Ended(CoverageEnd why);
 
     // A change of the inventory, or an entry that is there at the start.

@@ -111,7 +111,7 @@ try {
     if (database.Number("SELECT count(*) FROM sqlite_schema") != 0) CheckKind(database, file);
     database.Run("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA cache_size = -65536;"
                  "PRAGMA journal_size_limit = 67108864; PRAGMA wal_autocheckpoint = 2000;");
-    // The log stays when the last one closes it: those who may only read need it.
+    // The write-ahead log stays when the last connection closes: whoever may only read needs it.
     int stay = 1;
     sqlite3_file_control(database.Get(), "main", SQLITE_FCNTL_PERSIST_WAL, &stay);
     if (database.Number("PRAGMA user_version") == 0) {

@@ -201,7 +201,7 @@ bool Store::Trim(std::uint64_t now)
     return until < end;
 }
 
-// When the row was that stands so many rows behind the oldest. What is kept although it is older does not
+// The time of the row that comes so many rows after the oldest. Old rows that are kept all the same do not
 // count.
 std::optional<std::int64_t> Store::TimeOfRow(std::size_t rows)
 {
@@ -245,7 +245,7 @@ std::uint64_t Store::BytesUsed()
 
 void Store::MakeReserve()
 {
-    // Not as long as it would fill the disk anew.
+    // Not while it would fill the disk again.
     struct statvfs disk {};
     if (statvfs(mFile.c_str(), &disk) != 0 || disk.f_bavail * disk.f_frsize < 2 * kReserveBytes) return;
     UniqueFd fd(open((mFile + ".reserve").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
@@ -254,7 +254,7 @@ void Store::MakeReserve()
         return;
 }
 
-// Begins the log anew in the space that it has already. As much as the disk allows.
+// Moves the write-ahead log into the database, as far as the disk allows, so that its space is used again.
 void Store::Checkpoint()
 {
     sqlite3_exec(Data().Get(), "PRAGMA wal_checkpoint(RESTART)", nullptr, nullptr, nullptr);

@@ -54,7 +54,7 @@ public:
     }
 
 private:
-    // For a time that never comes.
+    // Sets the timer to a time that never comes: only a step of the clock ends it.
     void Arm() const
     {
         itimerspec never{};

@@ -170,7 +170,7 @@ void ServiceSource::Take(Unit *unit, std::string_view state)
     else if (state == "inactive" || state == "failed")
         unit->active = false;
     else if (!unit->active)
-        unit->active = false; // on its way, from nothing that was known
+        unit->active = false; // between two states, and none was known: not active yet
 
     bool anyActive = false;
     for (const Unit &other : mUnits) {

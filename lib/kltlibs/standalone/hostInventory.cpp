@@ -40,7 +40,7 @@ int FileName(const Path &path, std::string *name)
     return 0;
 }
 
-// A name that is too long, or that leads through a file, is of nothing that is there.
+// ENOENT also for a name that is too long or leads through a file: no such entry can be there.
 int ErrorOfAccess() { return errno == ENOTDIR || errno == ENAMETOOLONG ? ENOENT : errno; }
 
 // A descriptor for one short use, which is there also when the process has no other left: one with a low

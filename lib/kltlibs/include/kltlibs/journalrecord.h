@@ -34,8 +34,7 @@ enum : std::uint32_t {
     kJournalTextBytesMax = 0xFFFF,
 };
 
-// ---- Codes
-// -----------------------------------------------------------------------------------------------
+// ---- Codes ----------------------------------------------------------------------------------------
 
 enum class JournalKind : std::uint16_t {
     Hello = 1,
@@ -83,8 +82,7 @@ enum class JournalDelivery : std::uint8_t {
     LostAtExit = 8,
 };
 
-// ---- Entries
-// ---------------------------------------------------------------------------------------------
+// ---- Entries --------------------------------------------------------------------------------------
 //
 // Texts and records of an entry that was read lie in the bytes that it was read from.
 
@@ -93,7 +91,8 @@ struct JournalBytes {
     bool operator==(const JournalBytes &) const = default;
 };
 
-// An observation in an agent: the agent's number, and the how manyth it is that went to that agent.
+// An observation in an agent: the agent's number, and the observation's place among those that went to that
+// agent.
 struct JournalOrigin {
     std::uint16_t agent = 0;
     std::uint64_t count = 0; // from 1 on; 0 is none
@@ -252,8 +251,7 @@ struct JournalEnd {
     bool operator==(const JournalEnd &) const = default;
 };
 
-// ---- Writing
-// ---------------------------------------------------------------------------------------------
+// ---- Writing --------------------------------------------------------------------------------------
 
 class JournalWriter {
 public:

@@ -16,8 +16,9 @@
 #ifndef KLTLIBS_KELRECORD_H
 #define KLTLIBS_KELRECORD_H
 
+#include "kltlibs/recordword.h"
+
 #include <stdint.h>
-#include <string.h>
 
 #define KELRECORD_MAGIC "KEL1"
 
@@ -36,18 +37,9 @@ enum {
 
 static inline uint32_t KelRecord_Word(const void *record, uint32_t offset)
 {
-    uint32_t word;
-    memcpy(&word, (const char *)record + offset, sizeof word);
-    return word;
+    return Record_Word(record, offset);
 }
-
-static inline uint64_t KelRecord_Timestamp(const void *record)
-{
-    uint64_t microseconds;
-    memcpy(&microseconds, record, sizeof microseconds);
-    return microseconds;
-}
-
+static inline uint64_t KelRecord_Timestamp(const void *record) { return Record_Timestamp(record); }
 static inline uint32_t KelRecord_ArgumentCount(const void *record)
 {
     return KelRecord_Word(record, KELRECORD_ARGUMENT_COUNT_AT);

@@ -1,13 +1,13 @@
-// The system log: the very datagrams that libc's vsyslog would send (RFC 3164: priority, local time, program
-// name), by a sender of our own that nobody can hold.
+// The system log: the very datagrams that libc's vsyslog would send (RFC 3164: priority, local time,
+// program name), by a sender of our own that nobody can block.
 //
 // libc's call blocks for as long as the log daemon does not read, and holds a lock meanwhile: one stuck log
-// daemon would stop every thread that has something to say. Here a line goes out on a non-blocking socket. When
-// the log does not take it, all threads together wait for at most KSYSLOG_WAIT_MILLISECONDS in any minute; beyond
-// that, lines are lost and counted, and the first line that is taken again says how many.
+// daemon would stop every thread that has something to say. Here a line goes out on a non-blocking socket.
+// When the log does not take it, all threads together wait for at most KSYSLOG_WAIT_MILLISECONDS in any
+// minute; beyond that, lines are lost and counted, and the first line that is taken again says how many.
 //
-// A line that fails because the log daemon was restarted opens the socket anew. Every function may be called
-// from every thread; none takes a lock that another thread keeps while it waits.
+// A line that fails because the log daemon was restarted opens the socket anew. Every function may be
+// called from every thread; none takes a lock that another thread keeps while it waits.
 #ifndef KLTLIBS_KSYSLOG_H
 #define KLTLIBS_KSYSLOG_H
 

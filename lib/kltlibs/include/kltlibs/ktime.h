@@ -37,9 +37,9 @@ void KTime_LocalTime(time_t seconds, struct tm *local);
 // Whole seconds of the wall clock; 0 when it cannot be read.
 std::uint64_t KTime_WallSeconds();
 
-// Waits on condition until it is notified, until the wall clock reaches wallSeconds (without: for ever), or
-// spuriously: once a second at least when there is a time, since a wall clock that is set back would else hold
-// the waiter for as long as it was set back. lock is held before and after.
+// Waits on condition until it is notified or the wall clock reaches wallSeconds; without a time, until it
+// is notified. May return sooner, and with a time does so at least once a second: a wall clock that is set
+// back would otherwise hold the waiter for as long as it was set back. lock is held before and after.
 void KTime_WaitUntil(std::condition_variable &condition, std::unique_lock<std::mutex> &lock,
                      std::optional<std::uint64_t> wallSeconds);
 

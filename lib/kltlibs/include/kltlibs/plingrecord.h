@@ -16,8 +16,9 @@
 #ifndef KLTLIBS_PLINGRECORD_H
 #define KLTLIBS_PLINGRECORD_H
 
+#include "kltlibs/recordword.h"
+
 #include <stdint.h>
-#include <string.h>
 
 enum {
     PLINGRECORD_KERNEL_WORD_AT = 8,
@@ -32,31 +33,18 @@ enum {
     PLINGRECORD_TYPE_ID_BYTES_MAX = 129, // with the NUL
 };
 
-static inline uint32_t PlingRecord_Word(const void *record, uint32_t offset)
-{
-    uint32_t word;
-    memcpy(&word, (const char *)record + offset, sizeof word);
-    return word;
-}
-
-static inline uint64_t PlingRecord_Timestamp(const void *record)
-{
-    uint64_t microseconds;
-    memcpy(&microseconds, record, sizeof microseconds);
-    return microseconds;
-}
-
+static inline uint64_t PlingRecord_Timestamp(const void *record) { return Record_Timestamp(record); }
 static inline uint32_t PlingRecord_TotalLength(const void *record)
 {
-    return PlingRecord_Word(record, PLINGRECORD_TOTAL_LENGTH_AT);
+    return Record_Word(record, PLINGRECORD_TOTAL_LENGTH_AT);
 }
 static inline uint32_t PlingRecord_ArgumentCount(const void *record)
 {
-    return PlingRecord_Word(record, PLINGRECORD_ARGUMENT_COUNT_AT);
+    return Record_Word(record, PLINGRECORD_ARGUMENT_COUNT_AT);
 }
 static inline uint32_t PlingRecord_TypeIdLength(const void *record)
 {
-    return PlingRecord_Word(record, PLINGRECORD_TYPE_ID_LENGTH_AT);
+    return Record_Word(record, PLINGRECORD_TYPE_ID_LENGTH_AT);
 }
 
 static inline const char *PlingRecord_TypeId(const void *record)
