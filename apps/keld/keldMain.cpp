@@ -28,6 +28,7 @@
 
 #include <kltlibs/kif.h>
 #include <kltlibs/ksyslog.h>
+#include <kltlibs/notify.h>
 #include <kltlibs/rundir.h>
 
 #include <algorithm>
@@ -108,7 +109,7 @@ int KeldMain(int argc, char **argv, bool optionalAgents)
         KeldStatusPhase(KeldPhase::Serves);
         TellReady();
         code = daemon.Loop();
-        KeldNotify("STOPPING=1");
+        KltNotify("STOPPING=1");
     }
     KeldStatusPhase(KeldPhase::Leaves);
     daemon.Stop();
@@ -219,7 +220,7 @@ void TellReady()
     (void)KltRunDir_Path("", directory, sizeof directory);
     KeldTell("version %s is ready: process %d, run directory %s, %zu agents", KELD_VERSION,
              static_cast<int>(getpid()), directory, KeldDispatchStreamCount());
-    KeldNotify("READY=1");
+    KltNotify("READY=1");
 }
 
 void TellEnd(int code)

@@ -4,7 +4,10 @@
 #include "waitFor.h"
 
 #include <map>
+#include <sched.h>
+#include <sys/mount.h>
 #include <systemd/sd-bus.h>
+#include <systemd/sd-journal.h>
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -39,6 +42,10 @@ TEST_F(JournalTest, ACrashCountsOnlyFromTheCoreDumpHandler)
     EXPECT_THAT(Take(crash),
                 ElementsAre("kel.uw.core.dumped(carad, 811, /var/lib/systemd/coredump/core.carad.zst)"));
     crash.erase("COREDUMP_FILENAME");
+    crash["COREDUMP"] = "\x7f"
+                        "ELF"; // the journal has it
+    EXPECT_THAT(Take(crash), IsEmpty());
+    crash.erase("COREDUMP");
     EXPECT_THAT(Take(crash), ElementsAre("kel.uw.core.dumpFailed(carad, 811, no core file was stored)"));
     crash["_SYSTEMD_UNIT"] = "user@1000.service";
     EXPECT_THAT(Take(crash), IsEmpty());
@@ -63,6 +70,84 @@ TEST_F(JournalTest, OtherServicesAreUnderstoodByTheirWords)
     EXPECT_THAT(Take(lock), ElementsAre(HasSubstr("account alice was locked")));
     lock["_UID"] = "1000"; // anybody can say so
     EXPECT_THAT(Take(lock), IsEmpty());
+}
+
+// ---- A real journal, in a mount namespace of its own ----------------------------------------------
+
+class JournalSourceTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        const char *program = "/lib/systemd/systemd-journald";
+        if (access(program, X_OK) != 0 || unshare(CLONE_NEWNS) != 0 ||
+            mount("", "/", "", MS_REC | MS_PRIVATE, "") != 0 ||
+            mount("tmpfs", "/run", "tmpfs", 0, "size=64m") != 0)
+            GTEST_SKIP() << "no journal of one's own here";
+        std::filesystem::create_directories("/run/systemd/journald.conf.d");
+        std::ofstream("/run/systemd/journald.conf.d/own.conf")
+            << "[Journal]\nStorage=volatile\nReadKMsg=no\n";
+        if (Run([&] { execl(program, program, nullptr); });
+            !WaitUntil([] { return access(kSocket, F_OK) == 0; }))
+            GTEST_SKIP() << "the journal does not start";
+        ASSERT_TRUE(WaitUntil([] {
+            std::error_code none;
+            return !std::filesystem::is_empty("/run/log/journal", none) && !none;
+        }));
+        bench.options.journal = "/run/log/journal";
+        bench.Start(kJournalSource);
+    }
+    void TearDown() override
+    {
+        for (const pid_t process : started) {
+            kill(process, SIGKILL);
+            waitpid(process, nullptr, 0);
+        }
+        umount2("/run", MNT_DETACH);
+    }
+    pid_t Run(const std::function<void()> &what)
+    {
+        const pid_t process = fork();
+        if (process != 0) return started.emplace_back(process);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        what();
+        _exit(127);
+    }
+    // A program of this name and user says it, and stays, so that the journal can see who it is.
+    void Say(const char *program, uid_t user, const Texts &messages, const char *id = "")
+    {
+        const pid_t process = Run([&] {
+            prctl(PR_SET_NAME, program);
+            const bool became = setuid(user) == 0;
+            for (const std::string &message : messages)
+                sd_journal_send("MESSAGE=%s", message.c_str(), "MESSAGE_ID=%s", id, "_COMM=rsyslogd",
+                                nullptr);
+            raise(became ? SIGSTOP : SIGKILL);
+        });
+        waitpid(process, nullptr, WUNTRACED);
+    }
+
+    static constexpr const char *kSocket = "/run/systemd/journal/socket";
+    SourceBench bench;
+    std::vector<pid_t> started;
+};
+
+TEST_F(JournalSourceTest, WhoWroteAnEntryIsWhatTheJournalSaysNotWhatTheEntrySays)
+{
+    const std::string lost = "file '/var/log/syslog'[8] write error: No space left on device";
+    const Texts noLease{"DHCPDISCOVER on eno2 to 255.255.255.255 port 67", "No DHCPOFFERS received."};
+    Say("somebody", 0, {lost});
+    Say("rsyslogd", 65534, {lost});
+    Say("systemd-coredum", 0, {"Process 811 (carad) dumped core"}, "fc2e22bc6ee647b6b90729ab34a250b1");
+    Say("dhclient", 0, noLease);
+    Say("rsyslogd", 0, {lost});
+    Texts told;
+    EXPECT_TRUE(WaitUntil([&] {
+        sd_event_run(bench.loop.Get(), 0);
+        std::ranges::move(bench.told.Take(), std::back_inserter(told));
+        return told.size() == 2;
+    }));
+    EXPECT_THAT(told, ElementsAre("kel.user.dhclient.lease.none(eno2)",
+                                  "kel.user.hsyslogd.storage.failure(/var/log)"));
 }
 
 // ---- systemd's stand-in on a bus of the test's own ------------------------------------------------
@@ -100,7 +185,8 @@ protected:
             }
     }
 
-    // Is systemd: SIGUSR1 starts ssh.service, or stops it; SIGUSR2 reboots. Does not return.
+    // Is systemd: SIGUSR1 starts ssh.service, or stops it, and is then too busy for one answer; SIGUSR2
+    // reboots. Does not return.
     [[noreturn]] void StandIn()
     {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -110,12 +196,12 @@ protected:
         sigaddset(&orders, SIGUSR2);
         sigprocmask(SIG_BLOCK, &orders, nullptr);
         static sd_bus *on = nullptr;
-        static bool isActive = false;
+        static bool isActive = false, isBusy = false;
         static int asked = 0, ordered = 0; // carried out once it was asked for the state of each unit
         static const auto toggle = [] {
             if (asked < kUnits || ordered == 0) return 0;
-            --ordered;
-            isActive = !isActive;
+            isBusy = --ordered % 3 == 1;
+            if (ordered % 3 == 2) isActive = !isActive;
             return sd_bus_emit_signal(on, "/org/freedesktop/systemd1/unit/ssh_2eservice",
                                       "org.freedesktop.DBus.Properties", "PropertiesChanged", "sa{sv}as",
                                       "org.freedesktop.systemd1.Unit", 0, 0);
@@ -134,7 +220,10 @@ protected:
                 if (sd_bus_message_is_method_call(call, nullptr, "Get") <= 0) return 0;
                 const bool isSsh =
                     std::string_view(sd_bus_message_get_path(call)).ends_with("/ssh_2eservice");
-                sd_bus_reply_method_return(call, "v", "s", isSsh && isActive ? "active" : "inactive");
+                if (isSsh && isBusy)
+                    sd_bus_reply_method_errorf(call, SD_BUS_ERROR_NO_REPLY, "busy");
+                else
+                    sd_bus_reply_method_return(call, "v", "s", isSsh && isActive ? "active" : "inactive");
                 ++asked;
                 toggle();
                 return 1;
@@ -147,7 +236,7 @@ protected:
                 return sd_bus_emit_signal(on, "/org/freedesktop/systemd1",
                                           "org.freedesktop.systemd1.Manager", "JobNew", "uos", 7, "/job/7",
                                           "reboot.target");
-            ++ordered;
+            ordered += 3;
             return toggle();
         };
         sd_event_add_signal(loop, nullptr, SIGUSR1, order, nullptr);

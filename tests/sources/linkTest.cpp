@@ -261,6 +261,19 @@ TEST(LinkModelTest, ALinkThatWasNeverUpCountsAsDownOnlyOnceItHasHadItsTime)
     EXPECT_FALSE(model.IsUnsettled());
 }
 
+TEST(LinkModelTest, NamesThatNeverComeAgainAreForgottenInTheEnd)
+{
+    LinkModel model([](const Row &, const std::vector<Value> &) {}, [](const Link &) { return true; });
+    model.Set(Plain(1, "eno1", true, true));
+    model.Set(Plain(1, "eno1", true, false));
+    for (int machine = 2; machine < 6000; ++machine) {
+        model.Set(Plain(machine, ("vnet" + std::to_string(machine)).c_str(), true, true));
+        model.Remove(machine);
+    }
+    EXPECT_GT(5000U, model.Told().size());
+    EXPECT_TRUE(model.Told().contains("nic eno1"));
+}
+
 TEST(LinkModelTest, ANicThatIsTakenOutOfASwitchIsNotCalledDown)
 {
     Told told;

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <kltlibs/notify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -76,6 +77,15 @@ std::string Explanation(const ReceivedRecord &record, const std::optional<Catalo
     return (ExplanationText(*entry, &*record.event) + "\n").substr(1);
 }
 
+// Nobody needs to wait for it from then on: also when it cannot listen, since its end then says why.
+EventListener Listen()
+{
+    struct Ready {
+        ~Ready() { KltNotify("READY=1"); }
+    } const ready;
+    return EventListener();
+}
+
 int Receive(const ReceiveOptions &options)
 {
     auto catalogue =
@@ -89,7 +99,7 @@ int Receive(const ReceiveOptions &options)
     if (options.journald) journald.emplace(*options.journald);
     std::optional<EventProgram> program;
     if (!options.program.empty()) program.emplace(options.program, options.programLimit, stop.Get());
-    EventListener listener;
+    EventListener listener = Listen();
     if (!catalogue)
         Tell("receive", "no catalogue, so events come without their texts; name one with --catalogue or "
                         "KELD_CATALOGUE");

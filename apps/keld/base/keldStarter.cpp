@@ -2,7 +2,6 @@
 
 #include <kltlibs/ksyslog.h>
 #include <kltlibs/ktime.h>
-#include <kltlibs/uniquefd.h>
 
 #include <algorithm>
 #include <array>
@@ -10,14 +9,11 @@
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <optional>
 #include <poll.h>
 #include <string_view>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 #include <utility>
 
@@ -62,19 +58,6 @@ void KeldTellBytes(const char *bytes, std::size_t length)
     if (send(STDERR_FILENO, bytes, length, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0 || errno != ENOTSOCK) return;
     pollfd room{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
     if (poll(&room, 1, 0) == 1 && (room.revents & POLLOUT) != 0) (void)!write(STDERR_FILENO, bytes, length);
-}
-
-void KeldNotify(const char *state)
-{
-    const char *path = std::getenv("NOTIFY_SOCKET");
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path == nullptr || std::strlen(path) >= sizeof address.sun_path) return;
-    std::strcpy(address.sun_path, path);
-    if (*path == '@') address.sun_path[0] = '\0'; // a name without a file
-    const UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    (void)sendto(fd.Get(), state, std::strlen(state), MSG_NOSIGNAL, reinterpret_cast<sockaddr *>(&address),
-                 static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(path)));
 }
 
 void KeldOpenStandardDescriptors()

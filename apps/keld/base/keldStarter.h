@@ -15,9 +15,6 @@ void KeldTell(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // The bytes as they are. Any thread.
 void KeldTellBytes(const char *bytes, std::size_t length);
 
-// Tells the service manager, where one waits for it (sd_notify's protocol): "READY=1". Main thread.
-void KeldNotify(const char *state);
-
 // Opens standard descriptors that are closed on /dev/null. A socket would else get their number, and a
 // stray message would be written into it. Main thread, first of all.
 void KeldOpenStandardDescriptors();

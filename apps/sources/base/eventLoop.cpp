@@ -15,6 +15,15 @@ void Check(int result, const char *step)
     if (result < 0) throw Failure(kExitFailed, fmt::format("{}: {}", step, std::strerror(-result)));
 }
 
+void Attempt(const std::function<void()> &act)
+{
+    try {
+        act();
+    } catch (const std::exception &error) {
+        fmt::print(stderr, "keld-sources: {}\n", error.what());
+    }
+}
+
 // A timer may be this much late, so that the kernel can join wake-ups.
 constexpr std::chrono::milliseconds kTimerAccuracy{100};
 
@@ -68,8 +77,8 @@ void EventLoop::EachPeriod(std::function<void()> look)
     mLooks.push_back(std::move(look));
     if (mTick) return;
     mTick = OnTimer([this] {
-        LookNow();
         mTick->Arm(mPeriod);
+        LookNow();
     });
     mTick->Arm(mPeriod);
 }
@@ -77,7 +86,7 @@ void EventLoop::EachPeriod(std::function<void()> look)
 void EventLoop::LookNow()
 {
     for (const auto &look : mLooks)
-        look();
+        Attempt(look);
 }
 
 void EventLoop::Run()
@@ -104,11 +113,7 @@ void EventLoop::Watch::Arm(std::chrono::milliseconds delay)
 void EventLoop::Watch::Do(std::uint32_t events)
 {
     const auto act = mDo; // a copy: it may end its own watch
-    try {
-        act(events);
-    } catch (const std::exception &error) {
-        fmt::print(stderr, "keld-sources: {}\n", error.what());
-    }
+    Attempt([&] { act(events); });
 }
 
 int EventLoop::Watch::Ready(sd_event_source *, int, std::uint32_t events, void *watch)

@@ -45,7 +45,8 @@ public:
     WatchPtr OnTimer(std::function<void()> act);
 
     // What has to be looked at, because nothing tells of it, is looked at once in each period, all of it
-    // with one wake-up. Only what is registered here makes the loop wake up for nothing.
+    // with one wake-up. One that throws keeps no other from its look. Only what is registered here makes
+    // the loop wake up for nothing.
     void EachPeriod(std::function<void()> look);
     void LookNow(); // all of that, without waiting for the period's end
 

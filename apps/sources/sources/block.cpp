@@ -18,6 +18,8 @@
 
 namespace {
 
+constexpr int kNoticesPerTurn = 1024;
+
 // Where udev runs, its own notices: they come when the device's node and names are there.
 const char *NoticesOf(const std::string &root)
 {
@@ -57,7 +59,7 @@ BlockSource::BlockSource(const Host &host) : mHost(host), mModel(host.emit, host
     Look();
 }
 
-// All that waits, and then one look for all of it: a storm of notices costs no more than the last one.
+// What waits, and then one look for all of it: a storm of notices costs few looks.
 void BlockSource::Read()
 {
     struct PathNotice {
@@ -65,8 +67,9 @@ void BlockSource::Read()
         bool works;
     };
     std::vector<PathNotice> paths;
-    errno = 0;
-    while (udev_device *device = udev_monitor_receive_device(mMonitor.get())) {
+    for (int notices = 0; notices < kNoticesPerTurn; ++notices) {
+        udev_device *device = udev_monitor_receive_device(mMonitor.get());
+        if (device == nullptr) break;
         const char *action = udev_device_get_property_value(device, "DM_ACTION");
         const char *number = udev_device_get_property_value(device, "DM_PATH");
         if (action != nullptr && number != nullptr) {

@@ -21,6 +21,8 @@ constexpr Row kRows[] = {
 };
 // clang-format on
 
+constexpr std::size_t kLostMax = 4096; // disks whose return would be told
+
 // How many ways lead to a device, in the inventory's words.
 const char *Redundancy(std::size_t paths) { return paths == 0 ? "1" : paths == 1 ? "2" : "3"; }
 
@@ -115,6 +117,7 @@ void BlockModel::TellDevices(const Devices &before)
     for (const auto &[name, was] : before) {
         const auto now = mDevices.find(name);
         if (now == mDevices.end()) {
+            if (mLost.size() >= kLostMax) mLost.clear();
             mLost.insert(name);
             mEmit(kRows[kLoss], {name});
             continue;

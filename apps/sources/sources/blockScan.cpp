@@ -2,6 +2,7 @@
 
 #include "blockTags.h"
 #include "mounts.h"
+#include "row.h"
 #include "textFile.h"
 
 #include <algorithm>
@@ -35,7 +36,7 @@ std::string Identifier(const std::string &text)
     }
     while (name.ends_with('_'))
         name.pop_back();
-    return name;
+    return name == "." || name == ".." ? "" : name.substr(0, kTextBytesMax);
 }
 
 // "2:0:0:1": how the kernel calls a SCSI disk's place.

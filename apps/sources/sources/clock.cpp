@@ -58,7 +58,7 @@ private:
     void Arm() const
     {
         itimerspec never{};
-        never.it_value.tv_sec = std::numeric_limits<std::int32_t>::max();
+        never.it_value.tv_sec = std::numeric_limits<std::time_t>::max();
         (void)timerfd_settime(mTimer.Get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &never, nullptr);
     }
 

@@ -63,7 +63,7 @@ void JournalRules::TakeCrash(const JournalEntry &entry)
     std::from_chars(number.data(), number.data() + number.size(), process);
     if (const auto file = entry("COREDUMP_FILENAME"))
         mEmit(kRows[kDumped], {program, process, *file});
-    else
+    else if (!entry("COREDUMP")) // the core itself, where the journal is the store
         mEmit(kRows[kDumpFailed], {program, process, std::string("no core file was stored")});
 }
 

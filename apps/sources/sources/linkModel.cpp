@@ -23,7 +23,8 @@ constexpr Row kRows[] = {
 };
 // clang-format on
 
-constexpr int kDepthMax = 8; // of switches on switches
+constexpr int kDepthMax = 8;           // of switches on switches
+constexpr std::size_t kToldMax = 4096; // beyond it, only what is there is remembered
 
 std::string NicKey(const std::string &nic) { return "nic " + nic; }
 std::string UplinkKey(const std::string &nic, const std::string &group)
@@ -90,6 +91,19 @@ void LinkModel::Become(Links links)
     TellLacp();
     std::erase_if(mSeenUp, [&](int index) { return Find(index) == nullptr; });
     std::erase_if(mSeenBundled, [&](int index) { return Find(index) == nullptr; });
+    if (mTold.size() > kToldMax) ForgetThoseThatAreGone();
+}
+
+// Names that never come again, such as those of virtual machines' interfaces, would pile up.
+void LinkModel::ForgetThoseThatAreGone()
+{
+    std::set<std::string> names;
+    for (const auto &[index, link] : mLinks)
+        names.insert(link.name);
+    std::erase_if(mTold, [&](const std::string &what) {
+        const auto name = what.find(' ') + 1;
+        return !names.contains(what.substr(name, what.find(' ', name) - name));
+    });
 }
 
 void LinkModel::Settle()

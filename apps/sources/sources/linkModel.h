@@ -77,6 +77,7 @@ private:
     enum class Way { Up, Down };
 
     void Become(Links links);
+    void ForgetThoseThatAreGone();
     PortGroups FindPortGroups() const;
     bool HangsOnSwitch(const Link &link) const;
     const Link &SwitchOf(const Link &group) const;

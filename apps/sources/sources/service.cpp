@@ -148,16 +148,16 @@ int ServiceSource::Match()
         this);
 }
 
-// Does not wait for the answer. A unit that is not there is inactive, says systemd.
+// Does not wait for the answer. A unit that is not there is inactive, says systemd; an answer that is none,
+// as when systemd is too busy, says nothing of the unit.
 void ServiceSource::Ask(Unit *unit)
 {
     (void)sd_bus_call_method_async(
         mBus, nullptr, kSystemd, unit->path.c_str(), kProperties, "Get",
         [](sd_bus_message *message, void *asked, sd_bus_error *) {
             auto *of = static_cast<Unit *>(asked);
-            const char *state = "inactive";
-            (void)sd_bus_message_read(message, "v", "s", &state);
-            of->source->Take(of, state);
+            const char *state = nullptr;
+            if (sd_bus_message_read(message, "v", "s", &state) >= 0) of->source->Take(of, state);
             return 0;
         },
         unit, "ss", "org.freedesktop.systemd1.Unit", "ActiveState");
