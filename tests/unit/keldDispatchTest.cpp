@@ -142,7 +142,7 @@ TEST_F(StreamTest, AMixedBatchReachesEachStreamInItsOrderAndIsCounted)
     for (int i = 0; i < 200; ++i) {
         ASSERT_EQ(std::to_string(i), Read(stream));
         ASSERT_EQ(std::to_string(i), Read(storage));
-        ASSERT_EQ(2U * (199 - i), KeldDispatchWaiting());
+        ASSERT_EQ(2U * (199U - static_cast<unsigned>(i)), KeldDispatchWaiting());
     }
     EXPECT_EQ("nothing", Read(stream));
 }

@@ -8,6 +8,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstring>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <unistd.h>
@@ -135,6 +136,20 @@ std::string Unlisted(const Catalogue &catalogue, const std::string &id)
     return text.empty() ? "" : Printable(id) + text;
 }
 
+// The first events that have the word in their text or its explanation, for somebody who knows no type.
+std::string InTexts(const Catalogue &catalogue, std::string word)
+{
+    constexpr size_t typesMax = 6;
+    std::erase_if(word, [](char c) { return c == '*' || c == '?'; });
+    std::vector<std::string> types;
+    for (const CatalogueEvent &event : catalogue.events)
+        if (!word.empty() && types.size() < typesMax &&
+            (strcasestr(event.text.c_str(), word.c_str()) != nullptr ||
+             strcasestr(event.explanation.meaning.c_str(), word.c_str()) != nullptr))
+            types.push_back(event.type);
+    return types.empty() ? "" : fmt::format("the texts of {} have it; ", fmt::join(types, ", "));
+}
+
 int Explain(const ExplainOptions &options)
 {
     const Catalogue catalogue = NeededCatalogue(options.catalogue);
@@ -165,9 +180,9 @@ int Explain(const ExplainOptions &options)
         const std::string unlisted = options.asJson ? "" : Unlisted(catalogue, name);
         if (unlisted.empty())
             throw Failure(kExitFailed,
-                          fmt::format("no event and no observation is {}; \"keladm events\" lists them, "
+                          fmt::format("no event and no observation is {}; {}\"keladm events\" lists them, "
                                       "\"keladm events '*word*'\" those with a word in them",
-                                      Quoted(name)));
+                                      Quoted(name), InTexts(catalogue, name)));
         show(unlisted + Folded("recorded", RecordedText(recorded)));
     }
     out.Flush();
