@@ -83,10 +83,36 @@ TEST_F(GapTest, EachReasonHasItsName)
     mJournal.NewRun(103).Begin().Add(JournalEnd{});
     Record();
     EXPECT_THAT(Gaps(), ElementsAre("10 the recorder could not keep up with the journal",
-                                    "? the daemon was killed: what it had not told yet is missing",
+                                    "? the daemon was killed, with what it had not told yet",
                                     "4 the daemon ran before the recorder listened",
-                                    "? the recorder was killed, and the daemon ended meanwhile"));
+                                    "? the recorder was killed, and the daemon ended meanwhile",
+                                    "? no recorder ran"));
     EXPECT_EQ(4, Number("SELECT max(run) FROM observation, run"));
+}
+
+// Where no recorder runs a daemon may run unseen, but not while one waits for it.
+TEST_F(GapTest, NothingIsCompleteWithoutARecorder)
+{
+    mJournal.Hello(100).Begin().Add(JournalEnd{});
+    Record();
+    mKeeper->Ended(CoverageEnd::DaemonGone);
+    mKeeper->NoDaemon(1'000'000, 0);
+    mKeeper->Flush(60'000'000);
+    mJournal.time += 60'000'000;
+    EXPECT_EQ(0U, FindEvidence(mStore->Data(), {kNight, mJournal.time + 60'000'000}, true).gaps.size());
+    mJournal.NewRun(101).Begin().Add(JournalEnd{});
+    Record();
+    EXPECT_THAT(Gaps(), ElementsAre("? no recorder ran"));
+    mKeeper->Ended(CoverageEnd::DaemonGone);
+    mKeeper->NoDaemon(0, 0);
+    Stop(CoverageEnd::RecorderStopped);
+    mJournal.time += 60'000'000;
+    EXPECT_THAT(Gaps(), ElementsAre("? the recorder was stopped"));
+    mJournal.NewRun(103).Miss(4).Begin();
+    Record();
+    EXPECT_THAT(Gaps(),
+                ElementsAre("? the recorder was stopped", "4 the daemon ran before the recorder listened",
+                            "? the recorder was killed"));
 }
 
 TEST_F(GapTest, WhatIsLostSaysWhereItStood)
@@ -146,7 +172,7 @@ TEST_F(GapTest, AFullDiskLosesTheOldestAndSaysSo)
     Kill();
     EXPECT_EQ(200, Number("SELECT count(*) FROM observation WHERE key > (1 << 40) + 3000"));
     EXPECT_THAT(Ask("log --lines 100000"),
-                HasSubstr("limit          the disk is full: the oldest tenth of the recording"));
+                HasSubstr("limit          the disk was full or nearly so: what was oldest went"));
 }
 
 TEST_F(GapTest, OnlyARecordingIsRecordedInto)

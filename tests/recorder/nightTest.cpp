@@ -72,9 +72,9 @@ TEST_F(NightTest, EverythingHasItsLineInItsOrder)
               "20 min later\n"
               "2026-03-01 03:12:02.000000  OUT        e2  nox.problem.vfat.filesystem.full.other  The VFAT "
               "filesystem boot "
-              "(UUID 4b3f-12aa) is full.  -> limited\n"
-              "2026-03-01 03:12:02.000000  receiver       the receiver was away until 2026-03-01 03:32:02 "
-              "(20 min), 1 delivery failed\n"
+              "(UUID 4b3f-12aa) is full.  -> limited: dropped, over 1000 in a minute\n"
+              "2026-03-01 03:12:02.000000  receiver       the receiver took no event until 2026-03-01 "
+              "03:32:02 (20 min), 1 try failed\n"
               "2026-03-01 03:32:02.000000  refused        channel 7 refused 96 bytes: record at byte 40: "
               "no magic\n",
               Ask("log"));
@@ -121,20 +121,45 @@ TEST_F(NightTest, WhyIsAnsweredWithBecause)
     EXPECT_THAT(Run("$KELADM why 7"), StartsWith("1 keladm why: 7 is not in the recording"));
 }
 
+TEST_F(NightTest, AnExplanationSaysWhenItCameLast)
+{
+    PlayNight();
+    End();
+    Record();
+    auto explain = [this](const std::string &name) {
+        return Run("$KELADM explain " + name + " | tr -s ' \\n' ' '");
+    };
+    EXPECT_THAT(
+        explain(kFull),
+        HasSubstr(" recorded 2 times since 2026-03-01 03:12:00; the last at 2026-03-01 03:12:02, o4. "
+                  "VfatCorrelator held it back, because the same was reported shortly before: within"));
+    EXPECT_THAT(explain(kLost),
+                HasSubstr(" recorded 1 time since 2026-03-01 03:12:00; the last at 2026-03-01 "
+                          "03:12:02, e1. It was handed over to the receiver (try 3 of 6), at"));
+    EXPECT_THAT(explain(kRestored), HasSubstr(" recorded not once since 2026-03-01 03:12:00 "));
+    EXPECT_THAT(explain(std::string("--json ") + kFull),
+                HasSubstr("\"recorded\":{\"since\":\"2026-03-01T03:12:00"));
+    EXPECT_EQ(0, std::remove(File().c_str()));
+    EXPECT_THAT(explain(kLost), Not(HasSubstr("recorded")));
+    EXPECT_THAT(explain(std::string("--json ") + kLost), HasSubstr("\"recorded\":null"));
+}
+
 TEST_F(NightTest, TheLedgerBalancesAndSaysWhatDoesNot)
 {
     PlayNight();
     mJournal.In(2, kFull, {"boot", "4b3f-12aa"}); // whose fate does not come
     End();
     Record();
-    EXPECT_THAT(Ask("ledger"),
-                HasSubstr("DOES NOT BALANCE  VfatCorrelator                  3 handed to it  = 1 posted + "
-                          "1 held back + 1 "
-                          "not told\n"
-                          "observations                    5 came          = 1 wanted by nobody + 4 handed "
-                          "to some agent\n"
-                          "events                          2 events        = 1 delivered + 1 limited\n"
-                          "NetCorrelator                   1 handed to it  = 1 gathered\n"));
+    EXPECT_THAT(
+        Ask("ledger"),
+        HasSubstr("DOES NOT BALANCE  VfatCorrelator                  3 handed to it  = 1 posted + "
+                  "1 held back + 1 "
+                  "not told\n"
+                  "  (not told: it waits still, came in a gap, or its daemon was killed before it told)\n"
+                  "observations                    5 came          = 1 wanted by nobody + 4 handed "
+                  "to some agent\n"
+                  "events                          2 events        = 1 delivered + 1 limited\n"
+                  "NetCorrelator                   1 handed to it  = 1 gathered\n"));
 }
 
 TEST_F(NightTest, AProblemIsOpenUntilItsClear)
@@ -171,6 +196,28 @@ TEST_F(NightTest, AProblemIsOpenUntilItsClear)
     mJournal.Out({}, "nox.clear.storage.redundancy.restored", {"naa.1", "ds1", "hba1:C0:T0:L4"});
     Record();
     EXPECT_THAT(Run("$KELADM open"), HasSubstr("no problem waits for its clear\n"));
+}
+
+TEST_F(NightTest, WhatADaemonTakesWithItIsSaid)
+{
+    mJournal.Hello(100).Begin();
+    JournalOrigin full = mJournal.In(2, kFull, {"boot", "4b3f-12aa"});
+    mJournal.Deliver(mJournal.Out({full}, kFullEvent, {"boot", "4b3f-12aa"}), JournalDelivery::Waiting);
+    mJournal.Fate(full, JournalFate::Posted);
+    Record();
+    mKeeper->Inventory("net/portgroups/web", "vSwitch0", 1, 300'000'000); // long after the last entry
+    mKeeper->Inventory("net/portgroups/web", "vSwitch0", 2, 300'000'000);
+    EXPECT_THAT(Run("$KELADM why e1"), HasSubstr("It waits for the next try"));
+    mKeeper->Ended(CoverageEnd::DaemonGone);
+    mJournal.time += 600'000'000;
+    mJournal.NewRun(101).Begin();
+    Record();
+    EXPECT_THAT(Ask("log"),
+                AllOf(HasSubstr("-> waiting, try 1 of 6, then lost with the daemon\n"),
+                      HasSubstr("03:17:00.000000  host           net/portgroups/web = vSwitch0\n"
+                                "2026-03-01 03:17:00.000000  host           net/portgroups/web removed")));
+    EXPECT_THAT(Run("$KELADM why r1:e1"), HasSubstr("It was lost, because the daemon was gone"));
+    EXPECT_THAT(Run("$KELADM why e1"), HasSubstr("started anew since: there is r1:e1\n"));
 }
 
 TEST_F(NightTest, WhenItIsWrittenMakesNoDifference)

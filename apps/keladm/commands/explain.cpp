@@ -3,6 +3,7 @@
 #include "console.h"
 #include "explanationWords.h"
 #include "jsonLine.h"
+#include "recorded.h"
 #include "text.h"
 
 #include <CLI/CLI.hpp>
@@ -67,20 +68,23 @@ std::string Leads(const Catalogue &catalogue, const CatalogueEvent &event)
     return leads;
 }
 
-std::string Readable(const Catalogue &catalogue, const CatalogueEvent &event)
+std::string Readable(const Catalogue &catalogue, const CatalogueEvent &event, const std::string &recorded)
 {
     const bool ends = event.eventClass == "clear";
     return event.type + Folded("text", Printable(event.text)) +
            Folded("arguments", Arguments(event.arguments, event.object)) + ExplanationText(event) +
-           Folded(ends ? "ends" : "ends with", EndText(catalogue, event)) + Leads(catalogue, event);
+           Folded(ends ? "ends" : "ends with", EndText(catalogue, event)) + Leads(catalogue, event) +
+           recorded;
 }
 
-std::string Readable(const Catalogue &catalogue, const CatalogueObservation &observation)
+std::string Readable(const Catalogue &catalogue, const CatalogueObservation &observation,
+                     const std::string &recorded)
 {
     const CatalogueAgent *agent = AgentOf(catalogue, observation);
     std::string text = observation.id + Folded("from", Emitter(agent, observation.domain)) +
                        Folded("arguments", Arguments(observation.arguments, observation.object)) +
-                       Folded("read by", observation.agent) + Folded("becomes", WhatBecomes(observation));
+                       Folded("read by", observation.agent) + Folded("becomes", WhatBecomes(observation)) +
+                       recorded;
     for (const std::string &type : observation.becomes)
         if (const CatalogueEvent *event = catalogue.Find(type))
             text +=
@@ -142,10 +146,18 @@ int Explain(const ExplainOptions &options)
     };
     for (const std::string &name : options.names) {
         size_t shown = 0;
+        const bool exact = name.find_first_of("*?") == std::string::npos;
+        const json recorded = exact ? AskRecording(name, options.catalogue) : json();
         const auto showAll = [&](const auto &entries, auto id) {
-            for (const auto &entry : entries)
-                if (GlobMatches(name, entry.*id) && ++shown > 0)
-                    show(options.asJson ? JsonLine(ToJson(catalogue, entry)) : Readable(catalogue, entry));
+            for (const auto &entry : entries) {
+                if (!GlobMatches(name, entry.*id)) continue;
+                shown++;
+                json line = ToJson(catalogue, entry);
+                if (exact) line["recorded"] = recorded;
+                show(options.asJson
+                         ? JsonLine(line)
+                         : Readable(catalogue, entry, Folded("recorded", RecordedText(recorded))));
+            }
         };
         showAll(catalogue.events, &CatalogueEvent::type);
         showAll(catalogue.observations, &CatalogueObservation::id);
@@ -156,7 +168,7 @@ int Explain(const ExplainOptions &options)
                           fmt::format("no event and no observation is {}; \"keladm events\" lists them, "
                                       "\"keladm events '*word*'\" those with a word in them",
                                       Quoted(name)));
-        show(unlisted);
+        show(unlisted + Folded("recorded", RecordedText(recorded)));
     }
     out.Flush();
     return kExitOk;
@@ -177,7 +189,8 @@ void AddExplainCommand(CLI::App &app, Command *chosen)
 Of an event: what it means, what it does to the host and its machines, what to do now,
 what ends it, and which observations lead to it after which delay. Of an observation: who
 emits it, with which arguments, and what becomes of it. <nic> stands for the argument of
-that name.
+that name. Where keld-record keeps a recording that you may read, "recorded" says how often
+it came and what became of the last; not of names with wild cards.
 
 Exit status: 1 when there is no such event or observation, and without a catalogue.
 

@@ -2,6 +2,8 @@
 #ifndef KELADM_EXTERNAL_H
 #define KELADM_EXTERNAL_H
 
+#include <chrono>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -19,6 +21,11 @@ std::span<const ExternalCommand> ExternalCommands();
 // Throws Failure, naming the package that has it, when the program is not there.
 [[noreturn]] void BecomeProgram(const std::string &name, const std::string &package,
                                 const std::vector<std::string> &arguments);
+
+// What the program keladm-<name> prints, for a question on the way to something else. Nothing when it is
+// not installed, fails, or takes longer than limit; it is killed then.
+std::optional<std::string> AskProgram(const std::string &name, const std::vector<std::string> &arguments,
+                                      std::chrono::milliseconds limit);
 
 // Becomes the program of the external command that the first argument names; returns when it names none.
 void RunExternalCommand(int argc, char **argv);

@@ -100,11 +100,17 @@ std::string ExplanationText(const CatalogueEvent &entry, const EventRecord *even
 std::string EndText(const Catalogue &catalogue, const CatalogueEvent &entry)
 {
     if (entry.eventClass == "problem" && entry.clearedBy.empty()) return "no clear: none is posted for it";
-    if (entry.eventClass == "problem")
-        return fmt::format("{}, {}", fmt::join(entry.clearedBy, ", "),
+    if (entry.eventClass == "problem") {
+        const bool forgotten = std::ranges::any_of(entry.clearedBy, [&](const std::string &type) {
+            const CatalogueEvent *clear = catalogue.Find(type);
+            return clear != nullptr && clear->remembered;
+        });
+        return fmt::format("{}, {}{}", fmt::join(entry.clearedBy, ", "),
                            entry.pairedOn.empty()
                                ? "whatever its arguments"
-                               : fmt::format("of the same {}", fmt::join(entry.pairedOn, " and ")));
+                               : fmt::format("of the same {}", fmt::join(entry.pairedOn, " and ")),
+                           forgotten ? "; not once keld was restarted, which forgets what it posted" : "");
+    }
     std::vector<std::string> ended;
     for (const std::string &type : entry.clears)
         if (const CatalogueEvent *problem = catalogue.Find(type))

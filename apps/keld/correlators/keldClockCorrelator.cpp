@@ -55,11 +55,11 @@ constexpr Translation kRows[] = {
      "@&!*@*@(nox.problem.clock.parameter.set.maxLargeCorrections)setting system clock parameter maxLargeCorrections to %d", kSetValue},
 };
 // clang-format on
-static_assert(std::size(kRows) == 12 && DistinctUnder(kRows, "kel.clock."));
+static_assert(DistinctUnder(kRows, "kel.clock."), "a row stands twice, or outside its domain");
 
 constexpr auto kObservations = KeldObservationsOf<kRows>([](const Translation &row) {
     const char *note = std::string_view(row.id) == kSynchronized
-                           ? "posted at most once in {holdOff}, and at once after a loss"
+                           ? "posted at most once in {holdOff}, and at once after a loss that was posted"
                            : "posted at most once in {holdOff}";
     return KeldObservation{row.id, row.arguments, row.handler, {note, kClockHoldOff}, {&row.event}};
 });

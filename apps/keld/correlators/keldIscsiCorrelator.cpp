@@ -36,7 +36,7 @@ constexpr Translation kRows[] = {
      "@&!*@*@(nox.problem.storage.iscsi.isns.discovery.error)iSns discovery to %s on %s failed. (%s : %s)."},
 };
 // clang-format on
-static_assert(std::size(kRows) == 4 && DistinctUnder(kRows, "kel.iscsi."));
+static_assert(DistinctUnder(kRows, "kel.iscsi."), "a row stands twice, or outside its domain");
 
 // The status is shown as the protocol's documents write it: class and detail, two digits each.
 template <const KeldArguments &kArguments, const EventText &kText>

@@ -26,7 +26,7 @@ constexpr Translation kRows[] = {
      "@&!*@*@(nox.problem.migrate.skate.default.heap.create.failed)Failed to create default migration heap. This may be a result of severe host memory pressure, or virtual address space exhaustion. Migration may still be possible, but will be unreliable in cases of extreme host memory pressure."},
 };
 // clang-format on
-static_assert(DistinctUnder(kRows, "kel.migrate."));
+static_assert(DistinctUnder(kRows, "kel.migrate."), "a row stands twice, or outside its domain");
 
 void KeldMigrateCorrelatorListenerShutdown(Kel *kel)
 {

@@ -288,7 +288,7 @@ constinit const std::array<KeldObservation, 7> keldUplinkObservations{{
     {"kel.net.dvport.uplink.transition.up", kDvPortUp, KeldNetCorrelatorDvPortUp,
      kGatheredUp, {&kDvPortConnectivityRestored, &kDvPortRedundancyRestored}},
     {"kel.net.vmnic.linkstate.down", kNic, KeldNetCorrelatorLinkDown,
-     {"posted after {delay} unless an uplink batch carries the news; too many within {window} take the NIC down", kLinkStateDelay, kFlapWindow},
+     {"posted after {delay} unless an uplink batch carries the news; too many within {window} take the NIC down, which is posted at once", kLinkStateDelay, kFlapWindow},
      {&kLinkStateDown, &kLinkFlapping}},
     {"kel.net.vmnic.linkstate.up", kNic, KeldNetCorrelatorLinkUp,
      {"posted after {delay} unless an uplink batch carries the news", kLinkStateDelay},

@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <list>
+#include <malloc.h>
 #include <new>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -28,6 +29,8 @@ namespace {
 
 constexpr std::uint32_t kRetrySeconds = 180;
 constexpr int kRetryFailuresMax = 5;
+
+constexpr std::size_t kManyEvents = 1000; // when so many are through, their memory is given back
 
 constexpr suseconds_t kSendWaitMicroseconds = 200'000; // how often a blocked send looks whether to leave
 
@@ -113,6 +116,7 @@ void RetryAll()
 {
     const KeldStatusScope retrying(KeldStanding::Retries);
     KeldLock lock(retries.retryListMutex);
+    const std::size_t waited = retries.list.size();
     for (auto entry = retries.list.begin(); entry != retries.list.end() && !KeldStopping();) {
         const char *id = PlingRecord_TypeId(entry->record.data());
         const bool sent = KeldPlingSend(entry->record.data(), entry->record.size()) == 0;
@@ -138,6 +142,7 @@ void RetryAll()
     KeldStatusEventsWaiting(retries.list.size());
     retries.alarmArmed = !retries.list.empty();
     if (retries.alarmArmed) (void)KeldAlarmSet(gRetryAlarm, kKeldAlarmOneShot, kRetrySeconds);
+    if (waited - retries.list.size() > kManyEvents) malloc_trim(0); // else the C library keeps it all
 }
 
 } // namespace

@@ -4,12 +4,14 @@
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <malloc.h>
 #include <sys/socket.h>
 
 namespace {
 
 constexpr std::size_t kChunkBytes = 32 << 10;
-using Length = std::uint32_t; // what stands before an entry
+constexpr std::size_t kManyChunks = 64; // so many were a burst: behind it their memory is given back
+using Length = std::uint32_t;           // what stands before an entry
 
 } // namespace
 
@@ -84,9 +86,13 @@ void KeldStore::DropUnwanted()
     std::uint64_t wanted = mRecent.at;
     for (const Reader *reader : mReaders)
         wanted = std::min(wanted, reader->mNext.at);
+    mMostChunks = std::max(mMostChunks, mChunks.size());
     // The last one is written into.
     while (mChunks.size() > 1 && mChunks.front().end <= wanted)
         mChunks.pop_front();
+    if (mMostChunks <= kManyChunks || mChunks.size() > kManyChunks / 4) return;
+    mMostChunks = mChunks.size();
+    malloc_trim(0); // freed chunks lie between others, where the C library would keep them for ever
 }
 
 KeldStore::Reader::Reader(KeldStore &store, From from)

@@ -77,6 +77,7 @@ private:
 
     std::size_t mRecentBytesMax, mWaitingBytesMax;
     std::deque<Chunk> mChunks;
+    std::size_t mMostChunks = 0; // since memory was last given back
     Place mEnd, mRecent;
     std::size_t mRecentBytes = 0; // of the entries from mRecent on
     std::list<Reader *> mReaders;

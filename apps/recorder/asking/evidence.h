@@ -29,7 +29,13 @@ struct Evidence {
 // beingRecorded: a recorder runs, so that its last time of listening goes on until now.
 Evidence FindEvidence(Database &database, const TimeSpan &span, bool beingRecorded);
 
+// From when on it is kept; now when nothing has been heard yet.
+std::uint64_t RecordingBegin(Database &database, std::uint64_t now);
+
 // "18,201"
 std::string Grouped(std::uint64_t number);
+
+// "1 observation"
+std::string Observations(std::uint64_t number);
 
 #endif

@@ -14,13 +14,12 @@ struct FateSentence {
 };
 
 constexpr FateSentence kFates[] = {
-    {JournalFate::NoHandler, "{0} did nothing with it, because it has no handler for this ID{1}.",
+    {JournalFate::NoHandler, "{0} did nothing with it, because it has no handler for this ID.",
      "The ID would have to be one that \"keladm events\" lists: look whether its producer spells it so."},
     {JournalFate::Ignored, "{0} ignored it on purpose, because no event is wanted of this ID{1}.",
      "Nothing: no observation with this ID becomes an event."},
     {JournalFate::Posted, "{0} posted at once, because this observation calls for an event{1}.", ""},
-    {JournalFate::Gathered, "{0} gathered it and waited, because others may belong to it{1}.",
-     "What became of what was gathered is told below, if it was told."},
+    {JournalFate::Gathered, "{0} gathered it and waited, because others may belong to it{1}.", ""},
     {JournalFate::Counted, "{0} only counted it, because that alone calls for no event{1}.",
      "More of them would have to come in time, or the reason that is named would have to go."},
     {JournalFate::HeldBack, "{0} held it back, because the same was reported shortly before{1}.",
@@ -81,8 +80,11 @@ Explanation ExplainFate(const RecordedFate &fate)
         ""};
 }
 
-Explanation ExplainDelivery(const RecordedEvent &event)
+Explanation ExplainDelivery(const RecordedEvent &event, bool daemonGone)
 {
+    if (daemonGone && event.delivery == static_cast<int>(JournalDelivery::Waiting))
+        return {"It was lost, because the daemon was gone before the receiver took it.",
+                "The daemon would have to run on until the receiver listens again."};
     for (const DeliverySentence &row : kDeliveries) {
         if (static_cast<int>(row.state) != event.delivery) continue;
         std::string when = event.tries > 1 ? fmt::format(" (try {} of 6)", event.tries) : "";

@@ -11,7 +11,8 @@ struct Explanation {
 };
 
 Explanation ExplainFate(const RecordedFate &fate);
-Explanation ExplainDelivery(const RecordedEvent &event);
+// daemonGone: a later run of the daemon is recorded than the event's.
+Explanation ExplainDelivery(const RecordedEvent &event, bool daemonGone);
 std::string OutcomeSentence(int outcome, const std::string &text); // JournalOutcome
 
 #endif

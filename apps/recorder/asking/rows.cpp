@@ -45,8 +45,7 @@ std::string ChannelName(int channel)
 }
 
 Rows::Rows(Database *database, std::optional<Catalogue> catalogue)
-    : mDatabase(database), mCatalogue(std::move(catalogue)),
-      mLastRun(database->Number("SELECT run FROM coverage ORDER BY coverage DESC LIMIT 1"))
+    : mDatabase(database), mCatalogue(std::move(catalogue)), mLastRun(::LastRun(*database))
 {
 }
 
@@ -196,7 +195,9 @@ std::optional<RecordedEvent> Rows::Event(std::int64_t key)
     return row;
 }
 
-std::string Rows::Label(char kind, std::int64_t key)
+bool Rows::IsOfADaemonGone(std::int64_t key) const { return RunOf(key) < mLastRun; }
+
+std::string Rows::Label(char kind, std::int64_t key) const
 {
     std::string run = RunOf(key) == mLastRun ? "" : fmt::format("r{}:", RunOf(key));
     return fmt::format("{}{}{}", run, kind, NumberOf(key));
@@ -234,7 +235,10 @@ std::string Rows::Detail(const RecordedObservation &observation) const
 std::string Rows::Detail(const RecordedEvent &event) const
 {
     ReceivedRecord record = Decoded(event.record);
-    if (!record.event) return event.record.empty() ? "(no record of it was made)" : record.malformed;
+    if (!record.event && !event.record.empty()) return record.malformed;
+    if (!record.event)
+        return fmt::format("(no text{}{})", event.causes.empty() ? "" : "; it came from ",
+                           event.causes.empty() ? "" : Label('o', event.causes.front()));
     const CatalogueEvent *entry = mCatalogue ? mCatalogue->Find(event.type) : nullptr;
     if (entry != nullptr) return Printable(EventRecord_Render(*record.event, entry->text));
     std::string text;
@@ -261,8 +265,12 @@ std::string Rows::DeliveryText(const RecordedEvent &event) const
 {
     if (event.delivery == 0) return "delivery not told";
     std::string text(JournalWord(static_cast<JournalDelivery>(event.delivery)));
+    if (event.delivery == static_cast<int>(JournalDelivery::Limited))
+        text += fmt::format(": dropped, over {} in a minute", kEventLimitPerMinute);
     if (event.tries > 1 || event.delivery == static_cast<int>(JournalDelivery::Waiting))
         text += fmt::format(", try {} of 6", event.tries);
+    if (event.delivery == static_cast<int>(JournalDelivery::Waiting) && IsOfADaemonGone(event.key))
+        return text + ", then lost with the daemon";
     if (event.delivered > event.time + 1'000'000)
         text += fmt::format(", {} later", ShortAge(event.delivered - event.time));
     return text;
@@ -307,5 +315,8 @@ json Rows::ToJson(const RecordedEvent &event)
             {"causesUnnamed", event.unnamed},
             {"delivery",
              event.delivery == 0 ? "not told" : JournalWord(static_cast<JournalDelivery>(event.delivery))},
-            {"tries", event.tries}};
+            {"deliveryTime", event.delivery == 0 ? json(nullptr) : json(UtcTime(event.delivered))},
+            {"tries", event.tries},
+            {"lostWithDaemon",
+             event.delivery == static_cast<int>(JournalDelivery::Waiting) && IsOfADaemonGone(event.key)}};
 }

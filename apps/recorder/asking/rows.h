@@ -64,10 +64,12 @@ public:
     std::optional<RecordedEvent> Event(std::int64_t key);
 
     // "o18201", "e312"; with the run in front when it is not the last one: "r2:o18201".
-    std::string Label(char kind, std::int64_t key);
+    std::string Label(char kind, std::int64_t key) const;
     // A key for such a label, of either kind when the letter is missing. Nothing for anything else.
     std::optional<std::pair<char, std::int64_t>> ParseLabel(std::string_view text);
     std::int64_t LastRun() const { return mLastRun; }
+    // Whether a later run of the daemon is recorded: what still waited in this one is lost.
+    bool IsOfADaemonGone(std::int64_t key) const;
 
     // Arguments of an observation, text of an event (its arguments without a catalogue).
     std::string Detail(const RecordedObservation &observation) const;

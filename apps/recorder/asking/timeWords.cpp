@@ -97,7 +97,9 @@ TimeSpan ParseTimeSpan(const std::string &since, const std::string &until, std::
     TimeSpan span{parse("--since", since), until.empty() ? now : parse("--until", until)};
     tm parts = Local(now);
     if (span.until <= span.since && IsTimeOfDay(until, &parts)) span.until += kDaySeconds * kSecond;
-    if (span.until < span.since) throw Failure(kExitUsage, "--until lies before --since");
+    if (span.until < span.since)
+        throw Failure(kExitUsage,
+                      until.empty() ? "--since lies in the future" : "--until lies before --since");
     return span;
 }
 

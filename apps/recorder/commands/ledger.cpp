@@ -48,8 +48,9 @@ Sums ReadSums(Database &database, const TimeSpan &span)
 {
     Sums sums;
     Statement read(database,
-                   "SELECT kind, agent, code, sum(count) FROM sum WHERE minute >= ? AND minute <= ? "
-                   "GROUP BY 1, 2, 3");
+                   fmt::format("SELECT kind, agent, code, sum(count) FROM sum WHERE kind IN {} AND "
+                               "minute >= ? AND minute < ? GROUP BY 1, 2, 3",
+                               kEverySum));
     auto minute = static_cast<std::uint64_t>(kMinute);
     for (read.With(span.since / minute, span.until / minute); read.Step();) {
         auto kind = static_cast<Sum>(read.Integer(0));
@@ -109,7 +110,7 @@ int Ledger(const LedgerOptions &options)
     TimeSpan span = ParseTimeSpan(options.since, options.until, WallMicroseconds());
     // Sums are by the minute.
     auto minute = static_cast<std::uint64_t>(kMinute);
-    span = {span.since / minute * minute, span.until / minute * minute + minute - 1};
+    span = {span.since / minute * minute, (span.until + minute - 1) / minute * minute};
     Output out(STDOUT_FILENO);
     Evidence evidence = FindEvidence(database, span, IsBeingRecorded(file));
     Sums sums = ReadSums(database, span);
@@ -134,6 +135,8 @@ int Ledger(const LedgerOptions &options)
     out.Line(evidence.ToText());
     for (const Balance &balance : balances)
         if (balance.Open() != 0) out.Line("DOES NOT BALANCE  " + ToText(balance));
+    if (std::ranges::any_of(balances, [](const Balance &balance) { return balance.Open() != 0; }))
+        out.Line("  (not told: it waits still, came in a gap, or its daemon was killed before it told)");
     auto number = [](std::int64_t count) { return Grouped(static_cast<std::uint64_t>(count)); };
     out.Line(fmt::format("{:<20} {:>12} {:<13} = {} wanted by nobody + {} handed to some agent",
                          "observations", number(plain(Sum::Observations)), "came",

@@ -72,7 +72,8 @@ private:
     const StopSignal &mStop;
     Output mOut;
     TimeSpan mSpan;
-    std::int64_t mLastObservation = 0, mLastEvent = 0, mLastNotice = 0, mLastChange = 0, mLastCoverage = 0;
+    std::int64_t mLastObservation = 0, mLastEvent = 0, mLastNotice = 0, mLastChange = 0, mLastStart = 0,
+                 mLastEnd = 0; // what has been shown
 };
 
 std::vector<Line> Log::Find(size_t linesMax)
@@ -120,8 +121,9 @@ void Log::Add(std::vector<Line> *lines, std::uint64_t time, Line::Order order, c
 void Log::AddNotices(std::vector<Line> *lines)
 {
     Statement notices(mDatabase,
-                      "SELECT notice, time, until, kind, text, count FROM notice WHERE time >= ? AND "
-                      "time < ? AND notice > ? ORDER BY time DESC LIMIT ?");
+                      "SELECT * FROM (SELECT notice, time, until, kind, text, count FROM notice WHERE "
+                      "time >= ? AND time < ? AND notice > ? ORDER BY time DESC, notice DESC LIMIT ?) "
+                      "ORDER BY time, notice");
     notices.With(mSpan.since, mSpan.until, mLastNotice, mOptions.lines);
     while (notices.Step()) {
         mLastNotice = std::max(mLastNotice, notices.Integer(0));
@@ -130,18 +132,19 @@ void Log::AddNotices(std::vector<Line> *lines)
         if (mOptions.lost && kind != NoticeKind::kLost && kind != NoticeKind::kRefused) continue;
         json body{{"text", text}};
         if (until > time) text += fmt::format(" until {} ({})", ShortTime(until), ShortAge(until - time));
-        if (until == 0) text += " and still is";
+        if (until == 0) text += ", and still takes none";
         if (kind == NoticeKind::kReceiver && !notices.IsNull(5))
             text += fmt::format(", {} {} failed", notices.Unsigned(5),
-                                notices.Unsigned(5) == 1 ? "delivery" : "deliveries");
+                                notices.Unsigned(5) == 1 ? "try" : "tries");
         body["until"] = until == 0 ? json(nullptr) : json(UtcTime(until));
         body["count"] = notices.IsNull(5) ? json(nullptr) : json(notices.Unsigned(5));
         Add(lines, time, Line::Notice, kind.c_str(), text, body);
     }
     if (mOptions.lost) return;
     Statement changes(mDatabase,
-                      "SELECT rowid, time, path, value, change FROM inventory WHERE time >= ? AND "
-                      "time < ? AND rowid > ? AND change > 0 ORDER BY time DESC LIMIT ?");
+                      "SELECT * FROM (SELECT rowid AS row, time, path, value, change FROM inventory WHERE "
+                      "time >= ? AND time < ? AND rowid > ? AND change > 0 ORDER BY time DESC, rowid DESC "
+                      "LIMIT ?) ORDER BY time, row");
     changes.With(mSpan.since, mSpan.until, mLastChange, mOptions.lines);
     while (changes.Step()) {
         mLastChange = std::max(mLastChange, changes.Integer(0));
@@ -158,18 +161,21 @@ void Log::AddRuns(std::vector<Line> *lines)
 {
     auto within = [&](std::uint64_t time) { return time >= mSpan.since && time < mSpan.until; };
     Statement runs(mDatabase, "SELECT coverage, coverage.run, since, version, until, ended, identity, "
-                              "coverage.run = lag(coverage.run) OVER (ORDER BY coverage) "
+                              "coverage.run = lag(coverage.run) OVER (ORDER BY coverage), "
+                              "coverage.run = lead(coverage.run) OVER (ORDER BY coverage) "
                               "FROM coverage JOIN run USING(run) ORDER BY coverage");
     while (runs.Step()) {
-        if (runs.Integer(0) < mLastCoverage) continue;
-        mLastCoverage = runs.Integer(0);
+        std::int64_t coverage = runs.Integer(0);
         std::string run = fmt::format("r{}", runs.Integer(1));
-        if (runs.Integer(7) == 0 && within(runs.Unsigned(2)))
+        if (coverage > mLastStart && runs.Integer(7) == 0 && within(runs.Unsigned(2)))
             Add(lines, runs.Unsigned(2), Line::RunStarts, "daemon",
                 fmt::format("keld {} runs, as {}", runs.Text(3), run),
                 {{"run", run}, {"version", runs.Text(3)}, {"state", "started"}});
-        bool killed = runs.Integer(5) == 2;
-        if ((killed || runs.Integer(5) == 1) && within(runs.Unsigned(4)))
+        mLastStart = std::max(mLastStart, coverage);
+        bool killed = runs.Integer(5) == 2 && runs.Integer(8) == 0; // else it was only shut out
+        if (coverage <= mLastEnd || (!killed && runs.Integer(5) != 1)) continue;
+        mLastEnd = coverage;
+        if (within(runs.Unsigned(4)))
             Add(lines, runs.Unsigned(4), Line::RunEnds, "daemon",
                 fmt::format("{} {}", run,
                             killed ? "was killed, or ended without a word" : "ended as it should"),
@@ -182,7 +188,8 @@ void Log::Show(std::vector<Line> lines, bool first)
     size_t skipped = lines.size() > mOptions.lines ? lines.size() - mOptions.lines : 0;
     bool more = first && (skipped > 0 || lines.size() >= mOptions.lines);
     if (more && !mOptions.asJson)
-        mOut.Line(fmt::format("(the last {} lines; --lines shows more)", mOptions.lines));
+        mOut.Line(fmt::format("(the last {} lines; --lines shows more, --summary what was noisiest)",
+                              mOptions.lines));
     for (size_t i = skipped; i < lines.size(); i++)
         mOut.Line(lines[i].text);
     mOut.Flush();
@@ -234,7 +241,7 @@ void Log::SummaryOf(Noise kind, const char *title, bool events)
             continue;
         }
         std::string text = fmt::format("  {:>10}  {}", Grouped(count), Printable(name));
-        if (events)
+        if (events && percent + limited > 0)
             text +=
                 fmt::format("  ({}% of the event limit at {}{})", percent, ShortTime(busiest).substr(0, 16),
                             limited > 0 ? fmt::format("; {} dropped by it", Grouped(limited)) : "");

@@ -143,10 +143,9 @@ int Open(const OpenOptions &options)
     Output out(STDOUT_FILENO);
 
     // What is older than the recording cannot be known: the evidence is about the recording itself.
-    auto begin = static_cast<std::uint64_t>(database.Number("SELECT min(time) FROM coverage"));
     auto heard = static_cast<std::uint64_t>(database.Number("SELECT max(until) FROM coverage"));
     std::uint64_t now = recording ? heard : std::max(heard, WallMicroseconds());
-    Evidence evidence = FindEvidence(database, {begin, now}, recording);
+    Evidence evidence = FindEvidence(database, {RecordingBegin(database, now), now}, recording);
     std::vector<OpenProblem> problems = ReadProblems(database, rows);
     if (options.asJson) {
         out.Line(JsonLine(evidence.ToJson()));

@@ -39,8 +39,8 @@ struct RecordOptions {
 
 class Recorder {
 public:
-    explicit Recorder(const RecordOptions &options)
-        : mFile(RecordingFile(options.file)), mRecording(mFile),
+    Recorder(const RecordOptions &options, const StopSignal &stop)
+        : mStop(stop), mFile(RecordingFile(options.file)), mRecording(mFile),
           mKnowledge(FindCatalogue(options.catalogue)),
           mStore(&mRecording, mFile,
                  {static_cast<std::uint64_t>(options.megabytes * 1024 * 1024),
@@ -50,8 +50,8 @@ public:
         fmt::print(stderr, "keladm record: recording into {}\n", mFile);
     }
 
-    void Listen(const StopSignal &stop);                           // until the stop
-    void Play(const std::string &journal, const StopSignal &stop); // a journal that was saved
+    void Listen();                         // until the stop
+    void Play(const std::string &journal); // one that was saved
 
 private:
     void Connect();
@@ -62,8 +62,16 @@ private:
     // Whether there is something to write. A change of the inventory is told with the daemon's time, which
     // nobody knows before its first word.
     bool Waits() const { return mKeeper.Waiting() > 0 || (mInventoryStale && mKeeper.Now() != 0); }
+    // Since the last entry, in microseconds.
+    std::uint64_t Silent() const
+    {
+        return static_cast<std::uint64_t>(
+            std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - mHeard).count());
+    }
     void Write();
+    void FlushOnceThereIsRoom();
 
+    const StopSignal &mStop;
     std::string mFile;
     Recording mRecording;
     Knowledge mKnowledge;
@@ -78,7 +86,7 @@ private:
     Clock::time_point mWritten = Clock::now(); // the last batch
 };
 
-void Recorder::Listen(const StopSignal &stop)
+void Recorder::Listen()
 {
     bool toldAbsence = false;
     for (;;) {
@@ -91,7 +99,7 @@ void Recorder::Listen(const StopSignal &stop)
                      : mJournal ? mWritten + kHeartbeat
                                 : Clock::now() + kConnectAgain;
         pollfd fds[] = {
-            {stop.Get(), POLLIN, 0}, {mInventory.Get(), POLLIN, 0}, {mJournal.Get(), POLLIN, 0}};
+            {mStop.Get(), POLLIN, 0}, {mInventory.Get(), POLLIN, 0}, {mJournal.Get(), POLLIN, 0}};
         PollUntil(fds, until);
         if (fds[1].revents != 0) mInventoryStale = true;
         if (fds[2].revents != 0) Read();
@@ -104,7 +112,7 @@ void Recorder::Listen(const StopSignal &stop)
     }
 }
 
-void Recorder::Play(const std::string &journal, const StopSignal &stop)
+void Recorder::Play(const std::string &journal)
 {
     mJournal = journal == "-" ? UniqueFd(dup(STDIN_FILENO))
                               : UniqueFd(open(journal.c_str(), O_RDONLY | O_CLOEXEC));
@@ -112,7 +120,7 @@ void Recorder::Play(const std::string &journal, const StopSignal &stop)
     mPlays = true;
     mInventoryStale = false; // of another time
     while (mJournal) {
-        pollfd fds[] = {{stop.Get(), POLLIN, 0}, {mJournal.Get(), POLLIN, 0}};
+        pollfd fds[] = {{mStop.Get(), POLLIN, 0}, {mJournal.Get(), POLLIN, 0}};
         PollUntil(fds, mWritten + kWriteAfter);
         if (fds[0].revents != 0) break;
         if (fds[1].revents != 0) Read();
@@ -130,6 +138,7 @@ void Recorder::Connect()
     if (connect(fd.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         if (errno != ENOENT && errno != ECONNREFUSED && errno != EAGAIN)
             throw Failure(kExitFailed, fmt::format("keld-journal.sock: {}", std::strerror(errno)));
+        if (errno != EAGAIN) mKeeper.NoDaemon(Silent(), WallMicroseconds());
         return;
     }
     int bytes = 4 << 20; // as much as the system allows: time to write in
@@ -165,20 +174,20 @@ void Recorder::Read()
 void Recorder::HearAll()
 {
     while (auto entry = mStream.Take()) {
-        if (auto hello = std::get_if<JournalHello>(&entry->body)) {
-            if (hello->format != kJournalFormat)
-                throw Failure(kExitFailed,
-                              fmt::format("the daemon writes its journal in format {}, and this "
-                                          "recorder reads format {}",
-                                          hello->format, std::uint32_t{kJournalFormat}));
-            fmt::print(stderr, "keladm record: listening to keld {}, process {}, running since {}\n",
-                       hello->version, hello->process, LocalTime(hello->since).substr(0, 19));
-        }
+        auto hello = std::get_if<JournalHello>(&entry->body);
+        if (hello != nullptr && hello->format != kJournalFormat)
+            throw Failure(kExitFailed, fmt::format("the daemon writes its journal in format {}, and this "
+                                                   "recorder reads format {}",
+                                                   hello->format, std::uint32_t{kJournalFormat}));
         if (mKeeper.Waiting() == 0) mWritten = Clock::now();
         mKeeper.Hear(*entry);
         mHeard = Clock::now();
-        bool listens = std::holds_alternative<JournalHello>(entry->body); // which is written at once
-        if (listens || mKeeper.Waiting() >= kWriteRows) Write();
+        if (hello != nullptr || mKeeper.Waiting() >= kWriteRows) Write();
+        // Said once it is true: the gap has ended in the recording, and the inventory has been looked at,
+        // so that what changes from now on is told as a change.
+        if (hello != nullptr)
+            fmt::print(stderr, "keladm record: listening to keld {}, process {}, running since {}\n",
+                       hello->version, hello->process, LocalTime(hello->since).substr(0, 19));
     }
 }
 
@@ -187,16 +196,34 @@ void Recorder::LookAtInventory()
     if (!mInventoryStale || mKeeper.Now() == 0) return;
     mInventoryStale = false;
     mInventory.Look([this](const std::string &path, const std::string &value, int change) {
-        mKeeper.Inventory(path, value, change);
+        mKeeper.Inventory(path, value, change, Silent());
     });
+}
+
+// Where even what is oldest makes no room, as others fill the disk: the journal is not read until there is
+// some, and the daemon names what it could not keep so long.
+void Recorder::FlushOnceThereIsRoom()
+{
+    for (bool told = false;; told = true) {
+        try {
+            return mKeeper.Flush(Silent());
+        } catch (const DatabaseError &error) {
+            if (error.code != SQLITE_FULL || mPlays) throw;
+        }
+        if (!told)
+            fmt::print(stderr,
+                       "keladm record: the disk is full; nothing is recorded until there is room\n");
+        pollfd fds[] = {{mStop.Get(), POLLIN, 0}};
+        PollUntil(fds, Clock::now() + kConnectAgain);
+        if (fds[0].revents != 0) throw Failure(kExitFailed, "the disk is full: the last batch is lost");
+    }
 }
 
 void Recorder::Write()
 {
     LookAtInventory();
     mWritten = Clock::now();
-    auto silent = std::chrono::duration_cast<std::chrono::microseconds>(mWritten - mHeard);
-    mKeeper.Flush(static_cast<std::uint64_t>(silent.count()));
+    FlushOnceThereIsRoom();
     for (int i = 0; i < kTrimsAtOnce && mStore.Trim(mKeeper.Now()); i++) {
     }
 }
@@ -204,11 +231,11 @@ void Recorder::Write()
 int Record(const RecordOptions &options)
 {
     StopSignal stop;
-    Recorder recorder(options);
+    Recorder recorder(options, stop);
     if (options.journal.empty())
-        recorder.Listen(stop);
+        recorder.Listen();
     else
-        recorder.Play(options.journal, stop);
+        recorder.Play(options.journal);
     return kExitOk;
 }
 
@@ -231,8 +258,9 @@ void AddRecordCommand(CLI::App &app, Command *chosen)
     app.footer(R"(
 Listens to the daemon's journal, for as long as it runs and whichever daemon comes, and
 watches the host inventory. What is older or more than it may keep goes, the oldest
-first, but never what belongs to a problem that is open. Killed, it loses at most the
-last second, and the time until it runs again is a gap that every answer names.
+first, but never what belongs to a problem that is open; so it does when less than 32 MB
+of the disk are left. Killed, it loses at most the last second, and the time until it
+runs again is a gap that every answer names.
 
 Exit status: 0 on SIGINT, SIGTERM and SIGHUP; 1 when the recording cannot be written,
 is no recording or of a newer version, or has a recorder already.

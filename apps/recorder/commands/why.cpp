@@ -31,8 +31,7 @@ public:
           mSpan(ParseTimeSpan(options.since.empty() ? "1970-01-02" : options.since, options.until,
                               WallMicroseconds()))
     {
-        if (options.since.empty()) // all that is recorded
-            mSpan.since = static_cast<std::uint64_t>(mDatabase.Number("SELECT min(time) FROM coverage"));
+        if (options.since.empty()) mSpan.since = RecordingBegin(mDatabase, mSpan.until);
     }
 
     int Run();
@@ -43,6 +42,7 @@ private:
     void AskEventType(const std::string &type);
     void Explain(const RecordedObservation &row);
     void Explain(const RecordedEvent &row);
+    std::string EarlierOf(std::pair<char, std::int64_t> label);
     void ExplainNever(const std::string &id);
     void ShowEvidence(const TimeSpan &span);
     void Say(int indent, const std::string &text);
@@ -57,7 +57,7 @@ private:
     Rows mRows;
     Output mOut;
     TimeSpan mSpan;
-    std::uint64_t mTimes = 0;
+    std::uint64_t mTimes = 0; // the name that was asked; 0 of a number
 };
 
 int Why::Run()
@@ -102,8 +102,8 @@ bool Why::AskNumber(const std::string &text)
     if (!observation && !event)
         throw Failure(kExitFailed,
                       fmt::format("{} is not in the recording: it never was, it came in a gap, or it is "
-                                  "not kept any more; \"keladm log\" shows the gaps",
-                                  text));
+                                  "not kept any more; \"keladm log\" shows the gaps{}",
+                                  text, EarlierOf(*label)));
     // From what it came from to what became of it.
     std::uint64_t from = observation ? observation->time : event->time, until = from;
     if (event) {
@@ -115,6 +115,20 @@ bool Why::AskNumber(const std::string &text)
     if (observation) Explain(*observation);
     if (event) Explain(*event);
     return true;
+}
+
+// Where the daemon's last run has no such number, an earlier one may: numbers begin anew with each.
+std::string Why::EarlierOf(std::pair<char, std::int64_t> label)
+{
+    for (std::int64_t run = RunOf(label.second) - 1; run > 0; run--) {
+        std::int64_t key = KeyOf(run, static_cast<std::uint64_t>(NumberOf(label.second)));
+        for (char kind : {'o', 'e'})
+            if (label.first != (kind == 'o' ? 'e' : 'o') &&
+                (kind == 'o' ? mRows.Observation(key).has_value() : mRows.Event(key).has_value()))
+                return fmt::format(". The daemon was started anew since: there is {}",
+                                   mRows.Label(kind, key));
+    }
+    return "";
 }
 
 void Why::Explain(const RecordedObservation &row)
@@ -142,10 +156,17 @@ void Why::Explain(const RecordedObservation &row)
         Say(2, fmt::format("At {}: {}.", ShortTime(outcomes.Unsigned(0)), sentence));
         line["outcomes"].push_back({{"time", UtcTime(outcomes.Unsigned(0))}, {"text", sentence}});
     }
+    auto waits = [](const RecordedFate &fate) {
+        return fate.code == static_cast<int>(JournalFate::Gathered);
+    };
+    if (!line.contains("outcomes") && std::ranges::any_of(row.fates, waits))
+        Say(2, "What became of what was gathered is not recorded: it was still to come, or is missing in a "
+               "gap.");
     for (std::int64_t key : row.events)
         if (auto event = mRows.Event(key))
             Say(2, fmt::format("It led to {} {}: {} ({})", mRows.Label('e', key), Printable(event->type),
                                mRows.Detail(*event), mRows.DeliveryText(*event)));
+    if (mTimes > 0) line["times"] = mTimes;
     if (mOptions.asJson) mOut.Line(JsonLine(line));
 }
 
@@ -154,7 +175,7 @@ void Why::Explain(const RecordedEvent &row)
     json line = mRows.ToJson(row);
     Say(0, fmt::format("{} {} was made at {}: {}", mRows.Label('e', row.key), Printable(row.type),
                        LocalTime(row.time), mRows.Detail(row)));
-    Explanation delivery = ExplainDelivery(row);
+    Explanation delivery = ExplainDelivery(row, mRows.IsOfADaemonGone(row.key));
     SayExplanation(2, delivery);
     line["deliveryBecause"] = delivery.because;
     if (row.causes.empty())
@@ -177,6 +198,7 @@ void Why::Explain(const RecordedEvent &row)
     }
     if (size_t all = row.causes.size() + row.unnamed; !row.causes.empty() && shown < all)
         Say(4, fmt::format("and {} more", all - shown));
+    if (mTimes > 0) line["times"] = mTimes;
     if (mOptions.asJson) mOut.Line(JsonLine(line));
 }
 
@@ -184,8 +206,8 @@ template <class Row> std::optional<Row> Why::Newest(const std::string &name)
 {
     constexpr bool isEvent = std::is_same_v<Row, RecordedEvent>;
     mTimes = 0;
-    Statement count(
-        mDatabase, "SELECT total(count) FROM noise WHERE kind = ? AND name = ? AND minute BETWEEN ? AND ?");
+    Statement count(mDatabase, "SELECT total(count) FROM noise INDEXED BY noiseName WHERE kind = ? AND "
+                               "name = ? AND minute BETWEEN ? AND ?");
     for (std::int64_t number : mRows.NamesOf(name)) {
         auto minute = static_cast<std::uint64_t>(kMinute);
         count.With(isEvent ? Noise::EventType : Noise::Id, number, mSpan.since / minute,

@@ -98,12 +98,19 @@ struct AgentRow {
     std::int64_t name = 0;
 };
 
-// Why a time of listening ended. None: the recorder was killed, or it listens still.
-enum class CoverageEnd : int { DaemonEnded = 1, DaemonGone = 2, RecorderStopped = 3, TooSlow = 4 };
+// Why a time of listening ended. None: the recorder was killed, or it listens still. DaemonCame ends a time
+// without a daemon.
+enum class CoverageEnd : int {
+    DaemonEnded = 1,
+    DaemonGone = 2,
+    RecorderStopped = 3,
+    TooSlow = 4,
+    DaemonCame = 5
+};
 
 struct CoverageRow {
     std::int64_t coverage = 0;
-    std::int64_t run = 0;
+    std::int64_t run = 0; // 0: no daemon was there, which is why nothing was heard
     std::uint64_t time = 0;
     std::uint64_t until = 0;
     std::optional<std::uint64_t> before; // observations before the first one heard; none heard yet

@@ -51,12 +51,12 @@ Keeper::Keeper(Store *store, const Knowledge *knowledge) : mStore(store), mKnowl
     Statement last(mStore->Data(), "SELECT coverage, run, time, until, before, last, ended FROM coverage "
                                    "ORDER BY coverage DESC LIMIT 1");
     if (last.Step()) {
-        mRun = last.Integer(1);
-        mCoverage = {last.Integer(0),  mRun,        last.Unsigned(2), last.Unsigned(3), std::nullopt,
-                     last.Unsigned(5), std::nullopt};
+        mCoverage = {last.Integer(0), last.Integer(1),  last.Unsigned(2), last.Unsigned(3),
+                     std::nullopt,    last.Unsigned(5), std::nullopt};
         if (!last.IsNull(4)) mCoverage.before = last.Unsigned(4);
         if (!last.IsNull(6)) mCoverage.ended = static_cast<CoverageEnd>(last.Integer(6));
     }
+    mRun = LastRun(mStore->Data());
     mReceiverAway = mStore->Data().Number("SELECT count(*) FROM notice WHERE until = 0") != 0;
 }
 
@@ -82,14 +82,16 @@ void Keeper::On(const JournalHello &hello)
         mAgents[agent.number] = {std::string(agent.name), mStore->NameOf(agent.name), {}};
         mBatch.agents.push_back({mRun, agent.number, mAgents[agent.number].name});
     }
-    NewCoverage(mTime);
+    if (mWaiting) mCoverage.ended = CoverageEnd::DaemonCame;
+    mWaiting = false;
+    NewCoverage(mRun, mTime);
     mListening = true;
 }
 
-void Keeper::NewCoverage(std::uint64_t time)
+void Keeper::NewCoverage(std::int64_t run, std::uint64_t time)
 {
     if (mCoverage.coverage != 0) mBatch.coverage[mCoverage.coverage] = mCoverage;
-    mCoverage = {mCoverage.coverage + 1, mRun, time, time, std::nullopt, mCoverage.last, std::nullopt};
+    mCoverage = {mCoverage.coverage + 1, run, time, time, std::nullopt, mCoverage.last, std::nullopt};
 }
 
 void Keeper::On(const JournalBegin &begin)
@@ -221,6 +223,13 @@ void Keeper::On(const JournalOut &out)
         }
         KeepProblem(row, event);
     }
+    // One that was dropped has no record: it is about what its observation is about.
+    if (!row.object && out.record.bytes.empty() && !out.origins.empty())
+        if (const ObservationRow *cause = InBatch(KeyOfOrigin(out.origins.front()));
+            cause && cause->object) {
+            row.object = cause->object;
+            mBatch.CountNoise(mTime, Noise::EventObject, *row.object, 1);
+        }
     mEventRows[row.key] = mBatch.events.size();
     mBatch.events.push_back(std::move(row));
 }
@@ -280,7 +289,7 @@ void Keeper::Receiver(JournalDelivery state)
         if (mReceiverAway) return;
         mReceiverAway = true;
         mBatch.notices.push_back(
-            {mTime, 0, std::string(NoticeKind::kReceiver), "the receiver was away", {}});
+            {mTime, 0, std::string(NoticeKind::kReceiver), "the receiver took no event", {}});
     } else if (state == JournalDelivery::Delivered && mReceiverAway) {
         mBatch.notices.push_back({0, mTime, std::string(NoticeKind::kReceiver), "", mEventsWaited});
         mReceiverAway = false;
@@ -291,27 +300,35 @@ void Keeper::Receiver(JournalDelivery state)
 void Keeper::On(const JournalGap &)
 {
     mCoverage.ended = CoverageEnd::TooSlow;
-    NewCoverage(mTime);
+    NewCoverage(mRun, mTime);
 }
 
 void Keeper::On(const JournalEnd &) { mCoverage.ended = CoverageEnd::DaemonEnded; }
 
 void Keeper::Ended(CoverageEnd why)
 {
-    if (mListening && !mCoverage.ended) mCoverage.ended = why;
-    mListening = false;
+    if ((mListening || mWaiting) && !mCoverage.ended) mCoverage.ended = why;
+    mListening = mWaiting = false;
     mAgents.clear();
 }
 
-void Keeper::Inventory(const std::string &path, const std::string &value, int change)
+void Keeper::NoDaemon(std::uint64_t elapsed, std::uint64_t now)
 {
-    mBatch.inventory.push_back({mTime, path, value, change});
+    if (mListening || mWaiting || mCoverage.coverage == 0) return;
+    if (mTime == 0) mTime = now - elapsed;
+    NewCoverage(0, mTime + elapsed);
+    mWaiting = true;
+}
+
+void Keeper::Inventory(const std::string &path, const std::string &value, int change, std::uint64_t elapsed)
+{
+    mBatch.inventory.push_back({mTime + elapsed, path, value, change});
 }
 
 void Keeper::Flush(std::uint64_t elapsed)
 {
     if (mCoverage.coverage != 0) {
-        if (mListening) mCoverage.until = std::max(mCoverage.until, mTime + elapsed);
+        if (mListening || mWaiting) mCoverage.until = std::max(mCoverage.until, mTime + elapsed);
         mBatch.coverage[mCoverage.coverage] = mCoverage;
     }
     mStore->Write(&mBatch, mTime);

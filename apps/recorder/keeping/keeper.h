@@ -20,11 +20,14 @@ public:
 
     void Hear(const JournalEntry &entry);
 
-    // The stream has ended, for this reason unless its last entry has told another.
+    // The stream, or the wait for one, has ended, for this reason unless its last entry has told another.
     void Ended(CoverageEnd why);
 
-    // A change of the inventory, or an entry that is there at the start.
-    void Inventory(const std::string &path, const std::string &value, int change);
+    // Nothing comes, as no daemon is there; now is the wall clock's, for one that has heard nothing yet.
+    void NoDaemon(std::uint64_t elapsed, std::uint64_t now);
+
+    // A change of the inventory, or an entry that is there at the start; elapsed as below.
+    void Inventory(const std::string &path, const std::string &value, int change, std::uint64_t elapsed);
 
     // Writes what has been heard; elapsed is how long ago the last entry came, in microseconds: so far
     // nothing was missed. Throws DatabaseError, and keeps the batch.
@@ -59,7 +62,7 @@ private:
         std::deque<Pending> pending; // by ascending count
     };
 
-    void NewCoverage(std::uint64_t time);
+    void NewCoverage(std::int64_t run, std::uint64_t time);
     void SetFate(std::uint16_t agent, const Pending &pending, JournalFate fate, std::string_view text);
     void SetEvent(std::int64_t observation, std::uint64_t event);
     void KeepProblem(const EventRow &row, const EventRecord &event);
@@ -76,6 +79,7 @@ private:
     std::string mIdentity; // of the run
     CoverageRow mCoverage;
     bool mListening = false;
+    bool mWaiting = false; // for a daemon
     std::map<std::uint16_t, Agent> mAgents;
     std::map<std::int64_t, std::int64_t> mGathered; // origin to key, of this batch
     std::map<std::int64_t, size_t> mEventRows;      // key to index, of this batch

@@ -49,8 +49,8 @@ CREATE TABLE problem(problem INTEGER PRIMARY KEY AUTOINCREMENT, type INTEGER, ob
     aside INTEGER, UNIQUE(type, object, pairing));
 
 -- While a recorder listened without a gap. before: how many observations there were before the first that
--- it heard; null when it has heard none. last: the number of the last one. ended: CoverageEnd. What lies
--- between two rows is a gap.
+-- it heard; null when it has heard none. last: the number of the last one. ended: CoverageEnd. run: 0 while
+-- there was no daemon to listen to. What lies between two rows is a gap.
 CREATE TABLE coverage(coverage INTEGER PRIMARY KEY, run INTEGER, time INTEGER, until INTEGER, before INTEGER,
     last INTEGER, ended INTEGER);
 CREATE TABLE notice(notice INTEGER PRIMARY KEY, time INTEGER, until INTEGER, kind TEXT, text TEXT,
@@ -60,11 +60,12 @@ CREATE INDEX noticeTime ON notice(time);
 CREATE TABLE inventory(time INTEGER, path TEXT, value TEXT, change INTEGER);
 CREATE INDEX inventoryTime ON inventory(time);
 
+-- What a question adds up over a month stands side by side.
 CREATE TABLE sum(minute INTEGER, kind INTEGER, agent INTEGER, code INTEGER, count INTEGER,
-    PRIMARY KEY(minute, kind, agent, code)) WITHOUT ROWID;
+    PRIMARY KEY(kind, minute, agent, code)) WITHOUT ROWID;
 CREATE TABLE noise(minute INTEGER, kind INTEGER, name INTEGER, count INTEGER, limited INTEGER,
-    PRIMARY KEY(minute, kind, name)) WITHOUT ROWID;
-CREATE INDEX noiseName ON noise(name, kind, minute);
+    PRIMARY KEY(kind, minute, name)) WITHOUT ROWID;
+CREATE INDEX noiseName ON noise(name, kind, minute, count);
 CREATE TABLE kept(since INTEGER); -- what is older has gone
 )SQL";
 
@@ -155,4 +156,9 @@ bool IsBeingRecorded(const std::string &file)
 {
     UniqueFd lock(open(LockFile(file).c_str(), O_RDONLY | O_CLOEXEC));
     return lock && flock(lock.Get(), LOCK_SH | LOCK_NB) != 0;
+}
+
+std::int64_t LastRun(Database &database)
+{
+    return database.Number("SELECT run FROM coverage WHERE run > 0 ORDER BY coverage DESC LIMIT 1");
 }

@@ -34,9 +34,11 @@ enum class Sum : std::int64_t {
     Refused = 7,  // by a channel, as malformed
     Missing = 8,  // observations that the recorder did not hear of, in the minute in which that was known
 };
+inline constexpr const char *kEverySum = "(1, 2, 3, 4, 5, 6, 7, 8)";
 
 // What the noise of a minute is counted by.
 enum class Noise : std::int64_t { Id = 1, Object = 2, EventType = 3, EventObject = 4 };
+inline constexpr const char *kEveryNoise = "(1, 2, 3, 4)";
 
 // What happened to the recording and around it, as rows of the table notice.
 namespace NoticeKind {
@@ -65,6 +67,9 @@ public:
 
 // To ask; to write too, for what a question records. Throws Failure when there is no recording.
 Database OpenRecording(const std::string &file, bool toWrite = false);
+
+// The daemon's run that was listened to last; 0 without one.
+std::int64_t LastRun(Database &database);
 
 // Whether a recorder keeps it at this moment.
 bool IsBeingRecorded(const std::string &file);

@@ -10,8 +10,11 @@ namespace {
 
 constexpr std::size_t kPortionMin = 2000;
 // Given up when the disk is full, so that deleting has room: the log of several batches, and more.
-constexpr std::uint64_t kReserveBytes = 64 << 20;
-constexpr std::size_t kNamesMax = 200'000; // kept in memory; all of them are in the database
+constexpr std::uint64_t kReserveBytesMax = 64 << 20, kReserveBytesMin = 1 << 20;
+// With less than this on the disk the recording does not grow any more: its log has to have room.
+constexpr std::uint64_t kShortBytesMax = 32 << 20;
+constexpr std::int64_t kRoomPagesMax = 4096; // for what comes next: a batch and more
+constexpr std::size_t kNamesMax = 200'000;   // kept in memory; all of them are in the database
 
 } // namespace
 
@@ -97,13 +100,16 @@ std::int64_t Store::KeyOfOrigin(std::int64_t origin)
 
 void Store::Write(Batch *batch, std::uint64_t now)
 {
+    if (DiskIsShort() && Data().Number("PRAGMA freelist_count") < RoomWanted()) MakeRoom(now);
     for (int tries = 1;; tries++) {
         try {
             WriteOnce(*batch);
             break;
         } catch (const DatabaseError &error) {
             if (error.code != SQLITE_FULL || tries > 3) throw;
+            unlink((mFile + ".reserve").c_str());
             MakeRoom(now);
+            MakeReserve();
         }
     }
     mPortion = std::max(kPortionMin, batch->observations.size() * 2);
@@ -229,8 +235,8 @@ void Store::DeleteBefore(std::int64_t time)
     run("DELETE FROM notice WHERE time < ?1 AND until < ?1 AND until > 0");
     run("DELETE FROM inventory WHERE time < ?");
     run("DELETE FROM coverage WHERE until < ?");
-    run(fmt::format("DELETE FROM sum WHERE minute < ? / {}", kMinute));
-    run(fmt::format("DELETE FROM noise WHERE minute < ? / {}", kMinute));
+    run(fmt::format("DELETE FROM sum WHERE kind IN {} AND minute < ? / {}", kEverySum, kMinute));
+    run(fmt::format("DELETE FROM noise WHERE kind IN {} AND minute < ? / {}", kEveryNoise, kMinute));
     Data().Run("DELETE FROM kept");
     Statement(Data(), "INSERT INTO kept VALUES(?)").With(time).Run();
     transaction.Commit();
@@ -247,10 +253,11 @@ void Store::MakeReserve()
 {
     // Not while it would fill the disk again.
     struct statvfs disk {};
-    if (statvfs(mFile.c_str(), &disk) != 0 || disk.f_bavail * disk.f_frsize < 2 * kReserveBytes) return;
+    if (statvfs(mFile.c_str(), &disk) != 0) return;
+    std::uint64_t bytes = std::min<std::uint64_t>(kReserveBytesMax, disk.f_bavail * disk.f_frsize / 8);
+    if (bytes < kReserveBytesMin) return;
     UniqueFd fd(open((mFile + ".reserve").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    if (fd && posix_fallocate(fd.Get(), 0, static_cast<off_t>(kReserveBytes)) != 0 &&
-        ftruncate(fd.Get(), 0) != 0)
+    if (fd && posix_fallocate(fd.Get(), 0, static_cast<off_t>(bytes)) != 0 && ftruncate(fd.Get(), 0) != 0)
         return;
 }
 
@@ -260,16 +267,50 @@ void Store::Checkpoint()
     sqlite3_exec(Data().Get(), "PRAGMA wal_checkpoint(RESTART)", nullptr, nullptr, nullptr);
 }
 
+bool Store::DiskIsShort()
+{
+    struct statvfs disk {};
+    return statvfs(mFile.c_str(), &disk) == 0 &&
+           disk.f_bavail < std::min<std::uint64_t>(kShortBytesMax / disk.f_frsize, disk.f_blocks / 4);
+}
+
+// In pages.
+std::int64_t Store::RoomWanted() { return std::min(Data().Number("PRAGMA page_count") / 4, kRoomPagesMax); }
+
+// The log of a deletion needs room, too: few rows at a time, and fewer when even that is too much.
 void Store::MakeRoom(std::uint64_t now)
 {
-    unlink((mFile + ".reserve").c_str());
+    std::int64_t wanted = RoomWanted();
+    for (std::size_t rows = kPortionMin; rows > 0 && Data().Number("PRAGMA freelist_count") < wanted;) {
+        Checkpoint();
+        auto until = TimeOfRow(rows);
+        try {
+            DeleteBefore(until.value_or(static_cast<std::int64_t>(now)) + 1);
+            if (!until) break; // nothing is left
+        } catch (const DatabaseError &error) {
+            if (error.code != SQLITE_FULL) throw;
+            rows /= 4;
+        }
+    }
     Checkpoint();
-    auto rows = static_cast<std::size_t>(Data().Number("SELECT count(*) FROM observation"));
-    DeleteBefore(TimeOfRow(rows / 10 + 1).value_or(static_cast<std::int64_t>(now)) + 1);
-    Statement(Data(), "INSERT INTO notice(time, until, kind, text, count) VALUES(?, ?, ?, ?, NULL)")
-        .With(now, now, NoticeKind::kLimit,
-              std::string_view("the disk is full: the oldest tenth of the recording went"))
+    try {
+        SayFull(now);
+    } catch (const DatabaseError &error) {
+        if (error.code != SQLITE_FULL) throw;
+    }
+}
+
+// One notice as long as it goes on.
+void Store::SayFull(std::uint64_t now)
+{
+    Transaction transaction(&Data());
+    Statement(Data(), "UPDATE notice SET until = ?1 WHERE kind = ?2 AND until > ?1 - ?3")
+        .With(now, NoticeKind::kLimit, kMinute)
         .Run();
-    Checkpoint();
-    MakeReserve();
+    if (sqlite3_changes(Data().Get()) == 0)
+        Statement(Data(), "INSERT INTO notice(time, until, kind, text, count) VALUES(?, ?, ?, ?, NULL)")
+            .With(now, now, NoticeKind::kLimit,
+                  std::string_view("the disk was full or nearly so: what was oldest went"))
+            .Run();
+    transaction.Commit();
 }

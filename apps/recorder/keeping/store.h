@@ -49,7 +49,10 @@ private:
     std::uint64_t BytesUsed();
     void MakeReserve();
     void Checkpoint();
+    bool DiskIsShort();
+    std::int64_t RoomWanted();
     void MakeRoom(std::uint64_t now);
+    void SayFull(std::uint64_t now);
 
     Recording *mRecording;
     std::string mFile;

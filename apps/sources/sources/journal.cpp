@@ -27,14 +27,13 @@ public:
 private:
     void Read();
 
-    const Host &mHost;
     JournalRules mRules;
     sd_journal *mJournal = nullptr;
     EventLoop::WatchPtr mWatch, mAgain;
 };
 
 JournalSource::JournalSource(const Host &host)
-    : mHost(host), mRules(host.emit), mAgain(host.loop.OnTimer([this] { Read(); }))
+    : mRules(host.emit), mAgain(host.loop.OnTimer([this] { Read(); }))
 {
     const std::string &folder = host.options.journal;
     const int opened = folder.empty()
