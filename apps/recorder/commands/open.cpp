@@ -8,6 +8,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -112,7 +114,11 @@ json ToJson(const OpenProblem &problem, Rows &rows)
 // Stays in the recording, as something that somebody decided.
 int PutAside(const OpenOptions &options)
 {
-    Database database = OpenRecording(RecordingFile(options.file), true);
+    const std::string file = RecordingFile(options.file);
+    if (access(file.c_str(), W_OK) != 0 && errno != ENOENT)
+        throw Failure(kExitFailed, fmt::format("{}: nothing can be put aside in it by this user: {}", file,
+                                               std::strerror(errno)));
+    Database database = OpenRecording(file, true);
     Rows rows(&database, std::nullopt);
     Transaction transaction(&database);
     Statement find(database, "SELECT type, object FROM problem WHERE problem = ? AND aside IS NULL");
