@@ -6,10 +6,14 @@
 
 #include <array>
 #include <kelproducer.h>
+#include <kltlibs/rundir.h>
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -43,6 +47,8 @@ enum Measure {
     kLoaded,
     kGrowth,
     kWakeups,
+    kListenedIgnored,
+    kListenedLimited,
     kMeasures
 };
 using Taken = std::array<std::optional<double>, kMeasures>; // nothing for what a round has not taken
@@ -78,6 +84,8 @@ const Kind kKinds[] = {
     {kLoaded,        "resident memory, behind a burst", "KiB", AtMostRatio(1.3)},
     {kGrowth,        "resident memory, growth under ten times the load", "KiB", AtMost(64)},
     {kWakeups,       "wake-ups in 20 idle seconds", "", AtMost(0)},
+    {kListenedIgnored, "ignored, while the journal is listened to", "times", AtMost(1.15)},
+    {kListenedLimited, "rate-limited, while the journal is listened to", "times", AtMost(1.15)},
 };
 // clang-format on
 static_assert(std::size(kKinds) == kMeasures);
@@ -98,6 +106,38 @@ struct Producer {
     }
 
     KelProducer *producer = nullptr;
+};
+
+// Reads the journal as fast as it comes, from the first entry on.
+class Listener {
+public:
+    Listener()
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        if (KltRunDir_Path("keld-journal.sock", address.sun_path, sizeof address.sun_path) != 0 ||
+            connect(mFd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 || Read() <= 0)
+            throw std::runtime_error("no journal");
+        mReading = std::thread([this] {
+            while (Read() > 0) {
+            }
+        });
+    }
+    ~Listener()
+    {
+        shutdown(mFd, SHUT_RDWR);
+        mReading.join();
+        close(mFd);
+    }
+    Listener(const Listener &) = delete;
+    Listener &operator=(const Listener &) = delete;
+
+private:
+    ssize_t Read() { return read(mFd, mBytes.data(), mBytes.size()); }
+
+    int mFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    std::vector<char> mBytes = std::vector<char>(65536);
+    std::thread mReading;
 };
 
 // An observation of kRecordBytes with two texts.
@@ -160,7 +200,8 @@ class Round {
 public:
     Round(const Program &program, const RoadOptions &options, const LoadRecords &load,
           const Receiver &receiver)
-        : mOptions(options), mLoad(load), mReceiver(receiver), mStarted(Clock::now()),
+        : mOptions(options), mLoad(load), mReceiver(receiver),
+          mHasJournal(program.figures == &Figures::keld), mStarted(Clock::now()),
           mChild(program.path, program.argument)
     {
         mChild.WaitUntilReady();
@@ -234,6 +275,20 @@ public:
         return mFigures;
     }
 
+    // Of the daemon alone: the floor has no journal.
+    Taken Listened()
+    {
+        if (!mHasJournal) return mFigures;
+        Post(mLoad.posted[0], Load::kEventsPerWindow, 1);
+        const int count = mOptions.observations;
+        const double ignored = Stream(mLoad.ignored, count).nanoseconds;
+        const double limited = Stream(mLoad.posted, count).nanoseconds;
+        const Listener listener;
+        mFigures[kListenedIgnored] = Stream(mLoad.ignored, count).nanoseconds / ignored;
+        mFigures[kListenedLimited] = Stream(mLoad.posted, count).nanoseconds / limited;
+        return mFigures;
+    }
+
 private:
     // Sends count datagrams as fast as they are taken, to the end of all that comes of them.
     Cost Stream(const std::vector<Record> &records, int count)
@@ -275,6 +330,7 @@ private:
     const RoadOptions &mOptions;
     const LoadRecords &mLoad;
     const Receiver &mReceiver;
+    const bool mHasJournal;
     Taken mFigures{};
     Clock::time_point mStarted;
     Child mChild;
@@ -305,6 +361,7 @@ std::vector<Row> MeasureRoad(const RoadOptions &options)
     take(options.rounds, &Round::Costs);
     take(options.rounds, &Round::Batches);
     take(options.rounds, &Round::Latencies);
+    take(options.rounds, &Round::Listened);
     take(1, &Round::Growth);
     take(1, &Round::Idle);
 
