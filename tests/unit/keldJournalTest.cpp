@@ -51,7 +51,7 @@ TEST(JournalLedgerTest, BooksWithAnyEntryMissingDoNotBalance)
     EXPECT_THAT(Kept(whole).Faults(), IsEmpty());
     EXPECT_THAT(Kept({whole.begin(), whole.end() - 2}).Open(),
                 testing::ElementsAre("NetCorrelator has no fate for its observations 7 to 7"));
-    for (const std::size_t needed : {3, 4, 5, 6, 7, 8, 10, 11}) {
+    for (const std::size_t needed : {3U, 4U, 5U, 6U, 7U, 8U, 10U, 11U}) {
         Bodies cut = whole;
         cut.erase(cut.begin() + static_cast<std::ptrdiff_t>(needed));
         EXPECT_FALSE(Kept(cut).Faults().empty()) << needed;
