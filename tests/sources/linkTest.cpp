@@ -72,26 +72,26 @@ protected:
     }
 
     // Pulls the cable of a NIC, or plugs it in again.
-    int Toggle(int nic)
+    int Toggle(std::size_t nic)
     {
         isUp[nic] = !isUp[nic];
         Ip("link set p" + std::to_string(nic) + (isUp[nic] ? " up" : " down"));
         return static_cast<int>(std::ranges::count(isUp, true));
     }
-    int Any() { return static_cast<int>(random() % kNics); }
+    std::size_t Any() { return random() % kNics; }
 
     FILE *ip = nullptr;
     std::array<bool, kNics> isUp{true, true, true, true};
     std::mt19937 random{20260301};
 };
 
-std::string Lost(int nic, int left)
+std::string Lost(std::size_t nic, int left)
 {
     return "kel.net.pg.uplink.transition.down,,\"u" + std::to_string(nic) + "\",\"br0\"," +
            std::to_string(left) + ",4";
 }
 
-std::string Back(int nic, int up)
+std::string Back(std::size_t nic, int up)
 {
     return "kel.net.pg.uplink.transition.up,,\"u" + std::to_string(nic) + "\",\"br0\"," +
            std::to_string(up);
@@ -101,7 +101,7 @@ TEST_F(LinkTest, TwoHundredPullsAndJoinsAreToldOnceEachWithTheUplinksThatAreLeft
 {
     Start();
     for (int step = 0; step < 200; ++step) {
-        const int nic = Any();
+        const std::size_t nic = Any();
         const int left = Toggle(nic);
         const std::string link = isUp[nic] ? "up" : "down";
         ASSERT_EQ("kel.net.vmnic.linkstate." + link + ",,\"u" + std::to_string(nic) + "\"", Next());
@@ -114,7 +114,7 @@ TEST_F(LinkTest, WhatIsLostWhenTheKernelDropsNoticesIsToldAsTheDifference)
     Start({"--receive-buffer", "2048"});
     program->Signal(SIGSTOP);
     for (int step = 0; step < 200; ++step)
-        Toggle(static_cast<int>(random() % (kNics - 1)));
+        Toggle(random() % (kNics - 1));
     Toggle(3); // the last, by which the end is known
     ASSERT_TRUE(Done("stormed"));
     program->Signal(SIGCONT);
