@@ -14,6 +14,7 @@ namespace {
 
 // Most of what an agent gathers or holds back comes sooner.
 constexpr auto kSecondsForTheRest = std::chrono::duration<double>(3);
+constexpr auto kTraceLimit = std::chrono::seconds(10);
 
 json ToJson(const PlainEvent &event)
 {
@@ -28,7 +29,25 @@ json ToJson(const PlainEvent &event)
 ScenarioPlayer::ScenarioPlayer(const PlayerOptions &options, const StopSignal &stop, OwnHost *host)
     : mOptions(options), mHost(host), mStop(stop), mOut(STDOUT_FILENO, stop.Get()), mSender(stop.Get())
 {
-    if (host == nullptr) mTrace.emplace();
+    if (host != nullptr) return;
+    mTrace.emplace();
+    AwaitTrace();
+}
+
+// An event that is made before the daemon serves the connection would be taken for history.
+void ScenarioPlayer::AwaitTrace()
+{
+    const auto limit = Clock::now() + kTraceLimit;
+    while (!mTrace->IsLive()) {
+        pollfd fds[] = {{mStop.Get(), POLLIN, 0}, mTrace->Watch()};
+        PollUntil(fds, std::min(limit, mTrace->Again()));
+        if (fds[0].revents != 0) throw Stopped{};
+        if (Clock::now() >= limit)
+            throw Failure(kExitFailed, "the daemon does not serve its trace: \"keladm status\" says why");
+        (void)mTrace->Proceed();
+        while (mTrace->Next()) {
+        }
+    }
 }
 
 void ScenarioPlayer::Connect(std::span<const ScenarioStep> steps)

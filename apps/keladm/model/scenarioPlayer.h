@@ -56,6 +56,7 @@ private:
     std::vector<PlainEvent>::iterator FindEvent(const ExpectAction &expect);
     void WaitUntil(Clock::time_point until);
     void WaitSome(Clock::time_point until);
+    void AwaitTrace();
     void TakeTrace();
     void Take(PlainEvent event);
     void Report(const ScenarioStep &step);

@@ -17,6 +17,7 @@ public:
     TraceConnection();
 
     bool IsConnected() const { return bool(mFd); }
+    bool IsLive() const { return mPhase == Live; } // the history has come, and what happens now comes next
 
     pid_t Daemon() const { return mDaemon; } // the process that listens, as far as it is known
 
