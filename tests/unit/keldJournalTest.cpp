@@ -119,8 +119,9 @@ TEST_F(JournalTest, WhatAListenerIsTooSlowForIsAGapByNumbersAndDelaysNobody)
         KeldJournalTell([&] { return JournalIn{number, 22, {}, {record}}; });
     KeldJournalEnd({0, kTold, 0});
 
-    std::uint64_t read = 0;
+    std::uint64_t read = 0, begins = 0; // a begin can be too much as well
     slow.seen = [&](const JournalEntry &entry) {
+        begins += std::holds_alternative<JournalBegin>(entry.body);
         const auto *in = std::get_if<JournalIn>(&entry.body);
         if (in == nullptr) return;
         ++read;
@@ -130,7 +131,7 @@ TEST_F(JournalTest, WhatAListenerIsTooSlowForIsAGapByNumbersAndDelaysNobody)
     EXPECT_THAT(slow.ledger.Faults(), IsEmpty());
     EXPECT_LT(150U, read) << "of what the store holds";
     EXPECT_LT(0U, slow.ledger.Total().missing);
-    EXPECT_EQ(kTold, read + slow.ledger.Total().missing);
+    EXPECT_EQ(1 + kTold, begins + read + slow.ledger.Total().missing);
     EXPECT_TRUE(KeldJournalBeginDue());
 }
 
