@@ -1,6 +1,7 @@
 // What other services say: entries of the journal, and systemd on a private D-Bus.
 #include "journalRules.h"
 #include "sourcesTest.h"
+#include "unixSocket.h"
 #include "waitFor.h"
 
 #include <map>
@@ -161,11 +162,9 @@ protected:
                    nullptr);
             _exit(127);
         }
-        const bool isThere = WaitUntil([&] {
-            return std::filesystem::exists(bench.host.Path("bus")) || waitpid(bus, nullptr, WNOHANG) == bus;
-        });
-        if (!isThere || !std::filesystem::exists(bench.host.Path("bus")))
-            GTEST_SKIP() << "no dbus-daemon here";
+        const bool isThere = WaitUntil(
+            [&] { return IsListening(bench.host.Path("bus")) || waitpid(bus, nullptr, WNOHANG) == bus; });
+        if (!isThere || !IsListening(bench.host.Path("bus"))) GTEST_SKIP() << "no dbus-daemon here";
         systemd = fork();
         if (systemd == 0) StandIn();
         bench.Write("/proc/sys/kernel/random/boot_id", "5f0c");
