@@ -40,9 +40,8 @@ public:
     bool Colour() const; // a terminal, and NO_COLOR is not set
     void Text(std::string_view text);
     void Line(std::string_view text);
-    void
-    ColouredLine(std::string_view text); // as it is: the caller has made Printable what came from elsewhere
-    void Flush();                        // throws OutputClosed, Stopped, Failure
+    void ColouredLine(std::string_view text); // as it is: made Printable by the caller, where it must be
+    void Flush();                             // throws OutputClosed, Stopped, Failure
 
     // For a poll: ready once the reader has gone.
     pollfd Watch() const { return {mFd, 0, 0}; }

@@ -85,8 +85,8 @@ try {
     entry.front().event = event;
     entry.front().tries = tries;
     entry.front().record.assign(bytes, bytes + length);
-    KeldPlingTellDelivery(event, JournalDelivery::Waiting,
-                          tries); // before the alarm thread can have delivered it
+    // Told before it is on the list, where the alarm thread could deliver it.
+    KeldPlingTellDelivery(event, JournalDelivery::Waiting, tries);
     KeldLock lock(retries.retryListMutex);
     retries.list.splice(retries.list.end(), entry);
     KeldStatusEventsWaiting(retries.list.size());
