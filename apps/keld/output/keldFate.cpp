@@ -91,8 +91,10 @@ KeldHandling::~KeldHandling()
     } else {
         KeldStatusFate(present.fate);
         if (present.origin.count != 0)
-            KeldJournalTell([&] { return JournalFateEntry{present.origin, present.fate, present.text}; });
+            KeldJournalTellWithNext(
+                [&] { return JournalFateEntry{present.origin, present.fate, present.text}; });
     }
+    if (KeldJournalHeard()) KeldJournalHandOver(); // the fate, and what an event has left before it
     present.origin = {};
     present.handling = false;
 }
@@ -126,7 +128,7 @@ void KeldOrigins::Became(KeldOutcome outcome, const char *format, ...)
     va_end(args);
 }
 
-KeldCause::KeldCause()
+KeldCause::KeldCause() : fateFollows(tPresent.handling)
 {
     if (KeldOrigins *origins = tPresent.origins) {
         origins->mPosted = true;

@@ -101,6 +101,7 @@ struct KeldCause {
     KeldCause();
     std::span<const KeldOrigin> named;
     std::uint32_t unnamed = 0; // how many more
+    bool fateFollows = false;  // this thread is handling an observation, and tells its fate behind that
 };
 
 // How many handlers have returned without a fate. Any thread.

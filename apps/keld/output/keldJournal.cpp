@@ -1,6 +1,6 @@
 // Life of an entry: rendered by the thread that has something to tell, without the lock; given its number
-// and appended under it to the one store; copied out and written by each listener's writer, again without
-// the lock.
+// and appended under it to the one store, alone or with others of that thread; copied out and written by
+// each listener's writer, again without the lock.
 //
 // Life of a listener: the accepting thread enters it and starts its writer, which begins with the hello.
 // The accepting thread watches for its end, whoever ends it, and takes it out again. It also turns away
@@ -35,7 +35,7 @@ namespace {
 constexpr std::size_t kListenersMax = 2;
 constexpr std::size_t kWaitingBytesMax = std::size_t{16} << 20; // of all listeners
 constexpr std::size_t kWriteBytes = 64 << 10;                   // at a time
-constexpr std::size_t kRoomBytesKept = 16 << 10;                // that a thread keeps for an entry
+constexpr std::size_t kRoomBytesKept = 16 << 10;                // that a thread keeps for its entries
 constexpr int kGatherMilliseconds = 1; // entries that come within it wake a writer once
 constexpr int kAcceptPauseMilliseconds = 1000;
 constexpr std::chrono::milliseconds kEndWait{200};
@@ -77,6 +77,13 @@ struct State {
 };
 State &state = *new State; // its threads outlive main
 
+std::uint64_t Now() // wall-clock microseconds since the epoch
+{
+    timeval now{};
+    (void)KTime_GetTimeOfDay(&now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000 + static_cast<std::uint64_t>(now.tv_usec);
+}
+
 // ---- One listener ---------------------------------------------------------------------------------------
 
 std::string Hello() REQUIRES(state.journalMutex)
@@ -91,7 +98,7 @@ std::string Hello() REQUIRES(state.journalMutex)
         hello.agents.push_back(
             {agent.number, agent.ended, agent.name ? std::string_view(*agent.name) : ""});
     std::string entry;
-    Journal_Append(&entry, state.entries.End() + 1, KeldJournalNow(), hello);
+    Journal_Append(&entry, state.entries.End() + 1, Now(), hello);
     return entry;
 }
 
@@ -127,7 +134,7 @@ void Take(Listener &listener, std::string *bytes)
     bytes->swap(listener.hello);
     listener.hello.clear();
     if (const std::uint64_t next = listener.entries.Next(); next > listener.next) {
-        Journal_Append(bytes, listener.next + 1, KeldJournalNow(), JournalGap{next});
+        Journal_Append(bytes, listener.next + 1, Now(), JournalGap{next});
         state.beginDue = true;
     }
     listener.entries.Read(bytes, kWriteBytes, state.entries.End());
@@ -230,30 +237,31 @@ void *KeldJournalMain(void *)
 std::string &KeldJournalRoom()
 {
     thread_local std::string room;
-    if (room.capacity() > kRoomBytesKept) room = {};
-    room.clear();
     return room;
 }
 
-std::uint64_t KeldJournalNow()
-{
-    timeval now{};
-    (void)KTime_GetTimeOfDay(&now);
-    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000 + static_cast<std::uint64_t>(now.tv_usec);
-}
-
-void KeldJournalStore(std::string *entry)
-{
+void KeldJournalHandOver()
+try {
+    std::string &room = KeldJournalRoom();
+    if (room.empty()) return;
+    const std::uint64_t now = Now();
     {
         const KeldLock lock(state.journalMutex);
-        Journal_SetNumber(entry->data(), state.entries.End() + 1);
-        (void)state.entries.Append(*entry);
+        std::uint64_t count = 0;
+        for (std::size_t at = 0; at < room.size(); ++count)
+            at += Journal_Stamp(room.data() + at, state.entries.End() + count + 1, now);
+        (void)state.entries.Append(room, count);
     }
     state.appended.notify_all(); // no system call while nobody waits
+    room.clear();
+    if (room.capacity() > kRoomBytesKept) room = {};
+} catch (const std::bad_alloc &) {
+    KeldJournalDisconnect();
 }
 
 void KeldJournalDisconnect()
 {
+    KeldJournalRoom() = {};
     const KeldLock lock(state.journalMutex);
     for (Listener &listener : state.listeners) {
         listener.cut = true;
@@ -292,7 +300,7 @@ int KeldJournalOpen(const char *version)
     state.version = version;
     state.boot = KeldBootId();
     state.startTicks = KeldProcessStart();
-    state.since = KeldJournalNow();
+    state.since = Now();
     unlink(address.sun_path);
     state.socket = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     // The file gets the socket's mode: it is nobody else's from its first moment on.

@@ -62,6 +62,8 @@ public:
     void NotMade(JournalDelivery why) const; // nothing of it remains
 
 private:
+    const JournalOut &Entry(const std::byte *record, std::size_t length) const;
+
     const std::uint64_t mEvent = gEvents.fetch_add(1, std::memory_order_relaxed) + 1;
     const KeldCause mCause;
     const char *mPrefix;
@@ -186,21 +188,29 @@ void Post(int defer, const char *prefix, std::string_view remainder, const char 
 
 void EventJournal::Out(const std::byte *record, std::size_t length) const
 {
-    std::string type; // lasts until the entry is written
-    KeldJournalTell([&] {
-        type.append(mPrefix).append(mRemainder);
-        return JournalOut{mEvent,
-                          {mCause.named.begin(), mCause.named.end()},
-                          mCause.unnamed,
-                          type,
-                          {{reinterpret_cast<const char *>(record), length}}};
-    });
+    KeldJournalTell([&]() -> const JournalOut & { return Entry(record, length); });
 }
 
 void EventJournal::NotMade(JournalDelivery why) const
 {
-    Out(nullptr, 0);
-    KeldPlingTellDelivery(mEvent, why, 0);
+    KeldStatusEvent(why);
+    KeldJournalTellWithNext([&]() -> const JournalOut & { return Entry(nullptr, 0); });
+    KeldJournalTellWithNext([&] { return JournalDeliveryEntry{mEvent, why, 0}; });
+    if (!mCause.fateFollows) KeldJournalHandOver();
+}
+
+// Good until the thread's next one, which needs no memory anew.
+const JournalOut &EventJournal::Entry(const std::byte *record, std::size_t length) const
+{
+    thread_local std::string type;
+    thread_local JournalOut out;
+    type.assign(mPrefix).append(mRemainder);
+    out.event = mEvent;
+    out.origins.assign(mCause.named.begin(), mCause.named.end());
+    out.unnamed = mCause.unnamed;
+    out.type = type;
+    out.record.bytes = {reinterpret_cast<const char *>(record), length};
+    return out;
 }
 
 thread_local MallocPtr<std::byte> EventBuffer::kept;

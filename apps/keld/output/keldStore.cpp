@@ -11,7 +11,11 @@ namespace {
 
 constexpr std::size_t kChunkBytes = 32 << 10;
 constexpr std::size_t kManyChunks = 64; // so many were a burst: behind it their memory is given back
-using Length = std::uint32_t;           // what stands before an entry
+
+struct Header { // of a piece
+    std::uint32_t length;
+    std::uint32_t count;
+};
 
 } // namespace
 
@@ -20,9 +24,9 @@ KeldStore::KeldStore(std::size_t recentBytes, std::size_t waitingBytes)
 {
 }
 
-bool KeldStore::Append(std::string_view entry)
+bool KeldStore::Append(std::string_view entries, std::uint64_t count)
 {
-    const std::size_t needed = sizeof(Length) + entry.size();
+    const std::size_t needed = sizeof(Header) + entries.size();
     bool missed = false;
     if (mChunks.empty() || mChunks.back().size - (mEnd.at - mChunks.back().first.at) < needed) {
         AddChunk(std::max(needed, kChunkBytes));
@@ -32,16 +36,21 @@ bool KeldStore::Append(std::string_view entry)
     }
     Chunk &chunk = mChunks.back();
     char *to = chunk.bytes.get() + (mEnd.at - chunk.first.at);
-    const auto length = static_cast<Length>(entry.size());
-    std::memcpy(to, &length, sizeof length);
-    std::memcpy(to + sizeof length, entry.data(), entry.size());
-    mEnd = {mEnd.at + needed, mEnd.number + 1};
+    const Header header{static_cast<std::uint32_t>(entries.size()), static_cast<std::uint32_t>(count)};
+    std::memcpy(to, &header, sizeof header);
+    std::memcpy(to + sizeof header, entries.data(), entries.size());
+    mEnd = {mEnd.at + needed, mEnd.number + count};
     chunk.end = mEnd.at;
-    ++chunk.entries;
-    for (mRecentBytes += entry.size(); mRecentBytes > mRecentBytesMax; ++mRecent.number) {
-        const std::size_t bytes = EntryAt(mRecent.at).size();
-        mRecentBytes -= bytes;
-        mRecent.at += sizeof(Length) + bytes;
+    chunk.entries += count;
+    if (entries.size() > mRecentBytesMax) { // none is recent, this one included
+        mRecent = mEnd;
+        mRecentBytes = 0;
+        return missed;
+    }
+    for (mRecentBytes += entries.size(); mRecentBytes > mRecentBytesMax;) {
+        const Piece oldest = PieceAt(mRecent.at);
+        mRecentBytes -= oldest.entries.size();
+        mRecent = Behind(mRecent, oldest);
     }
     return missed;
 }
@@ -53,7 +62,7 @@ void KeldStore::AddChunk(std::size_t bytes)
     mChunks.push_back(std::move(chunk));
 }
 
-std::string_view KeldStore::EntryAt(std::uint64_t at) const
+KeldStore::Piece KeldStore::PieceAt(std::uint64_t at) const
 {
     auto behind = mChunks.begin();
     if (at >= behind->end)
@@ -61,9 +70,14 @@ std::string_view KeldStore::EntryAt(std::uint64_t at) const
             return place < chunk.end;
         });
     const char *from = behind->bytes.get() + (at - behind->first.at);
-    Length length;
-    std::memcpy(&length, from, sizeof length);
-    return {from + sizeof length, length};
+    Header header;
+    std::memcpy(&header, from, sizeof header);
+    return {{from + sizeof header, header.length}, header.count};
+}
+
+KeldStore::Place KeldStore::Behind(Place place, const Piece &piece)
+{
+    return {place.at + sizeof(Header) + piece.entries.size(), place.number + piece.count};
 }
 
 // Drops the oldest chunk. True when a reader still wanted some of it, and so has missed that.
@@ -113,9 +127,9 @@ void KeldStore::Reader::Read(std::string *text, std::size_t bytesMax, std::uint6
     const std::size_t length = text->size();
     try {
         while (mNext.number < until && text->size() < bytesMax) {
-            const std::string_view entry = mStore.EntryAt(mNext.at);
-            text->append(entry);
-            mNext = {mNext.at + sizeof(Length) + entry.size(), mNext.number + 1};
+            const Piece piece = mStore.PieceAt(mNext.at);
+            text->append(piece.entries);
+            mNext = Behind(mNext, piece);
         }
     } catch (const std::bad_alloc &) {
         mNext = before;

@@ -54,14 +54,19 @@ public:
     // all.
     KeldStore(std::size_t recentBytes, std::size_t waitingBytes);
 
-    // Adds an entry under the next number. True when a reader has missed something for it. Throws
-    // std::bad_alloc, with nothing changed.
-    bool Append(std::string_view entry);
+    // Adds entries under the next numbers, given one behind the other; they are read or missed together.
+    // True when a reader has missed something for them. Throws std::bad_alloc, with nothing changed.
+    bool Append(std::string_view entries, std::uint64_t count = 1);
 
     std::uint64_t End() const { return mEnd.number; } // the number of the next entry, from 0 on
 
 private:
-    // Entries one behind the other, each behind its length; none lies in two chunks.
+    // What was added at once.
+    struct Piece {
+        std::string_view entries;
+        std::uint64_t count = 0;
+    };
+    // Pieces one behind the other, each behind its header; none lies in two chunks.
     struct Chunk {
         Place first;
         std::uint64_t end = 0; // where the next chunk begins
@@ -70,7 +75,8 @@ private:
         std::unique_ptr<char[]> bytes;
     };
 
-    std::string_view EntryAt(std::uint64_t at) const;
+    Piece PieceAt(std::uint64_t at) const;
+    static Place Behind(Place place, const Piece &piece);
     void AddChunk(std::size_t bytes);
     bool DropFront();
     void DropUnwanted();

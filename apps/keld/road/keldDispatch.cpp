@@ -171,18 +171,20 @@ void TellIn(std::int32_t channel, const Batch &batch)
                 begin.queued.push_back({stream->number, stream->queued});
             return begin;
         });
-    for (const auto &stream : streams.list)
-        stream->told = stream->queued;
     JournalIn in{.observation = streams.observations, .channel = channel, .to = {}, .record = {}};
     for (std::size_t at = 0; at < batch.size; at += in.record.bytes.size()) {
         const std::byte *record = batch.bytes + at;
         ++in.observation;
         in.record.bytes = {reinterpret_cast<const char *>(record), KelRecord_TotalLength(record)};
         in.to.clear();
+        const std::uint32_t initial = KeldInitial(IdOf(record));
         for (const auto &stream : streams.list)
-            if (Wants(*stream, record)) in.to.push_back({stream->number, ++stream->told});
-        KeldJournalTell([&]() -> const JournalIn & { return in; });
+            if ((stream->subscription.initials & initial) != 0 && Wants(*stream, record))
+                in.to.push_back(
+                    {stream->number, stream->told = std::max(stream->told, stream->queued) + 1});
+        KeldJournalTellWithNext([&]() -> const JournalIn & { return in; });
     }
+    KeldJournalHandOver();
 }
 
 void TellLost(const KeldStream &stream, KeldFate fate)

@@ -31,8 +31,8 @@ struct KeldStream {
     // Whole records: written by the main thread, taken by the agent for its handler.
     std::uint64_t queued = 0;
     std::atomic<std::uint64_t> taken = 0; // read at the exit, when an agent may still run
-    // The last record that the journal was told goes to this agent, also when it was given up since. Main
-    // thread only.
+    // The last record that the journal was told goes to this agent, also when it was given up since; behind
+    // queued when nobody has listened. Main thread only.
     std::uint64_t told = 0;
 };
 

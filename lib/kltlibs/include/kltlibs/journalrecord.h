@@ -30,6 +30,7 @@ enum : std::uint32_t {
     kJournalFormat = 1,
     kJournalHeaderBytes = 24,
     kJournalNumberAt = 8,
+    kJournalTimeAt = 16,
     kJournalEntryBytesMax = 256 << 10,
     kJournalTextBytesMax = 0xFFFF,
 };
@@ -291,9 +292,14 @@ private:
     std::string *mTo;
 };
 
-inline void Journal_SetNumber(char *entry, std::uint64_t number)
+// Gives a rendered entry its number and time, and returns its length.
+inline std::uint32_t Journal_Stamp(char *entry, std::uint64_t number, std::uint64_t microseconds)
 {
     std::memcpy(entry + kJournalNumberAt, &number, sizeof number);
+    std::memcpy(entry + kJournalTimeAt, &microseconds, sizeof microseconds);
+    std::uint32_t length;
+    std::memcpy(&length, entry, sizeof length);
+    return length;
 }
 
 // Appends one entry. Throws std::bad_alloc, which may leave a part of it behind. Lists have at most 65535
