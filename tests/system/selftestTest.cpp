@@ -85,6 +85,17 @@ TEST_F(SelftestTest, WhatIsChangedFailsAndHoldsUpItsRow)
                                        "INFO: Tests completed. Failures = 3"));
 }
 
+TEST_F(SelftestTest, OneMoreThanAgreedEndsTheTest)
+{
+    script.push_back(script[0]);
+    SendMarker("start");
+    SendScript();
+    EXPECT_EQ(1, daemon->WaitForExit());
+    EXPECT_THAT(Verdict(), ElementsAre("FAIL: More KELs receieved than expected! kelId = "
+                                       "'kel.tests.user.withoutParams'.  Did more get added to the "
+                                       "testworld?"));
+}
+
 TEST_F(SelftestTest, NothingMayArriveInTheCorruptWindowOrOutOfPlace)
 {
     EXPECT_EQ(0, producer->Send(script[0]));
