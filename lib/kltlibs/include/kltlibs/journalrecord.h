@@ -5,7 +5,7 @@
 //     4-5    kind
 //     6-7    zero
 //     8-15   number: of each entry one more than of the one before
-//     16-23  when it was made, wall-clock microseconds since the epoch
+//     16-23  when it was told, wall-clock microseconds since the epoch
 //     24-    the fields of its kind, in their order
 //
 // Numbers take their own bytes; a text is its length in 2 bytes and its bytes, without a NUL; a record its
