@@ -94,6 +94,18 @@ TEST_F(NightTest, ALogThatDoesNotReadHoldsNothingAndLearnsHowManyLinesItMissed)
     EXPECT_THAT(daemon->Told(), ContainsRegex("[0-9]+ lines? .*not taken by the system log"));
 }
 
+TEST_F(NightTest, ALogThatIsOnlySlowIsWaitedFor)
+{
+    Start(kShippedDaemon, {}, {"KELD_LOG_SOCKET=" + logPath});
+    const DatagramSocket slow(logPath);
+    const UniqueFd other = ConnectTo(logPath, SOCK_DGRAM);
+    while (send(other.Get(), "full", 4, MSG_DONTWAIT) > 0) {
+    }
+    SendReport(0, "stimulus");
+    EXPECT_TRUE(WaitUntil([&] { return slow.Take().find("kel.external.error") != std::string::npos; }));
+    EXPECT_EQ(1U, receiver.WaitFor(1).size());
+}
+
 TEST_F(NightTest, ALogThatIsAStreamGetsLinesThatEndWithNul)
 {
     const UniqueFd listening = ListenAt(logPath, 8);

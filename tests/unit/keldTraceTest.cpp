@@ -16,7 +16,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <kltlibs/kelrecord.h>
+#include <linux/sockios.h>
 #include <malloc.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <thread>
 
@@ -200,6 +202,18 @@ TEST_F(TraceTest, Kept_EntryOfAClientThatIsGoneStaysUntilItsDescriptorIsUsedAgai
 }
 
 // ---- Clients that do not behave -------------------------------------------------------------------
+
+TEST_F(TraceTest, WhatAClientSendsMeansNothing)
+{
+    TraceClient client = ConnectAndSkipHistory();
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(1, send(client.Fd(), "x", 1, MSG_NOSIGNAL));
+        int unread = 1;
+        ASSERT_TRUE(WaitUntil([&] { return ioctl(client.Fd(), SIOCOUTQ, &unread) == 0 && unread == 0; }));
+    }
+    In(MakeRecord("kel.x", " "));
+    EXPECT_THAT(client.Line(), HasSubstr(",kel.x,"));
+}
 
 TEST_F(TraceTest, ClientThatDoesNotReadDelaysNobodyAndIsDisconnected)
 {
