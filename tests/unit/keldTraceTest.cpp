@@ -242,6 +242,18 @@ TEST_F(TraceTest, ClientThatDoesNotReadDelaysNobodyAndIsDisconnected)
     AwaitNoClients();
 }
 
+TEST_F(TraceTest, WhatASlowClientHasTakenAtLastIsGivenBack)
+{
+    TraceClient slow = ConnectAndSkipHistory();
+    const std::size_t used = mallinfo2().uordblks;
+    constexpr std::size_t kLines = 8 * kMegabyte / 1024;
+    for (std::size_t i = 0; i < kLines; ++i)
+        InOfBytes(1024);
+    for (std::size_t i = 0; i < kLines; ++i)
+        ASSERT_EQ(1023U, slow.Line().size());
+    EXPECT_TRUE(WaitUntil([&] { return mallinfo2().uordblks < used + kMegabyte; }));
+}
+
 TEST_F(TraceTest, ClientsThatComeAndGoLeaveNothingBehind)
 {
     for (int i = 0; i < 32; ++i)
