@@ -177,11 +177,11 @@ void TellIn(std::int32_t channel, const Batch &batch)
         ++in.observation;
         in.record.bytes = {reinterpret_cast<const char *>(record), KelRecord_TotalLength(record)};
         in.to.clear();
-        const std::uint32_t initial = KeldInitial(IdOf(record));
-        for (const auto &stream : streams.list)
-            if ((stream->subscription.initials & initial) != 0 && Wants(*stream, record))
-                in.to.push_back(
-                    {stream->number, stream->told = std::max(stream->told, stream->queued) + 1});
+        for (const auto &stream : streams.list) {
+            if (!Wants(*stream, record)) continue;
+            stream->told = std::max(stream->told, stream->queued) + 1;
+            in.to.push_back({stream->number, stream->told});
+        }
         KeldJournalTellWithNext([&]() -> const JournalIn & { return in; });
     }
     KeldJournalHandOver();

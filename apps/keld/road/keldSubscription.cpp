@@ -17,9 +17,8 @@ int KeldSubscriptionAddExactId(KeldSubscription *subscription, const std::string
     return 0;
 }
 
-bool KeldSubscriptionMatches(const KeldSubscription &subscription, std::string_view id)
+bool KeldSubscriptionNames(const KeldSubscription &subscription, std::string_view id)
 {
-    if ((subscription.initials & KeldInitial(id)) == 0) return false;
     for (std::int32_t i = 0; i < subscription.prefixCount; ++i) {
         const std::string &prefix = subscription.prefixes[static_cast<std::size_t>(i)];
         if (id.size() > prefix.size() && id[prefix.size()] == '.' && id.starts_with(prefix)) return true;

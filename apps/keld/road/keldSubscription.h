@@ -27,8 +27,14 @@ constexpr std::uint32_t KeldInitial(std::string_view id)
     return id.size() > 4 ? 1U << (static_cast<unsigned char>(id[4]) % 32) : ~0U;
 }
 
+// The same as KeldSubscriptionMatches, for an ID whose initial may match.
+bool KeldSubscriptionNames(const KeldSubscription &subscription, std::string_view id);
+
 // True for an ID that lies below a prefix ("kel.net.x" for "kel.net", neither "kel.net" nor
 // "kel.network.x"), or is an exact ID.
-bool KeldSubscriptionMatches(const KeldSubscription &subscription, std::string_view id);
+inline bool KeldSubscriptionMatches(const KeldSubscription &subscription, std::string_view id)
+{
+    return (subscription.initials & KeldInitial(id)) != 0 && KeldSubscriptionNames(subscription, id);
+}
 
 #endif
