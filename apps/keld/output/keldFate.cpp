@@ -94,7 +94,9 @@ KeldHandling::~KeldHandling()
             KeldJournalTellWithNext(
                 [&] { return JournalFateEntry{present.origin, present.fate, present.text}; });
     }
-    if (KeldJournalHeard()) KeldJournalHandOver(); // the fate, and what an event has left before it
+    // The fate, and what an event has left before it: also when the listener has gone meanwhile, else the
+    // next one would get it, as if it were new.
+    KeldJournalHandOver();
     present.origin = {};
     present.handling = false;
 }
