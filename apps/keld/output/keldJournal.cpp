@@ -36,7 +36,7 @@ constexpr std::size_t kListenersMax = 2;
 constexpr std::size_t kWaitingBytesMax = std::size_t{16} << 20; // of all listeners
 constexpr std::size_t kWriteBytes = 64 << 10;                   // at a time
 constexpr std::size_t kRoomBytesKept = 16 << 10;                // that a thread keeps for its entries
-constexpr int kGatherMilliseconds = 1; // entries that come within it wake a writer once
+constexpr int kGatherMilliseconds = 5; // entries that come within it wake a writer once
 constexpr int kAcceptPauseMilliseconds = 1000;
 constexpr std::chrono::milliseconds kEndWait{200};
 
@@ -152,7 +152,8 @@ void *KeldJournalWriter(void *argument)
     Listener &listener = *static_cast<Listener *>(argument);
     try {
         for (std::string bytes; Await(listener);) {
-            if (!Ending()) poll(nullptr, 0, kGatherMilliseconds);
+            // Not behind a full write, since more waits: it would be outrun by a busy daemon.
+            if (bytes.size() < kWriteBytes && !Ending()) poll(nullptr, 0, kGatherMilliseconds);
             bytes.clear();
             Take(listener, &bytes);
             if (KeldSendAll(listener.connection.Get(), bytes) != 0) break;

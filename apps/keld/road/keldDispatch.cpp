@@ -55,6 +55,7 @@ struct Streams {
     std::list<std::unique_ptr<KeldStream>> list GUARDED_BY(lock); // in order of registration
     std::uint16_t registered GUARDED_BY(lock) = 0;                // so far
     std::uint64_t observations = 0;                               // so far; main thread
+    JournalIn told; // the last one; kept for its list's memory; main thread
 };
 Streams &streams = *new Streams; // agents that were cancelled leave theirs behind
 
@@ -171,7 +172,9 @@ void TellIn(std::int32_t channel, const Batch &batch)
                 begin.queued.push_back({stream->number, stream->queued});
             return begin;
         });
-    JournalIn in{.observation = streams.observations, .channel = channel, .to = {}, .record = {}};
+    JournalIn &in = streams.told;
+    in.observation = streams.observations;
+    in.channel = channel;
     for (std::size_t at = 0; at < batch.size; at += in.record.bytes.size()) {
         const std::byte *record = batch.bytes + at;
         ++in.observation;

@@ -254,30 +254,29 @@ struct JournalEnd {
 
 // ---- Writing --------------------------------------------------------------------------------------
 
+// Writes fields one behind the other, or only counts their bytes when there is nowhere to write to. So an
+// entry's length is known before its first byte: it is given room once.
 class JournalWriter {
 public:
-    explicit JournalWriter(std::string *to) : mTo(to) {}
+    explicit JournalWriter(char *to) : mTo(to) {}
 
     void operator()(const auto &...fields) { (Put(fields), ...); }
 
+    std::size_t Bytes() const { return mBytes; } // so far
+
 private:
     template <class T>
-    requires(std::integral<T> || std::is_enum_v<T>) void Put(T value)
-    {
-        char bytes[sizeof value];
-        std::memcpy(bytes, &value, sizeof value);
-        mTo->append(bytes, sizeof bytes);
-    }
+    requires(std::integral<T> || std::is_enum_v<T>) void Put(T value) { Put(&value, sizeof value); }
     void Put(std::string_view text)
     {
         text = text.substr(0, kJournalTextBytesMax);
         Put(static_cast<std::uint16_t>(text.size()));
-        mTo->append(text);
+        Put(text.data(), text.size());
     }
     void Put(const JournalBytes &record)
     {
         Put(static_cast<std::uint32_t>(record.bytes.size()));
-        mTo->append(record.bytes);
+        Put(record.bytes.data(), record.bytes.size());
     }
     template <class T> void Put(const std::vector<T> &list)
     {
@@ -288,8 +287,14 @@ private:
     template <class T>
     requires requires { &T::template Fields<const T, JournalWriter &>; }
     void Put(const T &item) { T::Fields(item, *this); }
+    void Put(const void *bytes, std::size_t count)
+    {
+        if (mTo != nullptr && count != 0) std::memcpy(mTo + mBytes, bytes, count);
+        mBytes += count;
+    }
 
-    std::string *mTo;
+    char *const mTo;
+    std::size_t mBytes = 0;
 };
 
 // Gives a rendered entry its number and time, and returns its length.
@@ -302,17 +307,20 @@ inline std::uint32_t Journal_Stamp(char *entry, std::uint64_t number, std::uint6
     return length;
 }
 
-// Appends one entry. Throws std::bad_alloc, which may leave a part of it behind. Lists have at most 65535
-// items, and the entry at most kJournalEntryBytesMax bytes. Any thread.
+// Appends one entry. Throws std::bad_alloc, with nothing changed. Lists have at most 65535 items, and the
+// entry at most kJournalEntryBytesMax bytes. Any thread.
 template <class Entry>
 void Journal_Append(std::string *to, std::uint64_t number, std::uint64_t microseconds, const Entry &entry)
 {
+    const auto write = [&](JournalWriter writer, std::size_t length) {
+        writer(static_cast<std::uint32_t>(length), Entry::kKind, std::uint16_t{0}, number, microseconds);
+        Entry::Fields(entry, writer);
+        return writer.Bytes();
+    };
     const std::size_t begin = to->size();
-    JournalWriter write(to);
-    write(std::uint32_t{0}, Entry::kKind, std::uint16_t{0}, number, microseconds);
-    Entry::Fields(entry, write);
-    const auto length = static_cast<std::uint32_t>(to->size() - begin);
-    std::memcpy(to->data() + begin, &length, sizeof length);
+    const std::size_t length = write(JournalWriter(nullptr), 0);
+    to->resize(begin + length);
+    write(JournalWriter(to->data() + begin), length);
 }
 
 #endif
