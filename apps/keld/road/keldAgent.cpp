@@ -6,6 +6,7 @@
 
 #include "keldAgent.h"
 
+#include "keldDispatch.h"
 #include "keldLog.h"
 #include "keldMutex.h"
 #include "keldSignal.h"

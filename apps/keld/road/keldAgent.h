@@ -2,7 +2,7 @@
 #ifndef KELD_AGENT_H
 #define KELD_AGENT_H
 
-#include "keldDispatch.h"
+#include "keldStream.h"
 
 #include <functional>
 #include <memory>

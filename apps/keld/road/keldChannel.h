@@ -26,8 +26,8 @@ int KeldChannelOpen(KeldChannel *channel, int *fd);
 // Closes every open channel, logging what cannot be closed.
 void KeldChannelCloseAll(KeldChannelTable *channels);
 
-// One heap buffer for all reads, which grows and never shrinks: for what does not fit, and up to a point for
-// what would fill more than half of it.
+// One heap buffer for all reads, which grows and never shrinks: for what does not fit, and up to a point
+// for what would fill more than half of it.
 struct KeldRecordBuffer {
     MallocPtr<std::byte> bytes;
     std::uint32_t size = 0;
