@@ -91,7 +91,6 @@ int EnableAsyncObservations();
 int Refuse(const char *what, int error);
 int RefuseChannel(const KeldChannel &channel, int error);
 void TellReady();
-void TellDropped(std::int32_t channel, std::size_t bytes, const char *why);
 void TellEnd(int code);
 void TellJournalEnd(int code);
 
@@ -166,7 +165,7 @@ int Daemon::Start(bool asyncEnable, bool optionalAgents)
         mPoll.Append(fd);
     }
     KeldStatusOpen(KELD_VERSION); // no other daemon has the run directory now
-    KelLib_SetDropObserver(TellDropped);
+    KelLib_SetDropObserver(KeldChannelTellDropped);
     const int traceListener = KeldTraceOpen(nullptr);
     if (traceListener < 0) KeldLog("Trace socket cannot be opened: %s\n", std::strerror(errno));
     mPoll.Append(traceListener); // without one, the slot stays empty
@@ -235,13 +234,7 @@ void TellJournalEnd(int code)
 {
     KeldDispatchTellLost();
     KeldPlingTellLost();
-    KeldJournalEnd({code, KeldDispatchCount(), KeldPlingCount()});
-}
-
-void TellDropped(std::int32_t channel, std::size_t bytes, const char *why)
-{
-    KeldStatusDropped(static_cast<std::size_t>(channel));
-    KeldJournalTell([=] { return JournalDropped{channel, bytes, why}; });
+    KeldJournalEnd({code, KeldDispatchCount(), KeldJournalEvents()});
 }
 
 int EnableAsyncObservations()
@@ -316,7 +309,8 @@ int Daemon::ReadKernelChannel(KeldChannel *channel)
     const int code = KeldReadChannel(fd, static_cast<std::int32_t>(channel->context), &mBuffer);
     if (code != KELLIB_STATUS_TOO_SMALL) return code;
     (void)KelLib_Reset(channel->handle); // what waits there can never be read: it is lost
-    TellDropped(static_cast<std::int32_t>(channel->context), 0, "it does not fit the largest buffer");
+    KeldChannelTellDropped(static_cast<std::int32_t>(channel->context), 0,
+                           "it does not fit the largest buffer");
     return 0;
 }
 
@@ -329,7 +323,7 @@ void Daemon::AcceptProducer()
     } else {
         (void)KelLib_UserContextCloseCnx(fd);
         KeldTellLoss(KeldLoss::Producers, 1);
-        TellDropped(KELLIB_USER_CONTEXT, 0, "a connection: the daemon serves eight at a time");
+        KeldChannelTellDropped(KELLIB_USER_CONTEXT, 0, "a connection: the daemon serves eight at a time");
     }
 }
 

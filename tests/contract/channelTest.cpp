@@ -333,6 +333,11 @@ TEST_F(ChannelTest, ABatchIsAtMost131071BytesAndALargerDatagramNeedsALargerBuffe
     EXPECT_EQ(0x20000U, mCount);
     EXPECT_EQ("kel.a", Read(fd));
 
+    ASSERT_EQ(0, producer.Send(RecordBytes(140'000)));
+    send({60});
+    EXPECT_EQ("kel.a", Read(fd)) << "a malformed one is dropped, whatever its size";
+    EXPECT_EQ(Lines{"async-0: dropped 140000 bytes: record at byte 0: wrong magic"}, mLog.Lines());
+
     send({0x10000, 0x10000, 60});
     send({60});
     EXPECT_EQ("27", Read(fd));

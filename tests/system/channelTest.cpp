@@ -4,9 +4,9 @@
 #include <atomic>
 #include <csignal>
 #include <journalReader.h>
-#include <unixSocket.h>
 #include <sys/socket.h>
 #include <thread>
+#include <unixSocket.h>
 
 namespace {
 
@@ -72,8 +72,11 @@ TEST_F(ChannelTest, WhatAChannelRefusesIsToldToTheJournal)
         EXPECT_EQ(0, RawProducer(context).Send(malformed));
         EXPECT_TRUE(journal.ReadUntil([&] { return told.size() == (context == kUser ? 2 : 1); }));
     }
+    Texts lost;
+    EXPECT_EQ(0, RawProducer(4).Send(BatchOf(0x20000, &lost)));
+    EXPECT_TRUE(journal.ReadUntil([&] { return told.size() == 3; }));
     const std::string what = " record at byte 0: wrong magic";
-    EXPECT_EQ((Texts{"3" + what, "22" + what}), told);
+    EXPECT_EQ((Texts{"3" + what, "22" + what, "4 larger than a batch may be"}), told);
 }
 
 TEST_F(ChannelTest, AFloodOnOneChannelDelaysNoOther)

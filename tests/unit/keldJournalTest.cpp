@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <thread>
 
 using testing::IsEmpty;
 
@@ -112,7 +113,7 @@ TEST_F(JournalTest, WhatAListenerIsTooSlowForIsAGapByNumbersAndDelaysNobody)
     JournalReader slow;
     AwaitHello(slow);
     EXPECT_TRUE(KeldJournalBeginDue());
-    KeldJournalTell([] { return JournalBegin{}; });
+    KeldJournalTellBegin({});
     constexpr std::uint64_t kTold = 400;
     const std::string record(100'000, 'x');
     for (std::uint64_t number = 1; number <= kTold; ++number)
@@ -136,6 +137,35 @@ TEST_F(JournalTest, WhatAListenerIsTooSlowForIsAGapByNumbersAndDelaysNobody)
 }
 
 // ---- What is told -----------------------------------------------------------------------------------
+
+TEST_F(JournalTest, EveryEventThatIsToldBeforeABeginIsAmongThoseThatItCounts)
+{
+    JournalReader reader;
+    AwaitHello(reader);
+    constexpr std::uint64_t kEvents = 50'000;
+    std::jthread agent([] {
+        for (JournalOut out; out.event < kEvents;) {
+            out.event = KeldJournalNextEvent();
+            KeldJournalTell([&] { return out; });
+        }
+    });
+    JournalBegin large; // so that it takes a while to render
+    large.queued.resize(2000);
+    for (int i = 0; i < 100; ++i)
+        KeldJournalTellBegin(large);
+    agent.join();
+    KeldJournalEnd({0, 0, KeldJournalEvents()});
+
+    std::uint64_t told = 0;
+    reader.seen = [&](const JournalEntry &entry) {
+        if (const auto *out = std::get_if<JournalOut>(&entry.body)) told = out->event;
+        if (const auto *begin = std::get_if<JournalBegin>(&entry.body)) {
+            EXPECT_LE(told, begin->events);
+        }
+    };
+    EXPECT_TRUE(reader.ReadToTheEnd());
+    EXPECT_EQ(kEvents, told);
+}
 
 TEST_F(JournalTest, WhatAnAgentLeavesBehindIsLostAndWhatItHandledIsNot)
 {

@@ -11,7 +11,6 @@
 #endif
 #define GUARDED_BY(mutex) KELD_ANNOTATE(guarded_by(mutex))
 #define REQUIRES(mutex) KELD_ANNOTATE(requires_capability(mutex))
-#define UNSEEN_BY_LOCK_ANALYSIS KELD_ANNOTATE(no_thread_safety_analysis) // a lambda that a template calls
 
 class KELD_ANNOTATE(capability("mutex")) KeldMutex {
 public:

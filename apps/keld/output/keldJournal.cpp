@@ -71,7 +71,8 @@ struct State {
     std::vector<Agent> agents GUARDED_BY(journalMutex);
     bool ending GUARDED_BY(journalMutex) = false;
     std::atomic<bool> beginDue{false};
-    UniqueFd socket; // fixed after start, as all below
+    std::atomic<std::uint64_t> events{0}; // so far
+    UniqueFd socket;                      // fixed after start, as all below
     std::string version, boot;
     std::uint64_t startTicks = 0, since = 0;
 };
@@ -275,6 +276,26 @@ bool KeldJournalBeginDue()
 {
     return state.beginDue.load(std::memory_order_relaxed) && state.beginDue.exchange(false);
 }
+
+void KeldJournalTellBegin(JournalBegin begin)
+try {
+    {
+        const KeldLock lock(state.journalMutex);
+        // An event gets its number before it is told: those that were told are among these, as long as
+        // nobody tells one meanwhile.
+        begin.events = KeldJournalEvents();
+        std::string entry;
+        Journal_Append(&entry, state.entries.End() + 1, Now(), begin);
+        (void)state.entries.Append(entry);
+    }
+    state.appended.notify_all();
+} catch (const std::bad_alloc &) {
+    KeldJournalDisconnect();
+}
+
+std::uint64_t KeldJournalNextEvent() { return state.events.fetch_add(1, std::memory_order_relaxed) + 1; }
+
+std::uint64_t KeldJournalEvents() { return state.events.load(std::memory_order_relaxed); }
 
 void KeldJournalAgentBegins(std::uint16_t number, std::shared_ptr<const std::string> name)
 {

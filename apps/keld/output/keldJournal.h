@@ -31,9 +31,9 @@ void KeldJournalHandOver();
 // worse.
 void KeldJournalDisconnect();
 
-// Tells one entry, which make() gives, if somebody listens; but keeps it until the thread tells the next one
-// or hands over. That must be soon, and before it waits for anything: three entries at once cost little more
-// than one.
+// Tells one entry, which make() gives, if somebody listens; but keeps it until the thread tells the next
+// one or hands over. That must be soon, and before it waits for anything: three entries at once cost little
+// more than one.
 template <class Make> void KeldJournalTellWithNext(const Make &make)
 try {
     if (KeldJournalHeard()) Journal_Append(&KeldJournalRoom(), 0, 0, make());
@@ -55,6 +55,13 @@ template <class Make> void KeldJournalTell(const Make &make)
 
 // True once for each listener that has joined or has missed something: a begin is due. Main thread.
 bool KeldJournalBeginDue();
+
+// Tells the begin, with the events that there were so far: none behind them has been told before it.
+void KeldJournalTellBegin(JournalBegin begin);
+
+// The number of an event that is being made, from 1 on; and how many there were so far. Any thread.
+std::uint64_t KeldJournalNextEvent();
+std::uint64_t KeldJournalEvents();
 
 // What every hello says of the agents; a null name is empty. Any thread.
 void KeldJournalAgentBegins(std::uint16_t number, std::shared_ptr<const std::string> name);

@@ -50,8 +50,6 @@ std::array<std::byte, KIF_SYSTEM_UUID_BYTES> gSystemUuid{}; // fixed after start
 std::atomic<std::uint64_t> gRateWindowStart{0}; // seconds, 0 before the first event
 std::atomic<std::int32_t> gRateCount{0};
 
-std::atomic<std::uint64_t> gEvents{0}; // so far
-
 // Gives one event its number, and tells the journal of it.
 class EventJournal {
 public:
@@ -64,7 +62,7 @@ public:
 private:
     const JournalOut &Entry(const std::byte *record, std::size_t length) const;
 
-    const std::uint64_t mEvent = gEvents.fetch_add(1, std::memory_order_relaxed) + 1;
+    const std::uint64_t mEvent = KeldJournalNextEvent();
     const KeldCause mCause;
     const char *mPrefix;
     const std::string_view mRemainder;
@@ -285,5 +283,3 @@ int PackArguments(EventBuffer &buffer, std::size_t total, const char *format, va
 }
 
 } // namespace
-
-std::uint64_t KeldPlingCount() { return gEvents.load(std::memory_order_relaxed); }

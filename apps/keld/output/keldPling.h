@@ -2,8 +2,6 @@
 #ifndef KELD_PLING_H
 #define KELD_PLING_H
 
-#include <cstdint>
-
 enum class KeldEventClass : int { Problem = 0, Audit = 1, Clear = 2 };
 
 // Registers the retry alarm (keldPlingDelivery) and reads the host identity, which stays zero when it
@@ -22,8 +20,5 @@ void KeldPostEvent(int defer, KeldEventClass cls, const char *format, ...)
 
 // Posts a problem whose type ID is "nox.problem." + suffix. Discouraged: kept for its old callers.
 void Keld_PostProblem(const char *suffix, const char *format, ...) __attribute__((format(printf, 2, 3)));
-
-// How many events there were so far, whatever became of them. Any thread.
-std::uint64_t KeldPlingCount();
 
 #endif

@@ -1,7 +1,9 @@
 #include "keldChannel.h"
 
 #include "keldDispatch.h"
+#include "keldJournal.h"
 #include "keldLog.h"
+#include "keldStatus.h"
 
 #include <cstdlib>
 
@@ -29,6 +31,8 @@ int KeldReadChannel(int fd, std::int32_t channel, KeldRecordBuffer *buffer)
         if (status != KELLIB_STATUS_TOO_SMALL || buffer->size == kKeldBufferBytesMax) return status;
         if (!Grow(buffer)) return status;
     }
+    if (byteCount > kKeldBatchBytesMax)
+        KeldChannelTellDropped(channel, byteCount, "larger than a batch may be");
     if (byteCount == 0 || byteCount > kKeldBatchBytesMax) return -1;
     status = KeldDispatch(channel, buffer->bytes.get(), byteCount);
     // Grows ahead of need: several datagrams as large as these are to fit one batch.
@@ -68,4 +72,10 @@ void KeldChannelCloseAll(KeldChannelTable *channels)
             KeldLog("Error closing handle %p: %d\n", static_cast<void *>(channel.handle), status);
         channel.handle = nullptr;
     }
+}
+
+void KeldChannelTellDropped(std::int32_t channel, std::size_t bytes, const char *why)
+{
+    KeldStatusDropped(static_cast<std::size_t>(channel));
+    KeldJournalTell([=] { return JournalDropped{channel, bytes, why}; });
 }

@@ -52,4 +52,7 @@ bool KeldRecordBufferInit(KeldRecordBuffer *buffer);
 // or the errno of a failed pipe write.
 int KeldReadChannel(int fd, std::int32_t channel, KeldRecordBuffer *buffer);
 
+// Counts what was refused on a channel, and tells the journal. bytes is 0 when nobody knows.
+void KeldChannelTellDropped(std::int32_t channel, std::size_t bytes, const char *why);
+
 #endif

@@ -4,7 +4,6 @@
 #include "keldJournal.h"
 #include "keldLog.h"
 #include "keldMutex.h"
-#include "keldPling.h"
 #include "keldSignal.h"
 #include "keldStatus.h"
 #include "keldTrace.h"
@@ -23,6 +22,7 @@
 #include <string_view>
 #include <sys/uio.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -80,6 +80,7 @@ std::string_view IdOf(const std::byte *record)
 {
     return {KelRecord_ID(record), KelRecord_Word(record, KELRECORD_ID_LENGTH_AT) - std::size_t{1}};
 }
+void TellBegin() REQUIRES(streams.lock);
 void TellIn(std::int32_t channel, const Batch &batch) REQUIRES(streams.lock);
 void TellLost(const KeldStream &stream, KeldFate fate);
 int WriteWanted(KeldStream &stream, const Batch &batch);
@@ -161,17 +162,22 @@ bool Wants(const KeldStream &stream, const std::byte *record)
     return KeldSubscriptionMatches(stream.subscription, IdOf(record));
 }
 
+void TellBegin()
+try {
+    JournalBegin begin;
+    begin.observations = streams.observations;
+    for (const auto &stream : streams.list)
+        begin.queued.push_back({stream->number, stream->queued});
+    KeldJournalTellBegin(std::move(begin));
+} catch (const std::bad_alloc &) {
+    KeldJournalDisconnect();
+}
+
 // Tells the whole batch before any agent gets anything of it: else a fate could be told before its
 // observation.
 void TellIn(std::int32_t channel, const Batch &batch)
 {
-    if (KeldJournalBeginDue())
-        KeldJournalTell([]() UNSEEN_BY_LOCK_ANALYSIS { // held, as TellIn demands
-            JournalBegin begin{streams.observations, KeldPlingCount(), {}};
-            for (const auto &stream : streams.list)
-                begin.queued.push_back({stream->number, stream->queued});
-            return begin;
-        });
+    if (KeldJournalBeginDue()) TellBegin();
     JournalIn &in = streams.told;
     in.observation = streams.observations;
     in.channel = channel;
