@@ -186,7 +186,7 @@ TEST_F(TraceTest, NoLineIsLostOrDoubledBetweenHistoryAndLiveLines)
         tracer.join();
 }
 
-TEST_F(TraceTest, Kept_EntryOfAClientThatIsGoneStaysUntilItsDescriptorIsUsedAgain)
+TEST_F(TraceTest, AClientOnTheDescriptorsOfOneThatIsGoneGetsTheWholeHistory)
 {
     In(MakeRecord("kel.before", " "));
     Connect();

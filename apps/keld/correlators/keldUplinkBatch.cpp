@@ -188,7 +188,7 @@ void ReportBatch(UplinkBatches &batches, const std::string &nic)
         KeldOrigins origins;
         std::string names;
         for (const UplinkItem &item : items[loss]) {
-            names += (names.empty() ? "" : ", ") + item.name;
+            names += (&item == &items[loss].front() ? "" : ", ") + item.name; // a name may be empty
             origins.Add(item.origin);
         }
         batches.events[loss]({virtualSwitch.c_str(), nic.c_str(), names.c_str()});

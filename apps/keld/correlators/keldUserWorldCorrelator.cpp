@@ -88,11 +88,13 @@ void KeldUserWorldCorrelatorCoreDumped(Kel *kel)
         KeldPost<kApplicationDumped>(application, crashes, coreFile);
 }
 
+// Why there is no core file does not matter here, and may be null. A read that fails leaves all null.
 void KeldUserWorldCorrelatorCoreDumpFailed(Kel *kel)
 {
     const char *application = nullptr, *reason = nullptr;
     std::int32_t process = 0;
-    if (KeldRead<kDumpFailed>(kel, &application, &process, &reason) != 0) return;
+    (void)KeldRead<kDumpFailed>(kel, &application, &process, &reason);
+    if (application == nullptr) return;
     const std::int32_t crashes = CountCrash(state.dumpFailed, application);
     if (crashes != 0) KeldPost<kApplicationDumpFailed>(application, crashes);
 }
