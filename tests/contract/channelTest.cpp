@@ -376,6 +376,9 @@ TEST_F(ChannelTest, TheRunDirectoryIsLockedWhileAChannelIsOpen)
     close(open(path.c_str(), O_CREAT | O_WRONLY, 0644)); // left over: made anew
     KelLibHandle *first = Open(0), *second = Open(kUser);
     KelLibHandle *again;
+    char name[KELLIB_NAME_BYTES_MAX];
+    EXPECT_EQ(0, KelLib_HandleToName(first, name));
+    EXPECT_STREQ("async-0", name);
     EXPECT_EQ(EBUSY, KelLib_AsyncContextOpen(0, &again));
     EXPECT_EQ(EINVAL, KelLib_AsyncContextOpen(kUser, &again));
     EXPECT_EQ(EINVAL, KelLib_UserContextOpen(21, &again));

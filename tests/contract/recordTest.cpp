@@ -47,7 +47,8 @@ TEST(RecordTest, TakesIdsOf127CharactersAndNoOthers)
 
 TEST(RecordTest, TakesPackableFormatsAndNoOthers)
 {
-    for (const char *format : {"100%%", "%d", "%-5.3hd", "%hhu %hx %c", "%+lld %zu %#llo", "%zd", "% 08X"})
+    for (const char *format :
+         {"100%%", "%d", "%-5.3hd", "%hhu %hx %c", "%+lld %zu %#llo", "%zd", "% 08X", "%.00002d"})
         EXPECT_EQ(0, BuildResult("kel.user.test", format)) << format;
     for (const char *format : {"%p", "%f", "%n", "%*d", "%.*s", "%", "100%", "%l", "%ls", "%lc", "%Lf",
                                "%jd", "%5", "%3$d", "%100000d", "%.100000d"})
