@@ -36,7 +36,7 @@ constexpr std::size_t kListenersMax = 2;
 constexpr std::size_t kWaitingBytesMax = std::size_t{16} << 20; // of all listeners
 constexpr std::size_t kWriteBytes = 64 << 10;                   // at a time
 constexpr std::size_t kRoomBytesKept = 16 << 10;                // that a thread keeps for its entries
-constexpr int kGatherMilliseconds = 5; // entries that come within it wake a writer once
+constexpr std::size_t kBusyBytes = 4 << 10;                     // in a write: more is soon to come
 constexpr int kAcceptPauseMilliseconds = 1000;
 constexpr std::chrono::milliseconds kEndWait{200};
 
@@ -148,13 +148,20 @@ bool Ending()
     return state.ending;
 }
 
+// How long a writer gathers what comes together, behind a write of so many bytes. Each time that it wakes
+// costs as much as many entries; but little is not to wait for long, and behind a full write more waits.
+int GatherMilliseconds(std::size_t written)
+{
+    if (written >= kWriteBytes || Ending()) return 0;
+    return written >= kBusyBytes ? 5 : 1;
+}
+
 void *KeldJournalWriter(void *argument)
 {
     Listener &listener = *static_cast<Listener *>(argument);
     try {
         for (std::string bytes; Await(listener);) {
-            // Not behind a full write, since more waits: it would be outrun by a busy daemon.
-            if (bytes.size() < kWriteBytes && !Ending()) poll(nullptr, 0, kGatherMilliseconds);
+            poll(nullptr, 0, GatherMilliseconds(bytes.size()));
             bytes.clear();
             Take(listener, &bytes);
             if (KeldSendAll(listener.connection.Get(), bytes) != 0) break;
