@@ -132,7 +132,7 @@ bool Await(Listener &listener)
 void Take(Listener &listener, std::string *bytes)
 {
     const KeldLock lock(state.journalMutex);
-    bytes->swap(listener.hello);
+    bytes->append(listener.hello);
     listener.hello.clear();
     if (const std::uint64_t next = listener.entries.Next(); next > listener.next) {
         Journal_Append(bytes, listener.next + 1, Now(), JournalGap{next});
