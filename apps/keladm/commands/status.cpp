@@ -1,5 +1,6 @@
 #include "commands.h"
 #include "console.h"
+#include "journalEntry.h"
 #include "jsonLine.h"
 #include "runDirectory.h"
 #include "statusFormats.h"
@@ -82,9 +83,11 @@ void ShowCounts(Output &out, const StatusReport &report)
     Row(out, "main thread", ThreadText(report.main));
     Row(out, "alarm thread", ThreadText(report.alarm));
     Row(out, "observations", fmt::format("{} came in", report.observations));
-    Row(out, "events", CountsText(report.deliveries));
-    if (report.eventsWaiting != 0)
-        Row(out, "", fmt::format("{} of them wait for another try now", report.eventsWaiting));
+    StatusCounts events = report.deliveries;
+    for (auto &[word, count] : events) // how many wait now, not every try that failed
+        if (word == JournalWord(JournalDelivery::Waiting)) count = report.eventsWaiting;
+    std::erase_if(events, [](const auto &event) { return event.second == 0; });
+    Row(out, "events", CountsText(events));
     if (report.running && report.limitMax != 0)
         Row(out, "event limit",
             fmt::format("{} of {} in this minute ({} %)", report.limitUsed, report.limitMax,

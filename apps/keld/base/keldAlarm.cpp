@@ -51,8 +51,9 @@ void *KeldAlarmThread(void *)
                 KTime_WaitUntil(alarms.keldAlarmMapUpdated, lock.Waitable(), step.waitUntil);
         }
         if (fire == nullptr) continue;
-        const KeldStatusScope works(KeldStanding::Works);
+        KeldStatusStands(KeldStanding::Works);
         fire();
+        KeldStatusStands(KeldStanding::Idle); // since now
     }
 }
 
