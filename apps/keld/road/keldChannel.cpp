@@ -31,9 +31,11 @@ int KeldReadChannel(int fd, std::int32_t channel, KeldRecordBuffer *buffer)
         if (status != KELLIB_STATUS_TOO_SMALL || buffer->size == kKeldBufferBytesMax) return status;
         if (!Grow(buffer)) return status;
     }
-    if (byteCount > kKeldBatchBytesMax)
+    if (byteCount == 0) return -1;
+    if (byteCount > kKeldBatchBytesMax) {
         KeldChannelTellDropped(channel, byteCount, "larger than a batch may be");
-    if (byteCount == 0 || byteCount > kKeldBatchBytesMax) return -1;
+        return -1;
+    }
     status = KeldDispatch(channel, buffer->bytes.get(), byteCount);
     // Grows ahead of need: several datagrams as large as these are to fit one batch.
     if (byteCount > buffer->size / 2 && buffer->size < kKeldBufferBytesEnough) (void)Grow(buffer);

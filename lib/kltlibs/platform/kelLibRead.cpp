@@ -161,11 +161,11 @@ int ReadChannel(KelLibHandle &handle, Batch &batch)
         if (received < 0) return batch.End(errno);
         const std::size_t length = static_cast<std::size_t>(received);
         last = length;
-        KelFaultText fault;
         if (batch.Fits(length)) {
             batch.Add(datagram, length);
             handle.kept.reset();
-        } else if (handle.kept == nullptr && !KelValidate_Batch(datagram, length, &fault)) {
+        } else if (KelFaultText fault;
+                   handle.kept == nullptr && !KelValidate_Batch(datagram, length, &fault)) {
             batch.Drop(length, fault.data()); // else its size would cost what waits behind it
         } else if (Keep(handle, datagram, length) == 0) {
             return batch.End(KELLIB_STATUS_TOO_SMALL);
